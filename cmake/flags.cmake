@@ -1,0 +1,7 @@
+# What every target of the project is compiled with. Word size, sanitizers and compiler come from the presets.
+add_library(traiklofox_flags INTERFACE)
+target_compile_definitions(traiklofox_flags INTERFACE _GNU_SOURCE)
+target_compile_options(traiklofox_flags INTERFACE -Wall -Wextra -Wshadow -Wconversion -fno-omit-frame-pointer)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(traiklofox_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
+endif()

@@ -1,0 +1,33 @@
+# The sources are compiled once; the shared library and the static one (for tests that need what is hidden) are
+# made from the same objects.
+file(GLOB_RECURSE traiklofox_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)
+
+add_library(traiklofox_objects OBJECT ${traiklofox_sources})
+target_link_libraries(traiklofox_objects PRIVATE traiklofox_flags)
+target_include_directories(traiklofox_objects PUBLIC ${PROJECT_SOURCE_DIR}/include PRIVATE ${PROJECT_SOURCE_DIR}/src)
+# Large files and inodes never make a call fail; no public declaration changes with this macro.
+target_compile_definitions(traiklofox_objects PRIVATE
+  _FILE_OFFSET_BITS=64
+  TRAIKLOFOX_LOCK_FILE="${TRAIKLOFOX_LOCK_FILE}"
+  TRAIKLOFOX_TEMPLATE_FILE="${TRAIKLOFOX_TEMPLATE_FILE}"
+  TRAIKLOFOX_DEFAULT_HOME="${TRAIKLOFOX_DEFAULT_HOME}")
+if(TRAIKLOFOX_CHECK_LOCK_ORDER)
+  target_compile_definitions(traiklofox_objects PRIVATE TRAIKLOFOX_CHECK_LOCK_ORDER)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(traiklofox_objects PRIVATE -Wglobal-constructors -Wexit-time-destructors)
+endif()
+
+add_library(traiklofox SHARED $<TARGET_OBJECTS:traiklofox_objects>)
+add_library(traiklofox::traiklofox ALIAS traiklofox)
+target_include_directories(traiklofox INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+set_target_properties(traiklofox PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+# An application's own class of one of our names replaces nothing inside the library; its own copies of the
+# exported variables stay the ones that count.
+target_link_options(traiklofox PRIVATE -Wl,-Bsymbolic
+  -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/exported_variables.list)
+
+add_library(traiklofox_static STATIC $<TARGET_OBJECTS:traiklofox_objects>)
+target_include_directories(traiklofox_static INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
+target_compile_definitions(traiklofox_static INTERFACE _FILE_OFFSET_BITS=64)

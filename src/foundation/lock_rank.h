@@ -1,0 +1,34 @@
+#pragma once
+
+// The one list of the library's locks. A thread takes only a lock of a higher rank than any it holds; of two
+// registry keys, the parent first. Builds with TRAIKLOFOX_CHECK_LOCK_ORDER (the sanitizer presets) check it at
+// every acquisition and abort with both names; elsewhere the checks compile to nothing.
+
+#include <cstdint>
+
+namespace traiklofox::foundation {
+
+enum class LockRank : std::uint8_t {
+    RegistryCache,     // the tree against re-reads and writes of the file: RWLock, then the System V semaphore
+    OpenKeys,          // registry handle number -> open key
+    RegistryKey,       // one key's values and subkeys, parent before child
+    KeyNumbers,        // the numbers in use by registry keys
+    ThreadState,       // a thread's id, and whether it still runs
+    EventBookkeeping,  // Event::EventLock
+    Event,             // one event's state, waiters and registered multiple waits
+    EmbeddedEvent,     // the event inside a MultiEvent
+    Leaf,              // takes nothing further: RWLock's mutex, a thread's call queue, clocks
+};
+
+#if defined(TRAIKLOFOX_CHECK_LOCK_ORDER)
+void noteLockAcquired(LockRank rank, const void* lock);
+void noteLockReleased(LockRank rank, const void* lock);
+/// For the child of a fork: its only thread holds what the forking thread held.
+void forgetHeldLocks();
+#else
+inline void noteLockAcquired(LockRank, const void*) {}
+inline void noteLockReleased(LockRank, const void*) {}
+inline void forgetHeldLocks() {}
+#endif
+
+}  // namespace traiklofox::foundation

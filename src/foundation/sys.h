@@ -1,0 +1,196 @@
+#pragma once
+
+// The one thin layer over the system calls that can fail or that a test must control. The policies stand here
+// once: EINTR is retried (a sleep and a `futexWait` excepted, whose callers want to know), `close` never is, and
+// every descriptor is close-on-exec. Each function is one inline call; a test makes the n-th one fail, or time
+// jump, by wrapping the C library's function at link time (tests/support/fault_injection.h).
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+namespace traiklofox::sys {
+
+template <class Call>
+auto retryInterrupted(Call call) {
+    auto result = call();
+    while (result == -1 && errno == EINTR) result = call();
+    return result;
+}
+
+inline int open(const char* path, int flags, mode_t mode = 0) {
+    return retryInterrupted([&] { return ::open(path, flags | O_CLOEXEC, mode); });
+}
+
+/// Never retried: Linux has freed the descriptor even when `close` fails with EINTR.
+inline int close(int fd) {
+    return ::close(fd);
+}
+
+inline ssize_t read(int fd, void* buffer, size_t size) {
+    return retryInterrupted([&] { return ::read(fd, buffer, size); });
+}
+
+/// May write less than `size`, as the system call may.
+inline ssize_t write(int fd, const void* data, size_t size) {
+    return retryInterrupted([&] { return ::write(fd, data, size); });
+}
+
+/// Writes all of `data`, in as many calls as that takes. False: errno says why, and some of it may be written.
+inline bool writeAll(int fd, const void* data, size_t size) {
+    const char* next = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t written = sys::write(fd, next, size);
+        if (written < 0) return false;
+        next += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+inline off_t lseek(int fd, off_t offset, int whence) {
+    return ::lseek(fd, offset, whence);
+}
+inline int ftruncate(int fd, off_t size) {
+    return retryInterrupted([&] { return ::ftruncate(fd, size); });
+}
+inline int fdatasync(int fd) {
+    return retryInterrupted([&] { return ::fdatasync(fd); });
+}
+inline int fsync(int fd) {
+    return retryInterrupted([&] { return ::fsync(fd); });
+}
+inline int lockf(int fd, int command, off_t length) {
+    return retryInterrupted([&] { return ::lockf(fd, command, length); });
+}
+inline int flock(int fd, int operation) {
+    return retryInterrupted([&] { return ::flock(fd, operation); });
+}
+
+inline int stat(const char* path, struct stat* status) {
+    return ::stat(path, status);
+}
+inline int lstat(const char* path, struct stat* status) {
+    return ::lstat(path, status);
+}
+inline int fstat(int fd, struct stat* status) {
+    return ::fstat(fd, status);
+}
+inline int access(const char* path, int mode) {
+    return ::access(path, mode);
+}
+inline int chmod(const char* path, mode_t mode) {
+    return ::chmod(path, mode);
+}
+inline int fchmod(int fd, mode_t mode) {
+    return ::fchmod(fd, mode);
+}
+inline int chown(const char* path, uid_t owner, gid_t group) {
+    return ::chown(path, owner, group);
+}
+inline int fchown(int fd, uid_t owner, gid_t group) {
+    return ::fchown(fd, owner, group);
+}
+inline int mkdir(const char* path, mode_t mode) {
+    return ::mkdir(path, mode);
+}
+inline int rename(const char* from, const char* to) {
+    return ::rename(from, to);
+}
+inline int link(const char* existing, const char* name) {
+    return ::link(existing, name);
+}
+inline int unlink(const char* path) {
+    return ::unlink(path);
+}
+
+inline int semget(key_t key, int count, int flags) {
+    return ::semget(key, count, flags);
+}
+inline int semop(int set, struct sembuf* operation) {
+    return retryInterrupted([&] { return ::semop(set, operation, 1); });
+}
+inline int shmget(key_t key, size_t size, int flags) {
+    return ::shmget(key, size, flags);
+}
+inline int shmctl(int region, int command, struct shmid_ds* status) {
+    return ::shmctl(region, command, status);
+}
+/// Null when it fails.
+inline void* shmat(int region) {
+    void* address = ::shmat(region, nullptr, 0);
+    return address == reinterpret_cast<void*>(-1) ? nullptr : address;
+}
+
+/// The wall clock.
+inline timeval now() {
+    timeval value{};
+    (void)::gettimeofday(&value, nullptr);  // cannot fail with a valid pointer
+    return value;
+}
+inline time_t wallSeconds() {
+    return ::time(nullptr);
+}
+/// The clock that never steps, for durations.
+inline timespec monotonic() {
+    timespec value{};
+    (void)::clock_gettime(CLOCK_MONOTONIC, &value);  // cannot fail with this clock
+    return value;
+}
+/// Ends early with -1 and EINTR when a signal handler ran; `remaining` then holds the rest.
+inline int nanosleep(const timespec& duration, timespec* remaining) {
+    return ::nanosleep(&duration, remaining);
+}
+
+/// Sleeps while `word` holds `expected`, at most `timeout` (null: without limit). Returns 0, or an error number:
+/// EAGAIN (another value), EINTR (a signal handler ran) or ETIMEDOUT. May return 0 for no reason.
+inline int futexWait(std::atomic<std::int32_t>& word, std::int32_t expected, const timespec* timeout) {
+    const long result = ::syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, timeout, nullptr, 0);
+    return result == -1 ? errno : 0;
+}
+inline void futexWakeOne(std::atomic<std::int32_t>& word) {
+    (void)::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);  // nobody there is no failure
+}
+
+/// Owns one descriptor.
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        if (this != &other) reset(other.release());
+        return *this;
+    }
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) (void)sys::close(fd_);  // nothing to be done about it; writers sync and check before
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+}  // namespace traiklofox::sys
