@@ -1,0 +1,10 @@
+#pragma once
+
+/// The whole library.
+
+#include <traiklofox/files.h>
+#include <traiklofox/handles.h>
+#include <traiklofox/primitives.h>
+#include <traiklofox/registry.h>
+#include <traiklofox/strings.h>
+#include <traiklofox/types.h>
