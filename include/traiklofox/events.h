@@ -12,6 +12,7 @@ struct _critsection;
 class MultiEvent;
 
 namespace traiklofox::kernel {
+class EventGuard;
 class WaiterCount;
 struct MultiWaitEntry;
 void wakeSleepers(Event& event);
@@ -23,8 +24,9 @@ void wakeSleepers(Event& event);
 /// setting one that is already set, and waiting for one that is set take no lock.
 class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
   public:
-    /// `data`: attached data, -1 for none. `name` is copied and only kept: names are never looked up.
-    Event(LONG data, BOOL manualReset, BOOL initialState, const char* name);
+    /// `initialData`: attached data, -1 for none. `givenName` is copied and only kept: names are never looked
+    /// up.
+    Event(LONG initialData, BOOL resetsManually, BOOL initialState, const char* givenName);
     ~Event() override;
 
     DWORD What() const override;
@@ -47,17 +49,17 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
 
     /// The attached data; -1 for none.
     LONG GetEventData() const { return data.load(std::memory_order_acquire); }
-    /// Attaches data, owned by the calling thread; the attachment holds one reference to the event, however often
-    /// it is replaced. With -1, the owner detaches it and the reference is dropped, which may destroy the event.
-    /// Returns 1, or 0 when a thread other than the owner tries to detach.
+    /// Attaches data, owned by the calling thread; the attachment holds one reference to the event, however
+    /// often it is replaced. With -1, the owner detaches it and the reference is dropped, which may destroy
+    /// the event. Returns 1, or 0 when a thread other than the owner tries to detach.
     BOOL SetEventData(LONG newData);
     /// Records a revision number, and with `copyData` the data it belongs to.
     void RevStamp(DWORD revision, BOOL copyData);
     DWORD GetLastRev() const { return lastRev.load(std::memory_order_acquire); }
     LONG GetLastData() const { return lastData.load(std::memory_order_acquire); }
 
-    /// Enters and leaves the process-wide event section, for callers that change several events as one step among
-    /// themselves. The library's own operations do not need it. It is recursive.
+    /// Enters and leaves the process-wide event section, for callers that change several events as one step
+    /// among themselves. The library's own operations do not need it. It is recursive.
     static void Lock();
     static void Unlock();
 
@@ -67,12 +69,13 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
   private:
     friend class Handle;
     friend class MultiEvent;
+    friend class traiklofox::kernel::EventGuard;
     friend class traiklofox::kernel::WaiterCount;
     friend void traiklofox::kernel::wakeSleepers(Event& event);
 
     struct Embedded {};
     explicit Event(Embedded);  // a MultiEvent's own; its lock comes after every other event's
-    Event(LONG data, BOOL manualReset, BOOL initialState, const char* name, bool embedded);
+    Event(LONG initialData, BOOL resetsManually, BOOL initialState, const char* givenName, bool isEmbedded);
 
     void lockSelf() TRAIKLOFOX_ACQUIRE();
     void unlockSelf() TRAIKLOFOX_RELEASE();
@@ -96,22 +99,23 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
     char* const name;
     int resetWaiting TRAIKLOFOX_GUARDED_BY(this);  // Resets that wait for the waiters to leave
     pthread_cond_t resetCond;
-    traiklofox::kernel::MultiWaitEntry* multiWaiters TRAIKLOFOX_GUARDED_BY(this);  // in order of their MultiEvent
+    traiklofox::kernel::MultiWaitEntry* multiWaiters
+        TRAIKLOFOX_GUARDED_BY(this);  // in order of their MultiEvent
     const bool embedded;
 
     static _critsection EventLock;
 };
 
-/// A thread's place to sleep in a multiple wait: one embedded event, and the index of the first event that posted.
-/// Each thread that waits for several handles owns one; the class is public for its kind code alone.
+/// A thread's place to sleep in a multiple wait: one embedded event, and the index of the first event that
+/// posted. Each thread that waits for several handles owns one; the class is public for its kind code alone.
 class TRAIKLOFOX_API MultiEvent : public Handle {
   public:
-    explicit MultiEvent(DWORD capacity);
+    explicit MultiEvent(DWORD places);
     ~MultiEvent() override;
     DWORD What() const override;
 
-    /// Tells the waiting thread that `event` was set. Returns 0 when nothing is being waited for, else 1. The first
-    /// event to post in a wait is the one it reports; an event that is not part of it posts nothing.
+    /// Tells the waiting thread that `event` was set. Returns 0 when nothing is being waited for, else 1. The
+    /// first event to post in a wait is the one it reports; an event that is not part of it posts nothing.
     BOOL PostEvent(Event* event);
 
   private:

@@ -3,9 +3,9 @@
 /// The base of every kernel object, the two kinds that only hold something (`File`, `SecurityToken`), and the
 /// functions that close and duplicate a handle.
 ///
-/// A handle is a pointer to a reference-counted object; there is no handle table. Whoever creates an object owns
-/// its first reference; the last `CloseHandle`, from whatever thread, destroys it. Using a handle after one's own
-/// reference is closed is undefined, as with any pointer.
+/// A handle is a pointer to a reference-counted object; there is no handle table. Whoever creates an object
+/// owns its first reference; the last `CloseHandle`, from whatever thread, destroys it. Using a handle after
+/// one's own reference is closed is undefined, as with any pointer.
 
 #include <traiklofox/types.h>
 
@@ -30,14 +30,14 @@ enum HandleKind : DWORD {
     HANDLE_KIND_IO_COMPLETION_PORT = 12,
 };
 
-/// A kernel object. The virtual operations stand in a fixed order; a kind overrides those that it supports, and
-/// the base's answer says "signalled" to a wait and "nothing done" to the rest.
+/// A kernel object. The virtual operations stand in a fixed order; a kind overrides those that it supports,
+/// and the base's answer says "signalled" to a wait and "nothing done" to the rest.
 ///
 /// Thread safety: every member may be called by any thread that holds a reference.
 class TRAIKLOFOX_API Handle {
   public:
-    /// Starts with `refCount` references and no synchronisation event. The kinds pass 1.
-    explicit Handle(LONG refCount);
+    /// Starts with `references` references and no synchronisation event. The kinds pass 1.
+    explicit Handle(LONG references);
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
@@ -47,8 +47,8 @@ class TRAIKLOFOX_API Handle {
     /// The kind, a `HandleKind`.
     virtual DWORD What() const;
 
-    /// Waits for this one handle. `milliseconds`: 0 tests, INFINITE waits without limit. `alertable`: non-zero
-    /// lets queued calls end a timed wait. Returns a wait result (see wait.h). Base: 0 at once.
+    /// Waits for this one handle. `milliseconds`: 0 tests, INFINITE waits without limit. `alertable`:
+    /// non-zero lets queued calls end a timed wait. Returns a wait result (see wait.h). Base: 0 at once.
     virtual DWORD WaitForHandle(DWORD milliseconds, BOOL alertable);
 
     /// Waits on `count` handles of this one's kind. Base: 0 at once.
@@ -65,21 +65,21 @@ class TRAIKLOFOX_API Handle {
     virtual BOOL Pulse();
 
     /// The event that stands for this handle in a wait on handles of several kinds; the handle keeps the
-    /// reference. `signaled` becomes 1 when it is already signalled, else 0. Base: reports and at once consumes
-    /// a pending signal; makes an auto-reset event on first need.
+    /// reference. `signaled` becomes 1 when it is already signalled, else 0. Base: reports and at once
+    /// consumes a pending signal; makes an auto-reset event on first need.
     virtual Event* GetSynch(int& signaled);
 
     /// Undoes what `GetSynch` registered. Base: nothing.
     virtual void FreeSynch();
 
-    /// Called by whoever finishes this object's work, to wake the waits that go through `GetSynch`. Returns what
-    /// `Set` on the synchronisation event returns, or 0 when nobody ever asked for one. Base does that.
+    /// Called by whoever finishes this object's work, to wake the waits that go through `GetSynch`. Returns
+    /// what `Set` on the synchronisation event returns, or 0 when nobody ever asked for one. Base does that.
     virtual BOOL Signal();
 
     /// Takes a reference; returns the new count.
     LONG IncRefCount();
-    /// Drops a reference; returns the new count. At 0 the object has been destroyed. Never call it while holding
-    /// a lock that a destructor may want.
+    /// Drops a reference; returns the new count. At 0 the object has been destroyed. Never call it while
+    /// holding a lock that a destructor may want.
     LONG DecRefCount();
     /// The count at this moment; other threads may change it at any time.
     LONG GetRefCount() const { return refCount.load(std::memory_order_relaxed); }
@@ -97,13 +97,13 @@ class TRAIKLOFOX_API Handle {
 /// A handle over a POSIX descriptor, which it owns: the destructor closes it.
 class TRAIKLOFOX_API File : public Handle {
   public:
-    /// `fd` may be -1 for none.
-    explicit File(int fd);
+    /// `descriptor` may be -1 for none.
+    explicit File(int descriptor);
     ~File() override;
     DWORD What() const override;
 
     /// Replaces the descriptor without closing the old one, which the caller then owns.
-    void SetFd(int fd) { this->fd = fd; }
+    void SetFd(int descriptor) { fd = descriptor; }
     /// The descriptor, -1 for none. It stays the handle's own.
     int GetFd() const { return fd; }
 
@@ -114,7 +114,7 @@ class TRAIKLOFOX_API File : public Handle {
 /// The user and group that a child process is to run as (`CreateProcessAsUser`).
 class TRAIKLOFOX_API SecurityToken : public Handle {
   public:
-    SecurityToken(UINT uid, UINT gid);
+    SecurityToken(UINT asUser, UINT asGroup);
     ~SecurityToken() override;
     DWORD What() const override;
 
@@ -124,9 +124,9 @@ class TRAIKLOFOX_API SecurityToken : public Handle {
     UINT SetUid(UINT newUid);
     UINT SetGid(UINT newGid);
 
-    /// Makes the calling process run as the token's group and user, for good. Returns 1 only when both changes
-    /// succeeded; the user id is left alone when the group could not be changed. errno is that of the failing
-    /// call.
+    /// Makes the calling process run as the token's group and user, for good. Returns 1 only when both
+    /// changes succeeded; the user id is left alone when the group could not be changed. errno is that of the
+    /// failing call.
     BOOL InvokeSecurityToken();
 
     /// What the process's real user and group were when the token was made.
@@ -149,6 +149,7 @@ TRAIKLOFOX_API BOOL HandleClose(Handle* handle);
 /// Takes another reference to `source` and stores `source` itself in `*target` when `target` is not null.
 /// Returns 1, or 0 for a null or invalid source. The processes, access, inheritance and options are ignored.
 ///
-/// Unlike Win32: the duplicate is the same object and the same pointer; two `CloseHandle` calls on it are then due.
+/// Unlike Win32: the duplicate is the same object and the same pointer; two `CloseHandle` calls on it are
+/// then due.
 TRAIKLOFOX_C_API BOOL DuplicateHandle(Handle* sourceProcess, Handle* source, Handle* targetProcess,
                                       Handle** target, DWORD access, BOOL inherit, DWORD options);

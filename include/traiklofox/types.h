@@ -129,6 +129,7 @@ typedef SECURITY_ATTRIBUTES* PSECURITY_ATTRIBUTES;
 typedef SECURITY_ATTRIBUTES* LPSECURITY_ATTRIBUTES;
 
 // `timespec` crosses the library's boundary, and the 32-bit library is built with the 32-bit one.
-static_assert(sizeof(time_t) == sizeof(long), "build 32-bit applications of traiklofox without _TIME_BITS=64");
+static_assert(sizeof(time_t) == sizeof(long),
+              "build 32-bit applications of traiklofox without _TIME_BITS=64");
 
 static_assert(sizeof(LONG) == 4 && sizeof(DWORD) == 4 && sizeof(ULONG_PTR) == sizeof(void*));

@@ -1,6 +1,7 @@
 #pragma once
 
-// What the foundation needs from the kernel above it. Defined in kernel/apc.cpp and kernel/thread_context.cpp.
+// What the foundation needs from the kernel above it. Defined in kernel/apc.cpp and
+// kernel/thread_context.cpp.
 
 #include <traiklofox/types.h>
 

@@ -1,19 +1,19 @@
 #pragma once
 
 // The one list of the library's locks. A thread takes only a lock of a higher rank than any it holds; of two
-// registry keys, the parent first. Builds with TRAIKLOFOX_CHECK_LOCK_ORDER (the sanitizer presets) check it at
-// every acquisition and abort with both names; elsewhere the checks compile to nothing.
+// registry keys, the parent first. Builds with TRAIKLOFOX_CHECK_LOCK_ORDER (the sanitizer presets) check it
+// at every acquisition and abort with both names; elsewhere the checks compile to nothing.
 
 #include <cstdint>
 
 namespace traiklofox::foundation {
 
 enum class LockRank : std::uint8_t {
-    RegistryCache,     // the tree against re-reads and writes of the file: RWLock, then the System V semaphore
-    OpenKeys,          // registry handle number -> open key
-    RegistryKey,       // one key's values and subkeys, parent before child
-    KeyNumbers,        // the numbers in use by registry keys
-    ThreadState,       // a thread's id, and whether it still runs
+    RegistryCache,  // the tree against re-reads and writes of the file: RWLock, then the System V semaphore
+    OpenKeys,       // registry handle number -> open key
+    RegistryKey,    // one key's values and subkeys, parent before child
+    KeyNumbers,     // the numbers in use by registry keys
+    ThreadState,    // a thread's id, and whether it still runs
     EventBookkeeping,  // Event::EventLock
     Event,             // one event's state, waiters and registered multiple waits
     EmbeddedEvent,     // the event inside a MultiEvent

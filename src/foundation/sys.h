@@ -1,9 +1,9 @@
 #pragma once
 
 // The one thin layer over the system calls that can fail or that a test must control. The policies stand here
-// once: EINTR is retried (a sleep and a `futexWait` excepted, whose callers want to know), `close` never is, and
-// every descriptor is close-on-exec. Each function is one inline call; a test makes the n-th one fail, or time
-// jump, by wrapping the C library's function at link time (tests/support/fault_injection.h).
+// once: EINTR is retried (a sleep and a `futexWait` excepted, whose callers want to know), `close` never is,
+// and every descriptor is close-on-exec. Each function is one inline call; a test makes the n-th one fail, or
+// time jump, by wrapping the C library's function at link time (tests/support/fault_injection.h).
 
 #include <dirent.h>
 #include <errno.h>
@@ -53,7 +53,8 @@ inline ssize_t write(int fd, const void* data, size_t size) {
     return retryInterrupted([&] { return ::write(fd, data, size); });
 }
 
-/// Writes all of `data`, in as many calls as that takes. False: errno says why, and some of it may be written.
+/// Writes all of `data`, in as many calls as that takes. False: errno says why, and some of it may be
+/// written.
 inline bool writeAll(int fd, const void* data, size_t size) {
     const char* next = static_cast<const char*>(data);
     while (size > 0) {
@@ -159,14 +160,15 @@ inline int nanosleep(const timespec& duration, timespec* remaining) {
     return ::nanosleep(&duration, remaining);
 }
 
-/// Sleeps while `word` holds `expected`, at most `timeout` (null: without limit). Returns 0, or an error number:
-/// EAGAIN (another value), EINTR (a signal handler ran) or ETIMEDOUT. May return 0 for no reason.
+/// Sleeps while `word` holds `expected`, at most `timeout` (null: without limit). Returns 0, or an error
+/// number: EAGAIN (another value), EINTR (a signal handler ran) or ETIMEDOUT. May return 0 for no reason.
 inline int futexWait(std::atomic<std::int32_t>& word, std::int32_t expected, const timespec* timeout) {
     const long result = ::syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, timeout, nullptr, 0);
     return result == -1 ? errno : 0;
 }
 inline void futexWakeOne(std::atomic<std::int32_t>& word) {
-    (void)::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);  // nobody there is no failure
+    (void)::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr,
+                    0);  // nobody there is no failure
 }
 
 /// Owns one descriptor.

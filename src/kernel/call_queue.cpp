@@ -1,0 +1,95 @@
+#include "kernel/call_queue.h"
+
+#include <traiklofox/events.h>
+
+#include "foundation/sys.h"
+#include "kernel/thread_life.h"
+
+namespace traiklofox::kernel {
+
+using foundation::LockGuard;
+
+namespace {
+
+long long monotonicNanoseconds() {
+    const timespec now = sys::monotonic();
+    return static_cast<long long>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+}  // namespace
+
+CallQueue::Push CallQueue::push(const QueuedCall& call) {
+    const LockGuard guard(lock_);
+    calls_.push_back(call);
+    if (sleepsOn_ != nullptr) {
+        keepAlive_->IncRefCount();
+        return {Wake::Sleeper, keepAlive_, sleepsOn_};
+    }
+    if (futexSleep_.exchange(0, std::memory_order_relaxed) == 1) return {Wake::Futex};
+    return {idle_ ? Wake::Signal : Wake::Nothing};
+}
+
+void CallQueue::endSleep(const Push& pushed) {
+    if (pushed.wake == Wake::Futex) sys::futexWakeOne(futexSleep_);
+    if (pushed.wake != Wake::Sleeper) return;
+    wakeSleepers(*pushed.event);
+    pushed.keepAlive->DecRefCount();
+}
+
+bool CallQueue::pop(QueuedCall& call, bool first) {
+    const LockGuard guard(lock_);
+    if (first) idle_ = calls_.empty();
+    if (calls_.empty()) return false;
+    call = calls_.front();
+    calls_.pop_front();
+    return true;
+}
+
+bool CallQueue::publishSleep(Handle& keepAlive, Event& event) {
+    const LockGuard guard(lock_);
+    if (!calls_.empty()) return false;
+    keepAlive_ = &keepAlive;
+    sleepsOn_ = &event;
+    return true;
+}
+
+void CallQueue::withdrawSleep() {
+    const LockGuard guard(lock_);
+    keepAlive_ = nullptr;
+    sleepsOn_ = nullptr;
+}
+
+bool CallQueue::beginFutexSleep() {
+    const LockGuard guard(lock_);
+    if (!calls_.empty()) return false;
+    futexSleep_.store(1, std::memory_order_relaxed);
+    return true;
+}
+
+void CallQueue::endFutexSleep() {
+    const LockGuard guard(lock_);
+    futexSleep_.store(0, std::memory_order_relaxed);
+}
+
+bool CallQueue::sleepFor(DWORD milliseconds) {
+    const long long start = monotonicNanoseconds();
+    const long long length = static_cast<long long>(milliseconds) * 1'000'000;
+    for (long long slept = 0; slept < length; slept = monotonicNanoseconds() - start) {
+        if (!beginFutexSleep()) return true;
+        const timespec rest{static_cast<time_t>((length - slept) / 1'000'000'000),
+                            static_cast<long>((length - slept) % 1'000'000'000)};
+        const int error = sys::futexWait(futexSleep_, 1, &rest);
+        endFutexSleep();
+        if (error == EINTR) return true;
+    }
+    return false;
+}
+
+AlertableSleep::AlertableSleep(Handle& keepAlive, Event& event)
+    : queue_(ThreadLife::callsOf(ThreadLife::current())), published_(queue_.publishSleep(keepAlive, event)) {}
+
+AlertableSleep::~AlertableSleep() {
+    if (published_) queue_.withdrawSleep();
+}
+
+}  // namespace traiklofox::kernel

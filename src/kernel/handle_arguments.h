@@ -1,0 +1,20 @@
+#pragma once
+
+// How the exported functions read a handle argument.
+
+#include <traiklofox/handle.h>
+
+namespace traiklofox::kernel {
+
+/// Null and INVALID_HANDLE_VALUE both stand for no handle.
+inline bool isNone(const Handle* handle) {
+    return handle == nullptr || handle == INVALID_HANDLE_VALUE;
+}
+
+/// The object as its kind, or null when the handle is none or of another kind.
+template <class Kind>
+Kind* handleAs(Handle* handle, HandleKind kind) {
+    return !isNone(handle) && handle->What() == kind ? static_cast<Kind*>(handle) : nullptr;
+}
+
+}  // namespace traiklofox::kernel

@@ -1,0 +1,167 @@
+// multi_event.cpp: waits on several events.
+//
+// A wait copies its array and clears its index, then takes each event's lock once: it either finds the signal
+// there or registers, in one section. `Event::Set` stores the signal and posts to the registered waits in one
+// section of the same lock, and the wait leaves each event under it again. So an event is either found
+// signalled or posts, and nothing posts into a later wait. What may outlive a wait is a wake-up of the
+// embedded event that nobody slept for: a wait that wakes with no index posted sleeps on.
+
+#include <traiklofox/events.h>
+#include <traiklofox/threads.h>
+#include <traiklofox/wait.h>
+
+#include "foundation/deadline.h"
+#include "foundation/on_exit.h"
+#include "foundation/sys.h"
+#include "kernel/event_guard.h"
+#include "kernel/handle_arguments.h"
+#include "kernel/multi_wait_entry.h"
+
+using traiklofox::kernel::EventGuard;
+using traiklofox::kernel::isNone;
+using traiklofox::kernel::MultiWaitEntry;
+
+namespace {
+
+constexpr DWORD kAllEnrolled = WAIT_FAILED;
+
+}  // namespace
+
+MultiEvent::MultiEvent(DWORD places)
+    : Handle(1),
+      event(Event::Embedded{}),
+      capacity(places),
+      signaledIndex(-1),
+      entries(std::make_unique<MultiWaitEntry[]>(places)),
+      enrolled(0),
+      count(0) {}
+
+MultiEvent::~MultiEvent() = default;
+
+DWORD MultiEvent::What() const {
+    return HANDLE_KIND_MULTI_EVENT;
+}
+
+void MultiEvent::post(LONG index) {
+    LONG none = -1;
+    signaledIndex.compare_exchange_strong(none, index, std::memory_order_relaxed);
+    event.Set();
+}
+
+BOOL MultiEvent::PostEvent(Event* posting) {
+    if (count == 0) return 0;
+    for (DWORD i = 0; i < count; ++i) {
+        if (entries[i].event != posting) continue;
+        post(static_cast<LONG>(i));
+        break;
+    }
+    return 1;
+}
+
+void MultiEvent::prepare(DWORD newCount, Handle** handles) {
+    if (capacity < newCount) {
+        entries = std::make_unique<MultiWaitEntry[]>(newCount);
+        capacity = newCount;
+    }
+    for (DWORD i = 0; i < newCount; ++i) {
+        entries[i].event = isNone(handles[i]) ? nullptr : static_cast<Event*>(handles[i]);
+        entries[i].owner = this;
+        entries[i].index = static_cast<LONG>(i);
+    }
+    count = newCount;
+    enrolled = 0;
+    signaledIndex.store(-1, std::memory_order_relaxed);
+}
+
+/// Registers with the events in order. Returns kAllEnrolled, or at the first signal found its index (a wait
+/// for any; the signal is consumed), or 0 when every event is signalled (a wait for all; nothing is
+/// consumed).
+DWORD MultiEvent::enrollAll(BOOL waitAll) {
+    DWORD signaled = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        MultiWaitEntry& entry = entries[i];
+        enrolled = i;
+        if (entry.event == nullptr) continue;
+        const EventGuard guard(*entry.event);
+        if (waitAll) {
+            if (entry.event->EventIsSignaled()) ++signaled;
+        } else if (entry.event->consume()) {
+            return i;
+        }
+        entry.event->IncRefCount();
+        entry.event->enroll(entry);
+    }
+    enrolled = count;
+    return waitAll && signaled == count ? WAIT_OBJECT_0 : kAllEnrolled;
+}
+
+/// Leaves every event that was registered with. After a wait that an event ended, consumes what the wait
+/// reports.
+void MultiEvent::leaveAll(DWORD result, BOOL waitAll) {
+    const DWORD reported = static_cast<DWORD>(signaledIndex.load(std::memory_order_relaxed));
+    const bool ended = result == WAIT_OBJECT_0;
+    for (DWORD i = 0; i < enrolled; ++i) {
+        Event* left = entries[i].event;
+        if (left == nullptr) continue;
+        bool detached = false;
+        {
+            const EventGuard guard(*left);
+            if (ended && (waitAll || i == reported)) (void)left->consume();
+            if (ended && i == reported) detached = left->useUpData();
+            left->withdraw(entries[i]);
+        }
+        if (detached) left->DecRefCount();
+        left->DecRefCount();
+    }
+    enrolled = 0;
+    count = 0;
+}
+
+DWORD MultiEvent::sleepUntilPosted(const timespec* deadline, BOOL alertable) {
+    for (;;) {
+        const DWORD result = event.waitUntil(*this, deadline, alertable);
+        if (result != WAIT_OBJECT_0 || signaledIndex.load(std::memory_order_relaxed) != -1) return result;
+    }
+}
+
+DWORD MultiEvent::waitForEvents(DWORD newCount, Handle** handles, BOOL waitAll, DWORD milliseconds,
+                                BOOL alertable) {
+    prepare(newCount, handles);
+    DWORD result = WAIT_FAILED;  // stays so when the thread is cancelled in its sleep
+    const auto leave = traiklofox::foundation::onExit([&] { leaveAll(result, waitAll); });
+
+    const DWORD found = enrollAll(waitAll);
+    if (found != kAllEnrolled) return found;
+
+    if (milliseconds == INFINITE) {
+        result = sleepUntilPosted(/*deadline=*/nullptr, /*alertable=*/FALSE);
+    } else {
+        const timespec deadline = traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
+        result = sleepUntilPosted(&deadline, alertable);
+    }
+    if (result != WAIT_OBJECT_0) return result;
+    return static_cast<DWORD>(signaledIndex.load(std::memory_order_relaxed));
+}
+
+DWORD Event::WaitForMultipleHandles(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds,
+                                    BOOL alertable) {
+    if (count == 0 || handles == nullptr) return WAIT_FAILED;
+
+    // First without registering: most waits of a busy server find something to do.
+    DWORD signaledCount = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        if (isNone(handles[i])) continue;
+        auto* event = static_cast<Event*>(handles[i]);
+        if (waitAll) {
+            signaledCount += static_cast<DWORD>(event->EventIsSignaled());
+        } else if (event->consume()) {
+            return i;
+        }
+    }
+    if (waitAll && signaledCount == count) return WAIT_OBJECT_0;
+    if (milliseconds == 0) return WAIT_TIMEOUT;
+
+    ThreadContext& context = *GetThreadContext();
+    if (context.multiEvent == nullptr) context.multiEvent = new MultiEvent(count);
+    return context.multiEvent->waitForEvents(count, handles, waitAll, milliseconds, alertable);
+}

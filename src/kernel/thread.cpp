@@ -1,0 +1,187 @@
+// thread.cpp: the Thread kind: its end, which every wait sees, and the signals and priorities of a running
+// one.
+//
+// The state lock is what a thread's exit takes to give its id up: who holds it and finds an id may use it.
+
+#include <traiklofox/events.h>
+#include <traiklofox/threads.h>
+#include <traiklofox/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+
+#include "foundation/lock_rank.h"
+#include "foundation/mutex.h"
+#include "kernel/call_queue.h"
+#include "kernel/signals.h"
+#include "kernel/thread_life.h"
+
+using traiklofox::foundation::LockRank;
+using traiklofox::kernel::CallQueue;
+using traiklofox::kernel::ThreadLife;
+
+/// Holds a thread's state lock for a scope.
+class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
+  public:
+    explicit StateGuard(const Thread& thread) TRAIKLOFOX_ACQUIRE(thread) : thread_(thread) {
+        thread_.lockSelf();
+    }
+    ~StateGuard() TRAIKLOFOX_RELEASE() { thread_.unlockSelf(); }
+    StateGuard(const StateGuard&) = delete;
+    StateGuard& operator=(const StateGuard&) = delete;
+
+  private:
+    const Thread& thread_;
+};
+
+Thread::Thread(ULONG_PTR id)
+    : Handle(1),
+      tid(id),
+      state(THREAD_RUNNING),
+      lock(PTHREAD_MUTEX_INITIALIZER),
+      suspendCount(0),
+      calls(std::make_unique<CallQueue>()) {}
+
+Thread::~Thread() {
+    pthread_mutex_destroy(&lock);
+}
+
+DWORD Thread::What() const {
+    return HANDLE_KIND_THREAD;
+}
+
+void Thread::lockSelf() const {
+    pthread_mutex_lock(&lock);
+    traiklofox::foundation::noteLockAcquired(LockRank::ThreadState, this);
+}
+
+void Thread::unlockSelf() const {
+    traiklofox::foundation::noteLockReleased(LockRank::ThreadState, this);
+    pthread_mutex_unlock(&lock);
+}
+
+// The end of a thread is for ever and for everybody: its event stays set, so that each waiter finds it, and
+// it is reported from the state, so that nothing that resets the event can hide it.
+Event* Thread::GetSynch(int& signaled) {
+    Event* event = synchEvent(/*manualReset=*/TRUE);
+    signaled = GetState() == THREAD_FINISHED;
+    return event;
+}
+
+DWORD Thread::WaitForHandle(DWORD milliseconds, BOOL alertable) {
+    int finished = 0;
+    Event* end = GetSynch(finished);
+    if (finished) return WAIT_OBJECT_0;
+    if (milliseconds == 0) return WAIT_TIMEOUT;
+    const DWORD result = end->WaitForHandle(milliseconds, alertable);
+    if (result == WAIT_OBJECT_0 && GetState() != THREAD_FINISHED) end->Reset();  // somebody called Signal
+    return result;
+}
+
+DWORD Thread::WaitForMultipleHandles(DWORD, Handle**, BOOL, DWORD, BOOL) {
+    std::fputs("Thread::WaitForMultiple: called without an event!\n", stderr);
+    return WAIT_FAILED;
+}
+
+ThreadState_t Thread::GetState() const {
+    const StateGuard guard(*this);
+    return state;
+}
+
+void Thread::SetState(ThreadState_t newState) {
+    const StateGuard guard(*this);
+    state = newState;
+}
+
+ULONG_PTR Thread::GetTid() const {
+    const StateGuard guard(*this);
+    return tid;
+}
+
+void Thread::SetTid(ULONG_PTR newTid) {
+    const StateGuard guard(*this);
+    tid = newTid;
+}
+
+LONG Thread::Suspend() {
+    {
+        const StateGuard guard(*this);
+        if (state == THREAD_FINISHED) return -1;
+        if (suspendCount++ > 0) return suspendCount - 1;
+        if (!pthread_equal(tid, pthread_self())) {
+            if (pthread_kill(tid, traiklofox::kernel::suspendSignal()) == 0) return 0;
+            --suspendCount;
+            return -1;
+        }
+    }
+    // The calling thread stops inside this call, so it must not hold the lock that `Resume` takes.
+    if (pthread_kill(pthread_self(), traiklofox::kernel::suspendSignal()) == 0) return 0;
+    const StateGuard guard(*this);
+    --suspendCount;
+    return -1;
+}
+
+LONG Thread::Resume() {
+    const StateGuard guard(*this);
+    if (state == THREAD_FINISHED) return -1;
+    if (suspendCount == 0) return 0;
+    if (--suspendCount > 0) return suspendCount + 1;
+    if (pthread_kill(tid, traiklofox::kernel::resumeSignal()) == 0) return 1;
+    ++suspendCount;
+    return -1;
+}
+
+void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
+    CallQueue::Push pushed;
+    {
+        const StateGuard guard(*this);
+        if (state == THREAD_FINISHED) return;
+        pushed = calls->push({function, a, b, c});
+        if (pushed.wake == CallQueue::Wake::Signal) (void)pthread_kill(tid, traiklofox::kernel::callSignal());
+    }
+    calls->endSleep(pushed);
+}
+
+BOOL Thread::CheckAPC() {
+    traiklofox::kernel::QueuedCall call{};
+    if (!calls->pop(call, /*first=*/true)) return 0;
+    do {
+        call.function(call.a, call.b, call.c);
+    } while (calls->pop(call, /*first=*/false));
+    return 1;
+}
+
+int Thread::GetPriority() const {
+    const StateGuard guard(*this);
+    if (state == THREAD_FINISHED) return ESRCH;
+    int policy = 0;
+    sched_param parameters{};
+    const int error = pthread_getschedparam(tid, &policy, &parameters);
+    return error != 0 ? error : parameters.sched_priority;
+}
+
+int Thread::SetPriority(int priority) {
+    const StateGuard guard(*this);
+    if (state == THREAD_FINISHED) return ESRCH;
+    int policy = 0;
+    sched_param parameters{};
+    const int error = pthread_getschedparam(tid, &policy, &parameters);
+    if (error != 0) return error;
+    parameters.sched_priority = priority;
+    return pthread_setschedparam(tid, policy, &parameters);
+}
+
+void ThreadLife::started(Thread& thread, pthread_t id) {
+    const Thread::StateGuard guard(thread);
+    if (thread.state == THREAD_RUNNING) thread.tid = id;
+}
+
+void ThreadLife::finish(Thread& thread) {
+    {
+        const Thread::StateGuard guard(thread);
+        thread.state = THREAD_FINISHED;
+        thread.tid = 0;
+    }
+    thread.Signal();
+}

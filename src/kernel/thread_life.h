@@ -1,0 +1,22 @@
+#pragma once
+
+// What the rest of the kernel may do with a Thread that its callers may not.
+
+#include <traiklofox/threads.h>
+
+namespace traiklofox::kernel {
+
+class ThreadLife {
+  public:
+    /// The calling thread's handle, made on demand for a thread that the library did not start.
+    static Thread& current();
+    static CallQueue& callsOf(Thread& thread) { return *thread.calls; }
+
+    /// Stores the id of a thread that has just been created, unless it has stored its own, or has ended,
+    /// already.
+    static void started(Thread& thread, pthread_t id);
+    /// Marks the thread finished, forgets its id and wakes every wait on it. Called by the thread's own exit.
+    static void finish(Thread& thread);
+};
+
+}  // namespace traiklofox::kernel
