@@ -1,0 +1,78 @@
+// server.cpp: the application server's main process.
+
+#include "lazy_writer.h"
+#include "registry_key.h"
+#include "roles.h"
+#include "setting_commands.h"
+#include "setting_watcher.h"
+
+#include <traiklofox/clocks.h>
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+namespace appserver {
+namespace {
+
+constexpr DWORD kNoticeMs = 30000;
+constexpr DWORD kRequestMs = 1;
+constexpr unsigned long kCounters = 10;
+
+class Server {
+  public:
+    void watch(const Words& arguments) {
+        watcher_.reset();
+        watcher_ = std::make_unique<SettingWatcher>(arguments[0], arguments[1]);
+    }
+
+    void awaitChange() {
+        if (!watcher_) throw std::runtime_error("nothing is being watched");
+        std::printf("noticed %u\n", static_cast<unsigned>(watcher_->awaitChange(kNoticeMs)));
+    }
+
+    void startLazyWriter(const Words& arguments) {
+        lazyWriter_.reset();
+        lazyWriter_.emplace(static_cast<DWORD>(std::stoul(arguments[0])));
+    }
+
+    void stopLazyWriter() { lazyWriter_.reset(); }
+
+    /// Serves COUNT requests, about one a millisecond. Each adds 1 to one of a few counters, and closes the
+    /// key as code does that knows nothing of a lazy writer.
+    void serve(const Words& arguments) {
+        const unsigned long requests = std::stoul(arguments[1]);
+        for (unsigned long request = 0; request < requests; ++request) {
+            RegistryKey key = RegistryKey::openOrCreate(arguments[0]);
+            key.writeNumber("Requests" + std::to_string(request % kCounters),
+                            static_cast<DWORD>(request / kCounters + 1));
+            Sleep(kRequestMs);
+        }
+    }
+
+  private:
+    std::unique_ptr<SettingWatcher> watcher_;
+    std::optional<LazyWriter> lazyWriter_;
+};
+
+}  // namespace
+
+int runServer() {
+    InitRegistry(REG_INIT_BACKUP, /*create=*/true);
+    std::printf("registry %s\n", GetRegistryPath().c_str());
+
+    Server server;
+    Conversation conversation;
+    addSettingCommands(conversation);
+    conversation.add("watch KEY NAME", [&](const Words& arguments) { server.watch(arguments); });
+    conversation.add("await-change", [&](const Words&) { server.awaitChange(); });
+    conversation.add("start-lazy-writer MILLISECONDS",
+                     [&](const Words& arguments) { server.startLazyWriter(arguments); });
+    conversation.add("stop-lazy-writer", [&](const Words&) { server.stopLazyWriter(); });
+    conversation.add("serve KEY COUNT", [&](const Words& arguments) { server.serve(arguments); });
+    conversation.hold();
+    return 0;
+}
+
+}  // namespace appserver

@@ -1,0 +1,328 @@
+// story.cpp: the sections of the account, in their order.
+//
+// The teller never opens the registry: it asks the processes, and reads the file as plain text.
+
+#include "story.h"
+
+#include "account.h"
+#include "child_process.h"
+#include "conversation.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace appserver {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Lines = std::vector<std::string>;
+
+constexpr char kListener[] = "listeners/http";
+constexpr char kSetting[] = "KeepAliveTimeout";
+constexpr unsigned kFirstTimeout = 30;  // as the template has it
+constexpr unsigned kSecondTimeout = 45;
+constexpr unsigned kThirdTimeout = 60;
+
+constexpr char kBurstKey[] = "measurements";
+constexpr unsigned kValuesEach = 100;
+constexpr std::chrono::seconds kBurstBound{180};
+
+constexpr char kRequestKey[] = "requests";
+constexpr unsigned kRequests = 1000;
+constexpr unsigned kCounters = 10;
+constexpr unsigned kLazyIntervalMs = 200;
+
+constexpr std::chrono::milliseconds kProofOfWaiting{300};
+constexpr double kAtOnceMs = 5000;
+
+/// The processes of the application server, and what is known of its registry.
+struct Team {
+    ChildProcess server;
+    ChildProcess web1;
+    ChildProcess web2;
+    ChildProcess admin;
+
+    std::array<ChildProcess*, 4> all() { return {&server, &web1, &web2, &admin}; }
+};
+
+double millisecondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+std::string onlyLine(const Lines& answer) {
+    check(answer.size() == 1, "an answer of one line");
+    return answer.front();
+}
+
+ChildProcess start(const std::string& title, const Words& arguments) {
+    ChildProcess process(title, arguments);
+    const Lines greeting = process.awaitAnswer();
+    say("%-14s pid %-7d %s", title.c_str(), static_cast<int>(process.pid()),
+        greeting.empty() ? "ready" : greeting.front().c_str());
+    return process;
+}
+
+/// What a new process prints for one administration command.
+Lines inFreshProcess(const std::string& command) {
+    Words words = wordsOf(command);
+    words.insert(words.begin(), "admin");
+    ChildProcess process("a fresh process", words);
+    const Lines answer = process.awaitAnswer();
+    check(process.finish() == 0, "a fresh process that ends well");
+    return answer;
+}
+
+void checkCount(const Lines& answer, std::size_t keys, std::size_t values) {
+    const std::string expected = std::to_string(keys) + " keys " + std::to_string(values) + " values";
+    check(onlyLine(answer) == expected, "a walk that finds " + expected + ", not " + onlyLine(answer));
+}
+
+void setTimeout(ChildProcess& process, unsigned timeout) {
+    process.ask(std::string("set ") + kListener + " " + kSetting + " " + std::to_string(timeout));
+}
+
+void checkReadsTimeout(ChildProcess& process, unsigned expected) {
+    const std::string line = onlyLine(process.ask(std::string("get ") + kListener + " " + kSetting));
+    const std::string truth = "pid " + std::to_string(process.pid()) + " reads " + std::to_string(expected);
+    check(line == truth, process.title() + ": \"" + truth + "\", not \"" + line + "\"");
+    say("%-14s %s", process.title().c_str(), line.c_str());
+}
+
+/// The number at the end of one of the lines that `RegDumpVersion` prints.
+unsigned long versionField(ChildProcess& admin, const std::string& label) {
+    for (const std::string& line : admin.ask("version")) {
+        if (line.starts_with(label)) return std::stoul(line.substr(label.size()));
+    }
+    check(false, "a line \"" + label + "\"");
+    return 0;
+}
+
+unsigned long versionStamp(ChildProcess& admin) {
+    return versionField(admin, "Registry version stamp: ");
+}
+
+Team startFromTemplate(const Installation& installation) {
+    heading("Start-up from the template");
+    const std::string original = textOf(installation.templateFile());
+    const Lines lines = registryLines(installation.templateFile());
+    const std::size_t keys = countKeyLines(lines);
+    const std::size_t values = lines.size() - keys;
+    check(installation.fileNames() == Lines{"tw.registry.template"},
+          "an installation with nothing but a template");
+
+    ChildProcess server = start("server", {"server"});
+    checkCount(server.ask("count"), keys, values);
+    say("The server, walking from the root, finds %zu keys and %zu values, as many as the template has.",
+        keys, values);
+
+    check(installation.fileNames() == Lines({"tw.registry", "tw.registry.bak", "tw.registry.template"}),
+          "a registry, its backup and the template");
+    check(textOf(installation.registryFile()) == original, "a registry that equals the template");
+    check(textOf(installation.backupFile()) == original, "a backup that equals the template");
+    say("It has made these files of %zu bytes, byte for byte the template's:", original.size());
+    say("  %s", installation.registryFile().c_str());
+    say("  %s", installation.backupFile().c_str());
+
+    ChildProcess web1 = start("connector web1", {"connector", "web1"});
+    ChildProcess web2 = start("connector web2", {"connector", "web2"});
+    ChildProcess admin = start("administration", {"admin"});
+    return {std::move(server), std::move(web1), std::move(web2), std::move(admin)};
+}
+
+void readByAll(Team& team) {
+    heading("A setting read by all");
+    say("%s, value %s:", kListener, kSetting);
+    for (ChildProcess* process : team.all()) checkReadsTimeout(*process, kFirstTimeout);
+}
+
+void changeSetting(Team& team, const Installation& installation) {
+    heading("The setting changed by the administration process");
+    team.server.ask(std::string("watch ") + kListener + " " + kSetting);
+    const unsigned long stampBefore = versionStamp(team.admin);
+
+    const Clock::time_point begin = Clock::now();
+    setTimeout(team.admin, kSecondTimeout);
+    say("administration sets %s to %u; on disk after %.1f ms.", kSetting, kSecondTimeout,
+        millisecondsSince(begin));
+    const std::string noticed = onlyLine(team.server.ask("await-change"));
+    check(noticed == "noticed " + std::to_string(kSecondTimeout),
+          "the server's watching thread \"" + noticed + "\"");
+    say("The server's thread that polls RegNotifyChangeKeyValue reports %u, %.1f ms after the change began.",
+        kSecondTimeout, millisecondsSince(begin));
+    say("At their next look-up:");
+    for (ChildProcess* process : team.all()) checkReadsTimeout(*process, kSecondTimeout);
+
+    check(versionStamp(team.admin) == stampBefore + 1, "a version stamp that rose by 1");
+    const Lines before = registryLines(installation.templateFile());
+    const Lines after = registryLines(installation.registryFile());
+    check(before.size() == after.size(), "a registry with as many lines as before");
+    std::vector<std::pair<std::string, std::string>> changed;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        if (before[i] != after[i]) changed.emplace_back(assignmentOf(before[i]), assignmentOf(after[i]));
+    }
+    const std::pair<std::string, std::string> expected = {"KeepAliveTimeout = 0x1e",
+                                                          "KeepAliveTimeout = 0x2d"};
+    check(changed == std::vector{expected}, "one changed line in the file");
+    say("The file was written once. Of its %zu lines one differs from the template's: %s is now %s.",
+        after.size(), changed.front().first.c_str(), changed.front().second.c_str());
+}
+
+struct Span {
+    long long fromUs = 0;
+    long long toUs = 0;
+};
+
+Span spanOf(const std::string& line) {
+    Span span;
+    check(std::sscanf(line.c_str(), "from %lld to %lld", &span.fromUs, &span.toUs) == 2, "a span of time");
+    return span;
+}
+
+/// All values that the four have written, as `assignmentOf` a value line has them.
+std::set<std::string> burstAssignments(const char* numberFormat) {
+    std::set<std::string> assignments;
+    for (const char* prefix : {"server", "web1", "web2", "admin"}) {
+        for (unsigned i = 1; i <= kValuesEach; ++i) {
+            char text[64];
+            std::snprintf(text, sizeof text, "%s-%03u = ", prefix, i);
+            char number[16];
+            std::snprintf(number, sizeof number, numberFormat, i);
+            assignments.insert(std::string(text) + number);
+        }
+    }
+    return assignments;
+}
+
+/// Returns how long one write took, in milliseconds.
+double writeAllAtOnce(Team& team, const Installation& installation) {
+    heading("Four processes writing at once");
+    const unsigned long stampBefore = versionStamp(team.admin);
+    const char* const prefixes[] = {"server", "web1", "web2", "admin"};
+    for (std::size_t i = 0; i < team.all().size(); ++i) {
+        team.all()[i]->send(std::string("fill ") + kBurstKey + " " + prefixes[i] + " " +
+                            std::to_string(kValuesEach));
+    }
+    Span together;  // from when the last began to when the first ended
+    Span whole;
+    for (ChildProcess* process : team.all()) {
+        const Span span = spanOf(onlyLine(process->awaitAnswer(kBurstBound)));
+        const bool first = whole.toUs == 0;
+        whole = {first ? span.fromUs : std::min(whole.fromUs, span.fromUs), std::max(whole.toUs, span.toUs)};
+        together = {std::max(together.fromUs, span.fromUs),
+                    first ? span.toUs : std::min(together.toUs, span.toUs)};
+    }
+    check(together.fromUs < together.toUs, "four processes that wrote at the same time");
+    const unsigned long writes = versionStamp(team.admin) - stampBefore;
+    check(writes >= 4 * kValuesEach, "a write for each of the values");
+    const double wholeMs = static_cast<double>(whole.toUs - whole.fromUs) / 1000;
+    say("Each sets %u values in one key and flushes after each: %lu writes of the file in %.0f ms, %.1f ms a "
+        "write;",
+        kValuesEach, writes, wholeMs, wholeMs / static_cast<double>(writes));
+    say("for %.0f ms of that time all four were at it.",
+        static_cast<double>(together.toUs - together.fromUs) / 1000);
+
+    const Lines listed = inFreshProcess(std::string("list ") + kBurstKey);
+    check(listed.size() == 4 * kValuesEach,
+          "400 values in a fresh process, not " + std::to_string(listed.size()));
+    check(std::set<std::string>(listed.begin(), listed.end()) == burstAssignments("%u"),
+          "the values that were set");
+    const Lines lines = registryLines(installation.registryFile());
+    std::set<std::string> stored;
+    for (const std::string& line : valueLinesOf(lines, kBurstKey)) stored.insert(assignmentOf(line));
+    check(stored == burstAssignments("%#x"), "the lines of the values in the file");
+    say("A fresh process finds all %zu values, and so does a search in the text of the file.", listed.size());
+    return wholeMs / static_cast<double>(writes);
+}
+
+void writeLazily(Team& team, double millisecondsPerWrite) {
+    heading("The lazy writer");
+    const unsigned long stampBefore = versionStamp(team.admin);
+    const Clock::time_point begin = Clock::now();
+    team.server.ask("start-lazy-writer " + std::to_string(kLazyIntervalMs));
+    team.server.ask(std::string("serve ") + kRequestKey + " " + std::to_string(kRequests));
+    team.server.ask("stop-lazy-writer");
+    const double elapsedMs = millisecondsSince(begin);
+    const unsigned long writes = versionStamp(team.admin) - stampBefore;
+
+    const double mostWrites = elapsedMs / kLazyIntervalMs + 1;
+    check(writes >= 1 && static_cast<double>(writes) <= mostWrites,
+          "at most " + std::to_string(mostWrites) + " writes, not " + std::to_string(writes));
+    say("The server changes %u values in %.0f ms and closes the key after each. With a lazy writer that "
+        "writes every",
+        kRequests, elapsedMs);
+    say("%u ms, and once more when it is stopped, the file was written %lu times (version stamp %lu to %lu).",
+        kLazyIntervalMs, writes, stampBefore, stampBefore + writes);
+    say("Written one by one, as above, they would have taken %.0f ms.", kRequests * millisecondsPerWrite);
+
+    Lines expected;
+    for (unsigned i = 0; i < kCounters; ++i) {
+        expected.push_back("Requests" + std::to_string(i) + " = " + std::to_string(kRequests / kCounters));
+    }
+    check(inFreshProcess(std::string("list ") + kRequestKey) == expected, "the last value of each counter");
+    say("A fresh process finds the last value of each of the %u counters.", kCounters);
+}
+
+void killLockHolder(Team& team) {
+    heading("A writer killed while it holds the lock");
+    ChildProcess holder("second admin", {"admin"});
+    holder.awaitAnswer();
+    holder.ask("hold-lock");
+    const pid_t holderPid = holder.pid();
+    check(versionField(team.admin, "Lock owner PID: ") == static_cast<unsigned long>(holderPid),
+          "a lock held by the process that took it");
+    team.web1.send(std::string("set ") + kListener + " " + kSetting + " " + std::to_string(kThirdTimeout));
+    check(!team.web1.speaksWithin(kProofOfWaiting), "a writer that waits for the lock");
+    say("A second administration process, pid %d, holds the lock; connector web1 wants to write and has "
+        "waited %d ms.",
+        static_cast<int>(holderPid), static_cast<int>(kProofOfWaiting.count()));
+
+    const Clock::time_point begin = Clock::now();
+    holder.kill();
+    team.web1.awaitAnswer();
+    const double elapsedMs = millisecondsSince(begin);
+    check(elapsedMs < kAtOnceMs,
+          "a lock that comes free at once, not after " + std::to_string(elapsedMs) + " ms");
+    say("The holder is killed with SIGKILL. %.1f ms later connector web1 has the lock, has written, and has "
+        "let it go.",
+        elapsedMs);
+    say("The others go on:");
+    for (ChildProcess* process : team.all()) checkReadsTimeout(*process, kThirdTimeout);
+    setTimeout(team.server, kFirstTimeout);
+    checkReadsTimeout(team.web2, kFirstTimeout);
+}
+
+void endAll(Team& team, const Installation& installation) {
+    heading("The end");
+    const Lines lines = registryLines(installation.registryFile());
+    const std::size_t keys = countKeyLines(lines);
+    checkCount(inFreshProcess("count"), keys, lines.size() - keys);
+    const Lines original = registryLines(installation.templateFile());
+    const std::size_t newKeys = 2;
+    const std::size_t newValues = 4 * kValuesEach + kCounters;
+    check(lines.size() == original.size() + newKeys + newValues, "a file that has grown by what was set");
+    say("The file has %zu keys and %zu values: the template's, and the %zu and %zu that were set.", keys,
+        lines.size() - keys, newKeys, newValues);
+    for (ChildProcess* process : team.all()) check(process->finish() == 0, process->title() + " ends well");
+    check(installation.fileNames() == Lines({"tw.registry", "tw.registry.bak", "tw.registry.template"}),
+          "a directory without temporary files");
+    say("All processes have ended with status 0 and left no temporary file.");
+}
+
+}  // namespace
+
+void tellStory(const Installation& installation) {
+    Team team = startFromTemplate(installation);
+    readByAll(team);
+    changeSetting(team, installation);
+    const double millisecondsPerWrite = writeAllAtOnce(team, installation);
+    writeLazily(team, millisecondsPerWrite);
+    killLockHolder(team);
+    endAll(team, installation);
+}
+
+}  // namespace appserver
