@@ -47,10 +47,10 @@ TRAIKLOFOX_API void time_tToFileTime(LONG seconds, _FILETIME* time, ULONG micros
 /// Converts a UTC date to a `FILETIME`; the day of the week is ignored. Returns 1, or 0 with `*time` zeroed
 /// for a date that `mktime` refuses (on 32-bit x86, outside 1901 to 2038) or a `FILETIME` cannot hold.
 ///
-/// Unlike Win32: the date goes through the local zone's standard time, so that the second before the Unix
-/// epoch by local clocks fails, fields out of range are carried over (February 30 is a day in March), and in
-/// a zone whose standard time differed on that date from what it is in the last rule in force the result is
-/// off by as much.
+/// Unlike Win32: the date goes through the local zone's standard time. So the date that local clocks showed
+/// one second before the Unix epoch fails, fields out of range are carried over (February 30 is a day in
+/// March), and where the zone's standard time on that date was another than today's, the result is off by the
+/// difference.
 TRAIKLOFOX_C_API BOOL SystemTimeToFileTime(const _SYSTEMTIME* date, _FILETIME* time);
 
 /// As `SystemTimeToFileTime`, with the `FILETIME` as one number. Returns 1 always, deliberately: a date that

@@ -1,0 +1,243 @@
+#include <traiklofox/strings.h>
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <string.h>
+
+#include <stdexcept>
+
+namespace {
+
+template <class String>
+class BothStrings : public ::testing::Test {};
+using StringTypes = ::testing::Types<CKZString, CString>;
+TYPED_TEST_SUITE(BothStrings, StringTypes);
+
+TYPED_TEST(BothStrings, NullTextIsTheEmptyStringEverywhere) {
+    const char* const null = nullptr;
+    TypeParam text = null;
+    EXPECT_TRUE(text.empty());
+    EXPECT_TRUE(text == null);
+    EXPECT_TRUE(null == text);
+    EXPECT_TRUE(NULL == text);
+
+    text = "a";
+    EXPECT_TRUE(text != null);
+    EXPECT_TRUE(text > null);
+    EXPECT_EQ(text + null, "a");
+    EXPECT_EQ(null + text, "a");
+    text += null;
+    EXPECT_EQ(text, "a");
+    text = null;
+    EXPECT_TRUE(text.empty());
+    text.Format(null);
+    EXPECT_TRUE(text.empty());
+}
+
+TYPED_TEST(BothStrings, CompareBytesUnsignedThenLengths) {
+    const char* const ascending[] = {"", "B", "a", "ab", "abc", "abd", "b", "\x80"};
+    for (size_t i = 0; i < std::size(ascending); ++i) {
+        for (size_t j = 0; j < std::size(ascending); ++j) {
+            const TypeParam left = ascending[i];
+            const TypeParam right = ascending[j];
+            SCOPED_TRACE(left + " against " + right);
+            EXPECT_EQ(left == right, i == j);
+            EXPECT_EQ(left != right.c_str(), i != j);
+            EXPECT_EQ(left.c_str() < right, i < j);
+            EXPECT_EQ(left <= right, i <= j);
+            EXPECT_EQ(left > right.c_str(), i > j);
+            EXPECT_EQ(left.c_str() >= right, i >= j);
+        }
+    }
+}
+
+TYPED_TEST(BothStrings, SumsJoinLeftAndRightInEveryCombination) {
+    const TypeParam text = "ab";
+    const std::string standard = "cd";
+    const auto chain = text + '/' + "x" + text + standard + 'y';
+    static_assert(std::is_same_v<decltype(chain), const TypeParam>);
+    EXPECT_EQ(chain, "ab/xabcdy");
+    EXPECT_EQ("<" + text, "<ab");
+    EXPECT_EQ('<' + text, "<ab");
+    EXPECT_EQ(standard + text, "cdab");
+    EXPECT_EQ(std::string("cd") + text, "cdab");
+    EXPECT_EQ(text + std::string("cd"), "abcd");
+    EXPECT_EQ(text + text, "abab");
+    EXPECT_EQ(text, "ab");
+}
+
+TYPED_TEST(BothStrings, AssignmentTakesAPartOfTheStringItself) {
+    TypeParam text = "some longer text that lives on the heap";
+    text = text.c_str() + 5;
+    EXPECT_EQ(text, "longer text that lives on the heap");
+    text += text;
+    EXPECT_EQ(text, "longer text that lives on the heaplonger text that lives on the heap");
+    text = 'c';
+    EXPECT_EQ(text, "c");
+}
+
+TYPED_TEST(BothStrings, FormatGivesWhatPrintfDoes) {
+    TypeParam text = "old";
+    text.Format("%-6s|%+05d|%#x|%.*f|%*c|%%|%lld", "ab", 42, 255, 2, 3.14159, 3, 'z', -9000000000LL);
+    EXPECT_EQ(text, "ab    |+0042|0xff|3.14|  z|%|-9000000000");
+    text.Format("%.400f", 1e300);
+    EXPECT_EQ(text.size(), 702u);
+    for (const int length : {0, 1, 511, 512, 513, 100'000}) {
+        text.Format("%*s", length, "");
+        EXPECT_EQ(text, std::string(static_cast<size_t>(length), ' '));
+    }
+}
+
+TYPED_TEST(BothStrings, FormatTakesTheStringItselfAsArgument) {
+    for (const size_t length : {3u, 2000u}) {
+        const std::string before(length, 'a');
+        TypeParam text = before;
+        text.Format("<%s%s>", text.c_str(), text.c_str());
+        EXPECT_EQ(text, "<" + before + before + ">");
+    }
+}
+
+TYPED_TEST(BothStrings, FormatThatFailsKeepsTheString) {
+    TypeParam text = "kept";
+    text.Format("%ls", L"\x263a");  // no such character in the "C" locale
+    EXPECT_EQ(errno, EILSEQ);
+    EXPECT_EQ(text, "kept");
+    const std::string tooWide = "%2147483648d";
+    EXPECT_THROW(text.Format(tooWide.c_str(), 1), std::length_error);
+    EXPECT_EQ(text, "kept");
+}
+
+TYPED_TEST(BothStrings, TrimmingRemovesBlanksOfAllKindsFromOneEnd) {
+    struct Case {
+        const char *text, *left, *right;
+    };
+    for (const auto& [text, left, right] :
+         {Case{"", "", ""}, Case{" \t\r\n\v\f ", "", ""}, Case{" a b ", "a b ", " a b"},
+          Case{"\xa0 a \xff", "\xa0 a \xff", "\xa0 a \xff"}, Case{"none", "none", "none"}}) {
+        TypeParam trimmed = text;
+        trimmed.TrimLeft();
+        EXPECT_EQ(trimmed, left) << "left of \"" << text << '"';
+        trimmed = text;
+        trimmed.TrimRight();
+        EXPECT_EQ(trimmed, right) << "right of \"" << text << '"';
+    }
+}
+
+TEST(Strings, MixedOperandsGiveTheLeftOnesClass) {
+    const CKZString ours = "a";
+    const CString mfc = "b";
+    static_assert(std::is_same_v<decltype(ours + mfc), CKZString>);
+    static_assert(std::is_same_v<decltype(mfc + ours), CString>);
+    EXPECT_EQ(ours + mfc, "ab");
+    EXPECT_TRUE(ours < mfc && mfc > ours && ours != mfc);
+}
+
+TEST(CKZString, ReplaceTakesOccurrencesFromLeftToRightOnce) {
+    struct Case {
+        const char *text, *from, *to, *result;
+    };
+    for (const auto& [text, from, to, result] :
+         {Case{"aaaa", "aa", "b", "bb"}, Case{"aaa", "aa", "b", "ba"}, Case{"aa", "a", "aa", "aaaa"},
+          Case{"xabyabz", "ab", "", "xyz"}, Case{"abc", "d", "e", "abc"}, Case{"abc", "abcd", "e", "abc"},
+          Case{"abc", "", "x", "abc"}, Case{"", "a", "b", ""}, Case{"abc", "abc", "", ""}}) {
+        CKZString replaced = text;
+        replaced.replace(from, to);
+        EXPECT_EQ(replaced, result) << text << ": " << from << " -> " << to;
+    }
+}
+
+TEST(CKZString, ReplaceTakesCharactersAndTheStringItself) {
+    CKZString text = "a.b.c";
+    text.replace('.', "--").replace("--", '+').replace('+', '.');
+    EXPECT_EQ(text, "a.b.c");
+    text.replace('.', text);
+    EXPECT_EQ(text, "aa.b.cba.b.cc");
+    text.replace(text, text);
+    EXPECT_EQ(text, "aa.b.cba.b.cc");
+    text.replace(0, 12, "standard ");
+    EXPECT_EQ(text, "standard c");
+}
+
+TEST(CKZString, MakeForwardSlashChangesTheStringAndReturnsACopy) {
+    CKZString path = "a\\b\\c";
+    EXPECT_EQ(path.MakeForwardSlash(), "a/b/c");
+    EXPECT_EQ(path, "a/b/c");
+}
+
+TEST(CString, SubstringsCutWhatRunsOutOfTheText) {
+    const CString text = "hello";
+    struct Case {
+        CString actual;
+        const char* expected;
+    };
+    for (const auto& [actual, expected] :
+         {Case{text.Mid(-2, 3), "hel"}, Case{text.Mid(3, 100), "lo"}, Case{text.Mid(0, 5), "hello"},
+          Case{text.Mid(5, 1), ""}, Case{text.Mid(6, 1), ""}, Case{text.Mid(1, -1), ""},
+          Case{text.Mid(INT_MAX, INT_MAX), ""}, Case{text.Mid(2), "llo"}, Case{text.Mid(INT_MIN), "hello"},
+          Case{text.Mid(9), ""}, Case{text.Left(2), "he"}, Case{text.Left(-1), ""},
+          Case{text.Left(6), "hello"}, Case{text.Right(2), "lo"}, Case{text.Right(-1), ""},
+          Case{text.Right(6), "hello"}})
+        EXPECT_EQ(actual, expected);
+}
+
+TEST(CString, DeleteRemovesWhatThereIs) {
+    struct Case {
+        int index, count;
+        const char* left;
+    };
+    for (const auto& [index, count, left] :
+         {Case{1, 3, "ho"}, Case{-1, 2, "llo"}, Case{3, 100, "hel"}, Case{5, 1, "hello"},
+          Case{100, 1, "hello"}, Case{0, -1, "hello"}}) {
+        CString text = "hello";
+        EXPECT_EQ(text.Delete(index, count), static_cast<int>(std::string_view(left).size()));
+        EXPECT_EQ(text, left) << index << ", " << count;
+    }
+}
+
+TEST(CString, BufferHoldsTheTextAndWhatIsWritten) {
+    CString text = "ab";
+    char* buffer = text.GetBuffer(2000);
+    EXPECT_STREQ(buffer, "ab");
+    memset(buffer, 'x', 2000);
+    text.ReleaseBuffer();
+    EXPECT_EQ(text, std::string(2000, 'x'));
+
+    text.GetBuffer(-1)[3] = '\0';
+    text.ReleaseBuffer(-1);
+    EXPECT_EQ(text, "xxx");
+
+    memcpy(text.GetBufferSetLength(5), "12345", 5);
+    EXPECT_EQ(text, "12345");
+    text.ReleaseBuffer(2);
+    EXPECT_EQ(text, "12");
+    text.GetBufferSetLength(-1);
+    EXPECT_TRUE(text.empty());
+}
+
+TEST(CString, ConcatCopyJoinsCountedPiecesOfItselfToo) {
+    CString text = "0123456789";
+    text.ConcatCopy(3, text.c_str() + 7, 4, text.c_str());
+    EXPECT_EQ(text, "7890123");
+    text.ConcatCopy(3, "a\0b", 0, nullptr);
+    EXPECT_EQ(text, std::string("a\0b", 3));
+}
+
+TEST(CString, BuildsFromUnsignedAndCountedText) {
+    const unsigned char bytes[] = {0xe4, 'b', 0};
+    EXPECT_EQ(CString(bytes), "\xe4\x62");
+    EXPECT_EQ(CString(static_cast<const unsigned char*>(nullptr)), "");
+    EXPECT_EQ(CString("abc", 2), "ab");
+}
+
+TEST(CString, CaseAndOrderChangeInPlace) {
+    CString text = "aBc\xe4";
+    text.MakeUpper();
+    EXPECT_EQ(text, "ABC\xe4");
+    text.MakeReverse();
+    EXPECT_EQ(text, "\xe4\x43\x42\x41");
+    text.MakeLower();
+    EXPECT_EQ(text, "\xe4\x63\x62\x61");
+}
+
+}  // namespace
