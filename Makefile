@@ -1,0 +1,83 @@
+# The front door. Each target first installs what it needs (scripts/bootstrap), so all of them work on a fresh Debian.
+#
+#   make demo      builds, and shows several processes that share one registry
+#   make test      builds and runs every test              PRESET=amd64 etc. for another build
+#   make check     the tests, again under the sanitizers, and clang's analysis of the locks
+#   make bench     every benchmark beside its floor        PRESET=amd64 for 64-bit
+#   make install   into PREFIX (/usr/local), below DESTDIR
+#   make package   a Debian package, in build/package
+#   make docs      the reference of the public headers, in build/docs
+#   make format, make lint, make clean
+PRESET ?= i386
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+# A test that hangs is stopped by its own time-out; this bounds the whole run.
+SUITE_SECONDS ?= 1500
+
+BUILD = build/$(PRESET)
+export PRESET
+
+.PHONY: all demo test check bench install package docs format lint clean build
+
+all: build
+
+build:
+	@scripts/bootstrap build test
+	cmake --preset $(PRESET)
+	cmake --build $(BUILD) --parallel $(JOBS)
+
+demo:
+	@scripts/bootstrap build test
+	cmake --preset $(PRESET)
+	cmake --build $(BUILD) --parallel $(JOBS) --target appserver
+	$(BUILD)/examples/appserver demo
+
+# Under the thread sanitizer a process has a second thread from the start, and only root may then leave the machine
+# (tests/support/private_machine.h).
+as_root = $(if $(findstring tsan,$(PRESET)),$(shell [ "$$(id -u)" = 0 ] || ! unshare --map-root-user true 2>/dev/null || echo unshare --map-root-user))
+
+test: build
+	timeout --foreground $(SUITE_SECONDS) $(as_root) ctest --no-tests=error --test-dir $(BUILD) --parallel $(JOBS) --output-on-failure \
+	  --no-label-summary --output-junit $(CURDIR)/$(BUILD)/tests.xml
+
+check:
+	@scripts/bootstrap build test bench check
+	$(MAKE) test PRESET=i386
+	cmake --build build/i386 --parallel $(JOBS) --target benchmarks
+	$(MAKE) test PRESET=i386-asan
+	$(MAKE) test PRESET=amd64-tsan
+	$(MAKE) build PRESET=amd64-clang
+
+bench:
+	@scripts/bootstrap build test bench
+	cmake --preset $(PRESET) -DTRAIKLOFOX_BENCH=ON
+	cmake --build $(BUILD) --parallel $(JOBS) --target benchmarks
+	cmake --build $(BUILD) --target bench
+
+install:
+	@scripts/bootstrap build
+	cmake --preset $(PRESET) -DTRAIKLOFOX_TESTS=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) -B build/install
+	cmake --build build/install --parallel $(JOBS)
+	cmake --install build/install
+
+package:
+	@scripts/bootstrap build package
+	cmake --preset $(PRESET) -DTRAIKLOFOX_TESTS=OFF -DTRAIKLOFOX_PACKAGE=ON -B build/package
+	cmake --build build/package --parallel $(JOBS)
+	cd build/package && cpack -G DEB
+
+docs:
+	@scripts/bootstrap docs
+	@mkdir -p build/docs
+	doxygen docs/Doxyfile
+
+format:
+	@scripts/bootstrap lint
+	find include src tests bench examples tools fuzz -name '*.cpp' -o -name '*.h' 2>/dev/null | xargs clang-format -i
+
+lint:
+	@scripts/bootstrap build lint
+	scripts/lint
+
+clean:
+	rm -rf build
