@@ -8,6 +8,7 @@
 #include "child_process.h"
 #include "conversation.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -29,6 +30,8 @@ constexpr unsigned kSecondTimeout = 45;
 constexpr unsigned kThirdTimeout = 60;
 
 constexpr char kBurstKey[] = "measurements";
+constexpr std::array kPrefixes = {"server", "web1", "web2",
+                                  "admin"};  // of the names that each process writes
 constexpr unsigned kValuesEach = 100;
 constexpr std::chrono::seconds kBurstBound{180};
 
@@ -140,6 +143,22 @@ void readByAll(Team& team) {
     for (ChildProcess* process : team.all()) checkReadsTimeout(*process, kFirstTimeout);
 }
 
+/// Says which one line of the file is no longer the template's.
+void tellChangedLine(const Installation& installation) {
+    const Lines before = registryLines(installation.templateFile());
+    const Lines after = registryLines(installation.registryFile());
+    check(before.size() == after.size(), "a registry with as many lines as before");
+    std::vector<std::pair<std::string, std::string>> changed;
+    for (std::size_t i = 0; i < before.size(); ++i) {
+        if (before[i] != after[i]) changed.emplace_back(assignmentOf(before[i]), assignmentOf(after[i]));
+    }
+    const std::pair<std::string, std::string> expected = {"KeepAliveTimeout = 0x1e",
+                                                          "KeepAliveTimeout = 0x2d"};
+    check(changed == std::vector{expected}, "one changed line in the file");
+    say("The file was written once. Of its %zu lines one differs from the template's:", after.size());
+    say("%s has become %s.", expected.first.c_str(), expected.second.c_str());
+}
+
 void changeSetting(Team& team, const Installation& installation) {
     heading("The setting changed by the administration process");
     team.server.ask(std::string("watch ") + kListener + " " + kSetting);
@@ -151,25 +170,13 @@ void changeSetting(Team& team, const Installation& installation) {
         millisecondsSince(begin));
     const std::string noticed = onlyLine(team.server.ask("await-change"));
     check(noticed == "noticed " + std::to_string(kSecondTimeout),
-          "the server's watching thread \"" + noticed + "\"");
-    say("The server's thread that polls RegNotifyChangeKeyValue reports %u, %.1f ms after the change began.",
-        kSecondTimeout, millisecondsSince(begin));
+          "the server's watching thread to notice the change, not \"" + noticed + "\"");
+    say("The server's thread that polls RegNotifyChangeKeyValue reports %u after %.1f ms.", kSecondTimeout,
+        millisecondsSince(begin));
     say("At their next look-up:");
     for (ChildProcess* process : team.all()) checkReadsTimeout(*process, kSecondTimeout);
-
     check(versionStamp(team.admin) == stampBefore + 1, "a version stamp that rose by 1");
-    const Lines before = registryLines(installation.templateFile());
-    const Lines after = registryLines(installation.registryFile());
-    check(before.size() == after.size(), "a registry with as many lines as before");
-    std::vector<std::pair<std::string, std::string>> changed;
-    for (std::size_t i = 0; i < before.size(); ++i) {
-        if (before[i] != after[i]) changed.emplace_back(assignmentOf(before[i]), assignmentOf(after[i]));
-    }
-    const std::pair<std::string, std::string> expected = {"KeepAliveTimeout = 0x1e",
-                                                          "KeepAliveTimeout = 0x2d"};
-    check(changed == std::vector{expected}, "one changed line in the file");
-    say("The file was written once. Of its %zu lines one differs from the template's: %s is now %s.",
-        after.size(), changed.front().first.c_str(), changed.front().second.c_str());
+    tellChangedLine(installation);
 }
 
 struct Span {
@@ -183,63 +190,77 @@ Span spanOf(const std::string& line) {
     return span;
 }
 
-/// All values that the four have written, as `assignmentOf` a value line has them.
-std::set<std::string> burstAssignments(const char* numberFormat) {
+std::string decimal(unsigned number) {
+    return std::to_string(number);
+}
+
+std::string asInFile(unsigned number) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%#x", number);
+    return text;
+}
+
+/// All values that the four write, as `assignmentOf` their lines.
+std::set<std::string> burstAssignments(std::string (*numberText)(unsigned)) {
     std::set<std::string> assignments;
-    for (const char* prefix : {"server", "web1", "web2", "admin"}) {
+    for (const char* prefix : kPrefixes) {
         for (unsigned i = 1; i <= kValuesEach; ++i) {
-            char text[64];
-            std::snprintf(text, sizeof text, "%s-%03u = ", prefix, i);
-            char number[16];
-            std::snprintf(number, sizeof number, numberFormat, i);
-            assignments.insert(std::string(text) + number);
+            char name[64];
+            std::snprintf(name, sizeof name, "%s-%03u", prefix, i);
+            assignments.insert(std::string(name) + " = " + numberText(i));
         }
     }
     return assignments;
 }
 
-/// Returns how long one write took, in milliseconds.
-double writeAllAtOnce(Team& team, const Installation& installation) {
-    heading("Four processes writing at once");
+/// Lets all write at once. Returns how long one write took, in milliseconds.
+double writeBurst(Team& team) {
     const unsigned long stampBefore = versionStamp(team.admin);
-    const char* const prefixes[] = {"server", "web1", "web2", "admin"};
     for (std::size_t i = 0; i < team.all().size(); ++i) {
-        team.all()[i]->send(std::string("fill ") + kBurstKey + " " + prefixes[i] + " " +
+        team.all()[i]->send(std::string("fill ") + kBurstKey + " " + kPrefixes[i] + " " +
                             std::to_string(kValuesEach));
     }
-    Span together;  // from when the last began to when the first ended
-    Span whole;
+    std::vector<Span> spans;
     for (ChildProcess* process : team.all()) {
-        const Span span = spanOf(onlyLine(process->awaitAnswer(kBurstBound)));
-        const bool first = whole.toUs == 0;
-        whole = {first ? span.fromUs : std::min(whole.fromUs, span.fromUs), std::max(whole.toUs, span.toUs)};
-        together = {std::max(together.fromUs, span.fromUs),
-                    first ? span.toUs : std::min(together.toUs, span.toUs)};
+        spans.push_back(spanOf(onlyLine(process->awaitAnswer(kBurstBound))));
     }
-    check(together.fromUs < together.toUs, "four processes that wrote at the same time");
+    const auto [firstBegin, lastBegin] = std::ranges::minmax(spans, {}, &Span::fromUs);
+    const auto [firstEnd, lastEnd] = std::ranges::minmax(spans, {}, &Span::toUs);
+    const double wholeMs = static_cast<double>(lastEnd.toUs - firstBegin.fromUs) / 1000;
+    const double togetherMs = static_cast<double>(firstEnd.toUs - lastBegin.fromUs) / 1000;
+    check(togetherMs > 0, "four processes that write at the same time");
     const unsigned long writes = versionStamp(team.admin) - stampBefore;
     check(writes >= 4 * kValuesEach, "a write for each of the values");
-    const double wholeMs = static_cast<double>(whole.toUs - whole.fromUs) / 1000;
-    say("Each sets %u values in one key and flushes after each: %lu writes of the file in %.0f ms, %.1f ms a "
-        "write;",
-        kValuesEach, writes, wholeMs, wholeMs / static_cast<double>(writes));
-    say("for %.0f ms of that time all four were at it.",
-        static_cast<double>(together.toUs - together.fromUs) / 1000);
 
+    const double writeMs = wholeMs / static_cast<double>(writes);
+    say("Each sets %u values in one new key, and flushes after each value.", kValuesEach);
+    say("That makes %lu writes of the file in %.0f ms, %.1f ms a write; all four were at it for %.0f ms.",
+        writes, wholeMs, writeMs, togetherMs);
+    return writeMs;
+}
+
+void checkBurst(const Installation& installation) {
     const Lines listed = inFreshProcess(std::string("list ") + kBurstKey);
     check(listed.size() == 4 * kValuesEach,
           "400 values in a fresh process, not " + std::to_string(listed.size()));
-    check(std::set<std::string>(listed.begin(), listed.end()) == burstAssignments("%u"),
+    check(std::set<std::string>(listed.begin(), listed.end()) == burstAssignments(decimal),
           "the values that were set");
-    const Lines lines = registryLines(installation.registryFile());
+    const Lines lines = valueLinesOf(registryLines(installation.registryFile()), kBurstKey);
     std::set<std::string> stored;
-    for (const std::string& line : valueLinesOf(lines, kBurstKey)) stored.insert(assignmentOf(line));
-    check(stored == burstAssignments("%#x"), "the lines of the values in the file");
+    for (const std::string& line : lines) stored.insert(assignmentOf(line));
+    check(lines.size() == listed.size() && stored == burstAssignments(asInFile),
+          "the lines of the values in the file");
     say("A fresh process finds all %zu values, and so does a search in the text of the file.", listed.size());
-    return wholeMs / static_cast<double>(writes);
 }
 
-void writeLazily(Team& team, double millisecondsPerWrite) {
+double writeAllAtOnce(Team& team, const Installation& installation) {
+    heading("Four processes writing at once");
+    const double writeMs = writeBurst(team);
+    checkBurst(installation);
+    return writeMs;
+}
+
+void writeLazily(Team& team, double writeMs) {
     heading("The lazy writer");
     const unsigned long stampBefore = versionStamp(team.admin);
     const Clock::time_point begin = Clock::now();
@@ -252,12 +273,11 @@ void writeLazily(Team& team, double millisecondsPerWrite) {
     const double mostWrites = elapsedMs / kLazyIntervalMs + 1;
     check(writes >= 1 && static_cast<double>(writes) <= mostWrites,
           "at most " + std::to_string(mostWrites) + " writes, not " + std::to_string(writes));
-    say("The server changes %u values in %.0f ms and closes the key after each. With a lazy writer that "
-        "writes every",
+    say("The server changes %u values in %.0f ms and closes the key after each. Its lazy writer writes",
         kRequests, elapsedMs);
-    say("%u ms, and once more when it is stopped, the file was written %lu times (version stamp %lu to %lu).",
+    say("every %u ms and once more when it is stopped: %lu writes (version stamp %lu to %lu).",
         kLazyIntervalMs, writes, stampBefore, stampBefore + writes);
-    say("Written one by one, as above, they would have taken %.0f ms.", kRequests * millisecondsPerWrite);
+    say("Written one by one, as above, they would have taken %.0f ms.", kRequests * writeMs);
 
     Lines expected;
     for (unsigned i = 0; i < kCounters; ++i) {
@@ -277,9 +297,9 @@ void killLockHolder(Team& team) {
           "a lock held by the process that took it");
     team.web1.send(std::string("set ") + kListener + " " + kSetting + " " + std::to_string(kThirdTimeout));
     check(!team.web1.speaksWithin(kProofOfWaiting), "a writer that waits for the lock");
-    say("A second administration process, pid %d, holds the lock; connector web1 wants to write and has "
-        "waited %d ms.",
-        static_cast<int>(holderPid), static_cast<int>(kProofOfWaiting.count()));
+    say("A second administration process, pid %d, holds the lock.", static_cast<int>(holderPid));
+    say("Connector web1 wants to write, and has waited for %d ms.",
+        static_cast<int>(kProofOfWaiting.count()));
 
     const Clock::time_point begin = Clock::now();
     holder.kill();
@@ -287,9 +307,7 @@ void killLockHolder(Team& team) {
     const double elapsedMs = millisecondsSince(begin);
     check(elapsedMs < kAtOnceMs,
           "a lock that comes free at once, not after " + std::to_string(elapsedMs) + " ms");
-    say("The holder is killed with SIGKILL. %.1f ms later connector web1 has the lock, has written, and has "
-        "let it go.",
-        elapsedMs);
+    say("The holder is killed with SIGKILL. %.1f ms later connector web1 has written.", elapsedMs);
     say("The others go on:");
     for (ChildProcess* process : team.all()) checkReadsTimeout(*process, kThirdTimeout);
     setTimeout(team.server, kFirstTimeout);
@@ -319,8 +337,8 @@ void tellStory(const Installation& installation) {
     Team team = startFromTemplate(installation);
     readByAll(team);
     changeSetting(team, installation);
-    const double millisecondsPerWrite = writeAllAtOnce(team, installation);
-    writeLazily(team, millisecondsPerWrite);
+    const double writeMs = writeAllAtOnce(team, installation);
+    writeLazily(team, writeMs);
     killLockHolder(team);
     endAll(team, installation);
 }
