@@ -23,10 +23,24 @@ add_library(traiklofox::traiklofox ALIAS traiklofox)
 target_include_directories(traiklofox INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 set_target_properties(traiklofox PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
-# An application's own class of one of our names replaces nothing inside the library; its own copies of the
-# exported variables stay the ones that count.
+# An application's own class of one of our names replaces nothing inside the library. The exported variables are the
+# exception, because an application that is no position-independent executable has the copies that count.
+file(GLOB public_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/traiklofox/*.h)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${public_headers})
+set(exported_variables "")
+foreach(header ${public_headers})
+  file(STRINGS ${header} lines REGEX "^extern TRAIKLOFOX_API .*;")
+  foreach(line ${lines})
+    string(REGEX REPLACE "^.*[ *]([A-Za-z_0-9]+);.*$" "\\1" name "${line}")
+    string(APPEND exported_variables "  ${name};\n")
+  endforeach()
+endforeach()
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/exported_variables.list CONTENT "{\n${exported_variables}};\n")
 target_link_options(traiklofox PRIVATE -Wl,-Bsymbolic
-  -Wl,--dynamic-list=${PROJECT_SOURCE_DIR}/cmake/exported_variables.list)
+  -Wl,--dynamic-list=${PROJECT_BINARY_DIR}/exported_variables.list)
+if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")  # a sanitizer's functions come with the program
+  target_link_options(traiklofox PRIVATE -Wl,-z,defs)
+endif()
 
 add_library(traiklofox_static STATIC $<TARGET_OBJECTS:traiklofox_objects>)
 target_include_directories(traiklofox_static INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
