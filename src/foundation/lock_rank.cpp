@@ -55,10 +55,6 @@ void noteLockReleased(LockRank rank, const void* lock) {
     fail("released without being held", rank, rank);
 }
 
-void forgetHeldLocks() {
-    heldCount = 0;
-}
-
 }  // namespace traiklofox::foundation
 
 #endif

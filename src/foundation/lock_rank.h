@@ -23,12 +23,9 @@ enum class LockRank : std::uint8_t {
 #if defined(TRAIKLOFOX_CHECK_LOCK_ORDER)
 void noteLockAcquired(LockRank rank, const void* lock);
 void noteLockReleased(LockRank rank, const void* lock);
-/// For the child of a fork: its only thread holds what the forking thread held.
-void forgetHeldLocks();
 #else
 inline void noteLockAcquired(LockRank, const void*) {}
 inline void noteLockReleased(LockRank, const void*) {}
-inline void forgetHeldLocks() {}
 #endif
 
 }  // namespace traiklofox::foundation

@@ -32,9 +32,6 @@ class TRAIKLOFOX_CAPABILITY("mutex") Mutex {
     }
     pthread_mutex_t* native() { return &native_; }
 
-    /// For the child of a fork whose parent's other threads may have held it.
-    void resetInChild() { native_ = PTHREAD_MUTEX_INITIALIZER; }
-
   private:
     pthread_mutex_t native_ = PTHREAD_MUTEX_INITIALIZER;
 };

@@ -1,0 +1,120 @@
+#include "registry/find_key.h"
+
+#include "registry/key_numbers.h"
+
+namespace traiklofox::registry {
+
+namespace {
+
+/// Takes the first component off `path`; empty when there is none left.
+std::string_view takeComponent(std::string_view& path) {
+    const size_t start = path.find_first_not_of('\\');
+    if (start == path.npos) {
+        path = {};
+        return {};
+    }
+    const size_t end = path.find('\\', start);
+    const std::string_view component = path.substr(start, end == path.npos ? end : end - start);
+    path = end == path.npos ? std::string_view() : path.substr(end);
+    return component;
+}
+
+bool isLast(std::string_view rest) {
+    return rest.find_first_not_of('\\') == rest.npos;
+}
+
+/// One walk. `key_` is locked throughout; clang cannot follow a lock that is handed on, so the steps are
+/// excepted.
+class Walker {
+  public:
+    Walker(std::string_view path, Walk walk, LONG sequence) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
+        : rest_(path),
+          walk_(walk),
+          sequence_(sequence),
+          key_(&RegKey::root()) {
+        if (walk_ != Walk::LookUp) fullName_ = normalizedPath(path);
+        key_->lock.lock();
+    }
+    ~Walker() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS { key_->lock.unlock(); }
+    Walker(const Walker&) = delete;
+    Walker& operator=(const Walker&) = delete;
+
+    FoundKey run() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        std::string_view component = takeComponent(rest_);
+        if (component.empty()) return {};
+        if (walk_ == Walk::Create && sequence_ == -1) sequence_ = GetUniqueKey();
+        for (; !component.empty(); component = takeComponent(rest_)) {
+            RegKey* next = key_->findSubkey(component);
+            const bool made = next == nullptr;
+            if (made) next = make(component);
+            if (next == nullptr) return {};
+            next->lock.lock();
+            key_->lock.unlock();
+            key_ = next;
+            if (walk_ == Walk::FromFile) key_->stamp();
+            if (isLast(rest_)) {
+                if (!made) arriveAtExisting();
+                return {KeyRef(key_), made};
+            }
+        }
+        return {};
+    }
+
+  private:
+    /// Null when nothing is to be made.
+    RegKey* make(std::string_view component) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        if (walk_ == Walk::LookUp) return nullptr;
+        const bool ignored = key_->ignoresInFile(component);
+        const bool fromFile = walk_ == Walk::FromFile;
+        if (fromFile && ignored) return nullptr;
+        if (fromFile) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
+        return &key_->addSubkey(component, {.fullName = fullName_,
+                                            .sequence = sequence_,
+                                            .implicit = !isLast(rest_),
+                                            .fromFile = fromFile,
+                                            .shadowsFile = ignored});
+    }
+
+    void arriveAtExisting() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        if (walk_ == Walk::LookUp || !key_->isImplicit()) return;
+        if (walk_ == Walk::FromFile) {
+            key_->becomeExplicit(fullName_);
+            return;
+        }
+        key_->becomeExplicit(key_->place());
+        key_->markUnsaved();
+        key_->noteChange();
+    }
+
+    std::string_view rest_;
+    const Walk walk_;
+    LONG sequence_;
+    CKZString fullName_;
+    RegKey* key_;
+};
+
+}  // namespace
+
+FoundKey FindKey(std::string_view path, Walk walk, LONG sequence) {
+    Walker walker(path, walk, sequence);
+    return walker.run();
+}
+
+CKZString normalizedPath(std::string_view path) {
+    CKZString normal;
+    normal.reserve(path.size());
+    for (std::string_view component = takeComponent(path); !component.empty();
+         component = takeComponent(path)) {
+        if (!normal.empty()) normal.push_back('\\');
+        normal.append(component);
+    }
+    return normal;
+}
+
+std::pair<std::string_view, std::string_view> splitLast(std::string_view path) {
+    const size_t last = path.find_last_of('\\');
+    if (last == path.npos) return {{}, path};
+    return {path.substr(0, last), path.substr(last + 1)};
+}
+
+}  // namespace traiklofox::registry

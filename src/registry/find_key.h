@@ -1,0 +1,35 @@
+#pragma once
+
+// The walk along a path.
+
+#include <string_view>
+
+#include "registry/reg_key.h"
+
+namespace traiklofox::registry {
+
+enum class Walk {
+    LookUp,    // nothing is made
+    Create,    // for a caller: what is missing is made, and the key is one in its own right from then on
+    FromFile,  // for a line of the file: what is missing is made unless it was deleted here; all on the way
+               // is stamped
+};
+
+struct FoundKey {
+    KeyRef key;  // null: not there, or not to be made
+    bool created = false;
+};
+
+/// Walks `path` from the root, components separated by backslashes (several count as one), letter case
+/// ignored. Locks hand over hand, from the root down; none is held on return, so that the key found may be
+/// dead by the time it is locked. A key made here gets `sequence`; with -1 the walk draws one, which all keys
+/// that it makes share.
+FoundKey FindKey(std::string_view path, Walk walk, LONG sequence = -1);
+
+/// `path` with single backslashes, and none at its ends.
+CKZString normalizedPath(std::string_view path);
+
+/// Splits a path at its last backslash: what is before it, and the last component.
+std::pair<std::string_view, std::string_view> splitLast(std::string_view path);
+
+}  // namespace traiklofox::registry

@@ -1,0 +1,288 @@
+#include "registry/reg_key.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "registry/key_numbers.h"
+
+namespace traiklofox::registry {
+
+namespace {
+
+std::string lowered(std::string_view name) {
+    std::string text(name);
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+/// Set becomes Carried. True when it is Carried now.
+bool carry(Mark& mark) {
+    if (mark == Mark::Set) mark = Mark::Carried;
+    return mark == Mark::Carried;
+}
+
+void endCarried(Mark& mark, Mark becomes) {
+    if (mark == Mark::Carried) mark = becomes;
+}
+
+bool carryAll(DeletedNames& names) {
+    bool any = false;
+    for (auto& [name, mark] : names) any |= carry(mark);
+    return any;
+}
+
+void endCarried(DeletedNames& names, Mark becomes) {
+    for (auto& [name, mark] : names) endCarried(mark, becomes);
+    std::erase_if(names, [](const auto& entry) { return entry.second == Mark::Clean; });
+}
+
+}  // namespace
+
+KeyRef::KeyRef(RegKey* key) : key_(key) {
+    if (key_ != nullptr) key_->references_.fetch_add(1, std::memory_order_relaxed);
+}
+
+KeyRef::~KeyRef() {
+    // A key that dies last lets its parent go, which may die in turn: a loop, since a path may be deep.
+    RegKey* key = key_;
+    while (key != nullptr && key->references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        RegKey* up = std::exchange(key->parent_.key_, nullptr);
+        delete key;
+        key = up;
+    }
+}
+
+std::string_view SubkeyName::operator()(const KeyRef& key) const {
+    return key->component;
+}
+
+void WriteBatch::commit() {
+    for (const KeyRef& key : keys_) {
+        const foundation::LockGuard guard(key->lock);
+        key->endWrite(Mark::Clean);
+    }
+    keys_.clear();
+}
+
+void WriteBatch::abort() {
+    for (const KeyRef& key : keys_) {
+        const foundation::LockGuard guard(key->lock);
+        key->endWrite(Mark::Set);
+    }
+    keys_.clear();
+}
+
+}  // namespace traiklofox::registry
+
+using namespace traiklofox::registry;
+using traiklofox::foundation::LockGuard;
+
+constinit std::atomic<DWORD> RegKey::Generation{1};
+
+RegKey::RegKey(KeyRef parentKey, std::string_view name, const Origin& origin)
+    : component(name),
+      parent_(std::move(parentKey)),
+      generation_(currentGeneration()),
+      sequence_(origin.sequence),
+      fullName_(origin.fullName),
+      implicit_(origin.implicit),
+      unsaved_(origin.fromFile || origin.implicit ? Mark::Clean : Mark::Set),
+      shadowsFile_(origin.shadowsFile ? Mark::Set : Mark::Clean) {
+    useKeyNumber(sequence_);
+}
+
+RegKey::~RegKey() {
+    freeKeyNumber(sequence_);
+}
+
+RegKey& RegKey::root() {
+    static const KeyRef& tree = *new KeyRef(new RegKey(
+        KeyRef(), "",
+        {.fullName = "", .sequence = -1, .implicit = false, .fromFile = true, .shadowsFile = false}));
+    return *tree;
+}
+
+void RegKey::noteChange() {
+    dirty.store(Mark::Set, std::memory_order_release);
+    changeCount.fetch_add(1, std::memory_order_acq_rel);
+}
+
+CKZString RegKey::place() const {
+    std::vector<const CKZString*> names;
+    for (const RegKey* key = this; key->parent() != nullptr; key = key->parent())
+        names.push_back(&key->component);
+    CKZString path;
+    for (auto name = names.rbegin(); name != names.rend(); ++name) {
+        if (!path.empty()) path.push_back('\\');
+        path.append(**name);
+    }
+    return path;
+}
+
+void RegKey::setSequence(LONG number) {
+    useKeyNumber(number);
+    freeKeyNumber(sequence_);
+    sequence_ = number;
+}
+
+void RegKey::becomeExplicit(std::string_view name) {
+    implicit_ = false;
+    fullName_.assign(name);
+}
+
+RegKey* RegKey::findSubkey(std::string_view name) {
+    KeyRef* found = subkeys.find(name);
+    return found != nullptr ? found->get() : nullptr;
+}
+
+RegKey& RegKey::addSubkey(std::string_view name, const Origin& origin) {
+    return *subkeys.append(KeyRef(new RegKey(KeyRef(this), name, origin)));
+}
+
+bool RegKey::wasDeleted(DeletedNames Deletions::*names, std::string_view name) const {
+    return deletions_ != nullptr && (*deletions_.*names).contains(lowered(name));
+}
+
+bool RegKey::ignoresInFile(std::string_view subkey) const {
+    return shadowsFile_ != Mark::Clean || wasDeleted(&Deletions::subkeys, subkey);
+}
+
+RegKey::Deletions& RegKey::deletions() {
+    if (deletions_ == nullptr) deletions_ = std::make_unique<Deletions>();
+    return *deletions_;
+}
+
+void RegKey::SetValue(RegValue value, bool& changed, bool fromFile) {
+    changed = false;
+    RegValue* present = values.find(value.name);
+    if (present != nullptr && *present == value) {
+        present->generation = currentGeneration();
+        return;
+    }
+    if (fromFile) {
+        if (present != nullptr && present->dirty != Mark::Clean) {
+            present->generation = currentGeneration();
+            return;
+        }
+        if (present == nullptr && (shadowsFile_ != Mark::Clean || wasDeleted(&Deletions::values, value.name)))
+            return;
+    } else {
+        if (implicit_) {
+            becomeExplicit(place());
+            unsaved_ = Mark::Set;
+        }
+        value.dirty = Mark::Set;
+    }
+    value.generation = currentGeneration();
+    changed = true;
+    if (present == nullptr) {
+        values.append(std::move(value));
+    } else if (present->name == value.name) {
+        *present = std::move(value);
+    } else {
+        values.rename(*present, [&] { *present = std::move(value); });
+    }
+}
+
+bool RegKey::DeleteValue(std::string_view name) {
+    if (values.find(name) == nullptr) return false;
+    (void)values.take(name);
+    deletions().values[lowered(name)] = Mark::Set;
+    return true;
+}
+
+KeyRef RegKey::takeSubkey(std::string_view name) {
+    KeyRef* found = subkeys.find(name);
+    if (found == nullptr) return KeyRef();
+    {
+        const LockGuard guard((*found)->lock);
+        (*found)->dead_ = true;
+    }
+    return subkeys.take(name);
+}
+
+KeyRef RegKey::deleteSubkey(std::string_view name) {
+    KeyRef taken = takeSubkey(name);
+    if (taken) deletions().subkeys[lowered(name)] = Mark::Set;
+    return taken;
+}
+
+void RegKey::dismantle(KeyRef removed) {
+    std::vector<KeyRef> left;
+    left.push_back(std::move(removed));
+    while (!left.empty()) {
+        const KeyRef key = std::move(left.back());
+        left.pop_back();
+        Subkeys below;
+        const LockGuard guard(key->lock);
+        key->dead_ = true;
+        std::swap(below, key->subkeys);
+        for (KeyRef& subkey : below.inOrderOfCreation()) left.push_back(std::move(subkey));
+    }
+}
+
+KeyRef RegKey::purgeSubkey(RegKey& subkey) {
+    {
+        const LockGuard guard(subkey.lock);
+        if (subkey.dead_ || !subkey.purge()) return KeyRef();
+        if (findSubkey(subkey.component) != &subkey) return KeyRef();  // this key is being dismantled itself
+        subkey.dead_ = true;
+    }
+    changeCount.fetch_add(1, std::memory_order_acq_rel);
+    return subkeys.take(subkey.component);
+}
+
+/// Removes stale values. Returns true when nothing keeps the key.
+bool RegKey::purge() {
+    if (unsaved_ != Mark::Clean) return false;
+    const size_t erased = values.eraseIf([](const RegValue& value) {
+        return value.dirty == Mark::Clean && value.generation != currentGeneration();
+    });
+    if (erased > 0) changeCount.fetch_add(1, std::memory_order_acq_rel);
+    // Values still here and keys below were found in the file or are to be written to it.
+    return generation_ != currentGeneration() && !isDirty() && values.empty() && subkeys.empty() &&
+           parent() != nullptr;
+}
+
+bool RegKey::carryMarks() {
+    Mark expected = Mark::Set;
+    dirty.compare_exchange_strong(expected, Mark::Carried, std::memory_order_acq_rel);
+    bool any = expected != Mark::Clean;
+    any |= carry(unsaved_);
+    any |= carry(shadowsFile_);
+    if (deletions_ != nullptr) {
+        any |= carryAll(deletions_->values);
+        any |= carryAll(deletions_->subkeys);
+    }
+    return any;
+}
+
+void RegKey::print(std::string& text, WriteBatch& batch) {
+    bool carries = carryMarks();
+    if (!implicit_ && !fullName_.empty()) {
+        std::array<char, 16> number{};
+        const auto end = std::to_chars(number.data(), number.data() + number.size(), sequence_).ptr;
+        text.append(fullName_).append(1, ':').append(number.data(), end).push_back('\n');
+        for (const auto& [name, position] : values.byName()) {
+            RegValue& value = *position;
+            if (!value.writable()) continue;
+            value.appendLine(text);
+            carries |= carry(value.dirty);
+        }
+    }
+    if (carries) batch.carries(KeyRef(this));
+}
+
+void RegKey::endWrite(Mark carriedBecomes) {
+    Mark expected = Mark::Carried;
+    dirty.compare_exchange_strong(expected, carriedBecomes, std::memory_order_acq_rel);
+    endCarried(unsaved_, carriedBecomes);
+    endCarried(shadowsFile_, carriedBecomes);
+    for (RegValue& value : values.inOrderOfCreation()) endCarried(value.dirty, carriedBecomes);
+    if (deletions_ == nullptr) return;
+    endCarried(deletions_->values, carriedBecomes);
+    endCarried(deletions_->subkeys, carriedBecomes);
+    if (deletions_->values.empty() && deletions_->subkeys.empty()) deletions_.reset();
+}

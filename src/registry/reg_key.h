@@ -1,0 +1,189 @@
+#pragma once
+
+// One key of the registry tree.
+//
+// A key's lock guards its values, its subkeys and its marks; a parent's is taken before a child's. References
+// are counted: a parent holds its children, a child its parent, the open-key map and every walk what they
+// use. A key that is removed from its parent is marked dead under both locks and taken apart: whoever still
+// has a reference and locks it finds it dead.
+
+#include <traiklofox/registry.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "foundation/mutex.h"
+#include "registry/named_list.h"
+#include "registry/reg_value.h"
+
+namespace traiklofox::registry {
+
+/// A counted reference to a key.
+class KeyRef {
+  public:
+    KeyRef() = default;
+    explicit KeyRef(RegKey* key);
+    KeyRef(const KeyRef& other) : KeyRef(other.key_) {}
+    KeyRef(KeyRef&& other) noexcept : key_(std::exchange(other.key_, nullptr)) {}
+    KeyRef& operator=(KeyRef other) noexcept {
+        std::swap(key_, other.key_);
+        return *this;
+    }
+    ~KeyRef();
+
+    RegKey* get() const { return key_; }
+    RegKey* operator->() const { return key_; }
+    RegKey& operator*() const { return *key_; }
+    explicit operator bool() const { return key_ != nullptr; }
+
+  private:
+    RegKey* key_ = nullptr;
+};
+
+struct ValueName {
+    std::string_view operator()(const RegValue& value) const { return value.name; }
+};
+struct SubkeyName {
+    std::string_view operator()(const KeyRef& key) const;
+};
+using Values = NamedList<RegValue, ValueName>;
+using Subkeys = NamedList<KeyRef, SubkeyName>;
+
+/// Names deleted in this process, until a write without them is in place.
+using DeletedNames = std::map<std::string, Mark, std::less<>>;
+
+/// What a write under way carries, to be told how it ended.
+class WriteBatch {
+  public:
+    void carries(KeyRef key) { keys_.push_back(std::move(key)); }
+    /// The text is in place: what was carried is clean.
+    void commit();
+    /// It is not: what was carried is still to be written.
+    void abort();
+
+  private:
+    std::vector<KeyRef> keys_;
+};
+
+}  // namespace traiklofox::registry
+
+class RegKey {
+  public:
+    using Mark = traiklofox::registry::Mark;
+    using KeyRef = traiklofox::registry::KeyRef;
+    using Lock = traiklofox::foundation::Mutex<traiklofox::foundation::LockRank::RegistryKey>;
+
+    /// How a key comes into the tree.
+    struct Origin {
+        std::string_view fullName;
+        LONG sequence;
+        bool implicit;  // only a step on the way to another key
+        bool fromFile;
+        bool shadowsFile;  // a key of this name was deleted here: what the file says of it is void
+    };
+
+    RegKey(KeyRef parentKey, std::string_view name, const Origin& origin);
+    RegKey(const RegKey&) = delete;
+    RegKey& operator=(const RegKey&) = delete;
+
+    /// Counts the reads of the file; keys and values are stamped with it.
+    static std::atomic<DWORD> Generation;
+    static DWORD currentGeneration() { return Generation.load(std::memory_order_relaxed); }
+
+    /// The root of this process's tree, made on first use.
+    static RegKey& root();
+
+    // Fixed at creation.
+    const CKZString component;                        // the last part of its path
+    RegKey* parent() const { return parent_.get(); }  // null for the root; as long-lived as the key
+
+    mutable Lock lock;
+
+    // Changed by whoever changes the key or a subkey, without the lock of the key.
+    std::atomic<LONG> changeCount{0};
+    std::atomic<Mark> dirty{Mark::Clean};
+
+    /// Counts a change and marks it as one to be written.
+    void noteChange();
+    bool isDirty() const { return dirty.load(std::memory_order_acquire) != Mark::Clean; }
+
+    /// The path that leads here, from the names on the way. Takes no lock.
+    CKZString place() const;
+
+    // All below: under `lock`.
+
+    bool isDead() const TRAIKLOFOX_REQUIRES(lock) { return dead_; }
+    bool isImplicit() const TRAIKLOFOX_REQUIRES(lock) { return implicit_; }
+    LONG sequence() const TRAIKLOFOX_REQUIRES(lock) { return sequence_; }
+    void setSequence(LONG number) TRAIKLOFOX_REQUIRES(lock);
+    const CKZString& fullName() const TRAIKLOFOX_REQUIRES(lock) { return fullName_; }
+    /// The prefix of the paths of its subkeys.
+    CKZString pathForSubkeys() const TRAIKLOFOX_REQUIRES(lock) { return implicit_ ? place() : fullName_; }
+
+    void stamp() TRAIKLOFOX_REQUIRES(lock) { generation_ = currentGeneration(); }
+    /// Makes a step on the way a key in its own right, which the file is to show.
+    void becomeExplicit(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
+    /// Marks the key as created here and not in the file.
+    void markUnsaved() TRAIKLOFOX_REQUIRES(lock) { unsaved_ = Mark::Set; }
+
+    RegKey* findSubkey(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
+    RegKey& addSubkey(std::string_view name, const Origin& origin) TRAIKLOFOX_REQUIRES(lock);
+    /// True when the file's word about a subkey that is not here does not count: it was deleted here, or this
+    /// whole key was and has been made anew.
+    bool ignoresInFile(std::string_view subkey) const TRAIKLOFOX_REQUIRES(lock);
+
+    /// Stores a value under the rules for changes made here (`fromFile` false) and for the file's lines.
+    /// `changed` tells whether anything became different.
+    void SetValue(RegValue value, bool& changed, bool fromFile) TRAIKLOFOX_REQUIRES(lock);
+    bool DeleteValue(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
+    /// Marks a subkey dead and takes it out. The caller dismantles it after letting the lock go.
+    KeyRef takeSubkey(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
+    /// The same, remembered, so that a re-read does not bring it back. Null when there is none.
+    KeyRef deleteSubkey(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
+    /// Marks everything below a removed key dead, so that no reference is left in a circle. Under no lock.
+    static void dismantle(KeyRef removed);
+
+    /// Removes what the last read did not find of a subkey: its values, except those changed here, and the
+    /// subkey itself unless this process has something in it to write. Returns the subkey when it is to be
+    /// dismantled.
+    KeyRef purgeSubkey(RegKey& subkey) TRAIKLOFOX_REQUIRES(lock);
+
+    /// Appends the key's and its values' lines, and gives the batch what they carry.
+    void print(std::string& text, traiklofox::registry::WriteBatch& batch) TRAIKLOFOX_REQUIRES(lock);
+    void endWrite(Mark carriedBecomes) TRAIKLOFOX_REQUIRES(lock);
+
+    traiklofox::registry::Values values TRAIKLOFOX_GUARDED_BY(lock);
+    traiklofox::registry::Subkeys subkeys TRAIKLOFOX_GUARDED_BY(lock);
+
+  private:
+    friend class traiklofox::registry::KeyRef;
+
+    struct Deletions {
+        traiklofox::registry::DeletedNames values;
+        traiklofox::registry::DeletedNames subkeys;
+    };
+
+    ~RegKey();
+
+    Deletions& deletions() TRAIKLOFOX_REQUIRES(lock);
+    bool wasDeleted(traiklofox::registry::DeletedNames Deletions::*names, std::string_view name) const
+        TRAIKLOFOX_REQUIRES(lock);
+    bool purge() TRAIKLOFOX_REQUIRES(lock);
+    bool carryMarks() TRAIKLOFOX_REQUIRES(lock);
+
+    KeyRef parent_;
+    std::atomic<int> references_{0};
+    DWORD generation_ TRAIKLOFOX_GUARDED_BY(lock);
+    LONG sequence_ TRAIKLOFOX_GUARDED_BY(lock);
+    CKZString fullName_ TRAIKLOFOX_GUARDED_BY(lock);
+    bool implicit_ TRAIKLOFOX_GUARDED_BY(lock);
+    bool dead_ TRAIKLOFOX_GUARDED_BY(lock) = false;
+    Mark unsaved_ TRAIKLOFOX_GUARDED_BY(lock);
+    Mark shadowsFile_ TRAIKLOFOX_GUARDED_BY(lock);
+    std::unique_ptr<Deletions> deletions_ TRAIKLOFOX_GUARDED_BY(lock);  // null while nothing is deleted
+};

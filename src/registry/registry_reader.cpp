@@ -1,0 +1,123 @@
+// registry_reader.cpp: reads the registry file into the tree. Callers of the private functions hold the cache
+// lock exclusively; the keys' own locks are taken line by line.
+
+#include "registry/registry_reader.h"
+
+#include <traiklofox/diagnostics.h>
+#include <traiklofox/file_lock.h>
+#include <traiklofox/registry.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "registry/cache_lock.h"
+#include "registry/find_key.h"
+#include "registry/locations.h"
+#include "registry/purge.h"
+#include "registry/shared_state.h"
+
+namespace traiklofox::registry {
+
+namespace {
+
+constexpr int kReadMode = FileLock::in | FileLock::nocreate;
+
+bool isIgnored(std::string_view line) {
+    return line.empty() || line.front() == '#';
+}
+
+bool isKeyLine(std::string_view line) {
+    return line.find(kRootWord) != line.npos;
+}
+
+/// The number behind a key's name, in any base that C knows.
+LONG sequenceOf(std::string_view text) {
+    const std::string number(text);
+    return static_cast<LONG>(std::strtoul(number.c_str(), nullptr, 0));
+}
+
+/// Puts the lines of one file into the tree.
+class TreeReader {
+  public:
+    void take(std::string_view line) {
+        line = line.substr(0, line.find('\0'));
+        if (isIgnored(line)) return;
+        if (isKeyLine(line)) {
+            takeKey(line);
+        } else if (key_ && value_.FormatValue(line)) {
+            takeValue();
+        }
+    }
+
+  private:
+    void takeKey(std::string_view line) {
+        const size_t colon = line.find(':');
+        if (colon == line.npos) return;
+        key_ = FindKey(line.substr(0, colon), Walk::FromFile, sequenceOf(line.substr(colon + 1))).key;
+    }
+
+    void takeValue() {
+        const foundation::LockGuard guard(key_->lock);
+        bool changed = false;
+        key_->SetValue(value_, changed, /*fromFile=*/true);
+        if (changed) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
+    }
+
+    KeyRef key_;      // that of the last key line; null before the first, and below one that was deleted here
+    RegValue value_;  // reused, for its buffers
+};
+
+/// Says that the file cannot be read beyond `line`; `error` is 0 when the line is too long. A file that stays
+/// unreadable is tried at every look-up, and reported once.
+void reportUnreadable(const CKZString& path, size_t line, int error) {
+    static auto& lastReport = *new CKZString;  // under the exclusive cache lock
+    CKZString report;
+    report.Format(
+        "ReadRegistry: %s: line %lu: %s; its keys are kept as they were, and nothing is written until it is "
+        "mended\n",
+        path.c_str(), static_cast<unsigned long>(line),
+        error != 0 ? std::strerror(error) : "longer than 4095 characters");
+    if (report == lastReport) return;
+    lastReport = report;
+    std::fputs(report.c_str(), stderr);
+}
+
+}  // namespace
+
+int readTree(Purging purging) {
+    const CacheLockGuard guard;
+    const CKZString path = registryPath();
+    FileLock file(nullptr, 0);
+    if (!file.OpenFileUnLocked(path.c_str(), kReadMode)) {
+        noteTreeOutOfDate();
+        return 0;
+    }
+    RegKey::Generation.fetch_add(1, std::memory_order_relaxed);
+
+    TreeReader reader;
+    size_t lineNumber = 0;
+    std::string_view line;
+    while (file.ReadLineView(line, kLongestLine)) {
+        ++lineNumber;
+        reader.take(line);
+    }
+    if (!file.IsEndOfFile()) {
+        reportUnreadable(path, lineNumber + 1, file.IsBad() ? errno : 0);
+        noteTreeOutOfDate();
+        return 1;
+    }
+    if (purging == Purging::Yes) purgeTree();
+    noteTreeRead();
+    MyVersionStamp.store(ShmStruct()->stamp.load(std::memory_order_seq_cst), std::memory_order_release);
+    return 1;
+}
+
+}  // namespace traiklofox::registry
+
+int ReadRegistry(int purge) {
+    using namespace traiklofox::registry;
+    ensureStarted();
+    return readTree(purge != 0 ? Purging::Yes : Purging::No);
+}
