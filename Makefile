@@ -59,6 +59,7 @@ install:
 	cmake --preset $(PRESET) -DTRAIKLOFOX_TESTS=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) -B build/install
 	cmake --build build/install --parallel $(JOBS)
 	cmake --install build/install
+	@[ -n "$(DESTDIR)" ] || [ "$$(id -u)" != 0 ] || ldconfig
 
 package:
 	@scripts/bootstrap build package
