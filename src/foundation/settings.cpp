@@ -1,0 +1,3 @@
+#include <traiklofox/settings.h>
+
+constinit bool bRunningInServer = false;
