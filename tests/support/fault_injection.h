@@ -22,12 +22,14 @@ namespace faults {
 // clang-format off
 enum class Call {
     // With a path, or two:
-    Open, Stat, Lstat, Statfs, Access, Chmod, Chown, Mkdir, Rmdir, Rename, Link, Unlink, Readlink, Opendir, Fopen,
+    Open, Stat, Lstat, Statfs, Access, Chmod, Chown, Mkdir, Rmdir, Rename, Link, Unlink, Readlink, Opendir,
+    Fopen,
     // With a descriptor, or a stream over one:
-    Close, Read, Write, Lseek, Ftruncate, Fdatasync, Fsync, Lockf, Flock, Fcntl, Fstat, Fchmod, Fchown, Readdir, Mmap,
-    Fdopen, Fwrite, Fputs, Fgets, Fflush, Fclose,
+    Close, Read, Write, Lseek, Ftruncate, Fdatasync, Fsync, Lockf, Flock, Fcntl, Fstat, Fchmod, Fchown,
+    Readdir, Mmap, Fdopen, Fwrite, Fputs, Fgets, Fflush, Fclose,
     // With neither:
-    Semget, Semop, Semctl, Shmget, Shmctl, Shmat, Munmap, Malloc, PthreadCreate, Fork, Pipe2, Waitpid, Kill, Nanosleep,
+    Semget, Semop, Semctl, Shmget, Shmctl, Shmat, Munmap, Malloc, PthreadCreate, Fork, Pipe2, Waitpid, Kill,
+    Nanosleep,
 };
 // clang-format on
 

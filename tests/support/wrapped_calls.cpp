@@ -135,7 +135,8 @@ DIR* __wrap_opendir(const char* path) {
     return pass(Call::Opendir, at(path), [&] { return __real_opendir(path); }, static_cast<DIR*>(nullptr));
 }
 FILE* __wrap_fopen64(const char* path, const char* mode) {
-    return pass(Call::Fopen, at(path), [&] { return __real_fopen64(path, mode); }, static_cast<FILE*>(nullptr));
+    return pass(Call::Fopen, at(path), [&] { return __real_fopen64(path, mode); },
+                static_cast<FILE*>(nullptr));
 }
 
 int __real_close(int);
@@ -208,14 +209,15 @@ struct dirent* __wrap_readdir64(DIR* directory) {
                 static_cast<struct dirent*>(nullptr));
 }
 void* __wrap_mmap64(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
-    return pass(Call::Mmap, at(fd), [&] { return __real_mmap64(address, size, protection, flags, fd, offset); },
-                MAP_FAILED);
+    const auto map = [&] { return __real_mmap64(address, size, protection, flags, fd, offset); };
+    return pass(Call::Mmap, at(fd), map, MAP_FAILED);
 }
 FILE* __wrap_fdopen(int fd, const char* mode) {
     return pass(Call::Fdopen, at(fd), [&] { return __real_fdopen(fd, mode); }, static_cast<FILE*>(nullptr));
 }
 size_t __wrap_fwrite(const void* data, size_t size, size_t count, FILE* stream) {
-    return pass(Call::Fwrite, at(stream), [&] { return __real_fwrite(data, size, count, stream); }, size_t{0});
+    return pass(Call::Fwrite, at(stream), [&] { return __real_fwrite(data, size, count, stream); },
+                size_t{0});
 }
 int __wrap_fputs(const char* text, FILE* stream) {
     return pass(Call::Fputs, at(stream), [&] { return __real_fputs(text, stream); }, EOF);
@@ -276,7 +278,8 @@ int __wrap_munmap(void* address, size_t size) {
 void* __wrap_malloc(size_t size) {
     return pass(Call::Malloc, kNowhere, [&] { return __real_malloc(size); }, static_cast<void*>(nullptr));
 }
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
     const auto verdict = judge(Call::PthreadCreate, kNowhere);
     return verdict.fails ? verdict.error : __real_pthread_create(thread, attributes, body, argument);
 }
