@@ -1,0 +1,5 @@
+#pragma once
+
+/// Locks. This header only gathers those of its family.
+
+#include <traiklofox/rwlock.h>
