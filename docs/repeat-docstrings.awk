@@ -1,21 +1,27 @@
 # Doxygen's input filter. In these headers a docstring describes every declaration that follows it up to an empty line,
 # which spares readers "the same for the other one"; Doxygen wants it before each. Operators of a class are described
 # with the class.
-function flush_comment() { comment = ""; open = 0 }
+function forget_comment() { comment = ""; in_comment = 0 }
+
 /^[ \t]*\/\/\// && !/^[ \t]*\/\/\/</ {
-    if (!open) comment = ""
+    if (!in_comment) comment = ""
     comment = comment $0 "\n"
-    open = 1
+    in_comment = 1
     print
     next
 }
-/^[ \t]*$/ || /^[ \t]*(public|private|protected):/ || /^[ \t]*}/ { flush_comment(); print; next }
+/^[ \t]*$/ || /^[ \t]*(public|private|protected):/ || /^[ \t]*}/ { forget_comment(); print; next }
+/^[ \t]*template <.*>$/ && !in_comment { head = $0 "\n"; next }
 {
     # The first line after a docstring has it already; a later one that begins a declaration gets a copy.
-    if (comment != "" && !open && !continued && !/^[ \t]*[{#\/]/) printf "%s", comment
-    if (comment == "" && !continued && /operator[-+=<>!]/) print "/// Described with its class."
-    open = 0
+    if (!in_comment && !continued && !/^[ \t]*[{#\/]/) {
+        if (comment != "") printf "%s", comment
+        else if (/operator[-+=<>!]/) print "/// Described with its class."
+    }
+    printf "%s", head
+    head = ""
+    in_comment = 0
     continued = !/[;}][ \t]*(\/\/.*)?$/
-    if (/{[ \t]*(\/\/.*)?$/) flush_comment()
+    if (/{[ \t]*(\/\/.*)?$/) { forget_comment(); continued = 0 }
     print
 }
