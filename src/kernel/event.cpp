@@ -48,9 +48,6 @@ namespace {
 constexpr int kSignaled = 1;
 constexpr int kWatched = 2;
 
-// Inside a wait only: queued calls are due, and are run once the event's lock is gone.
-constexpr DWORD kCallsPending = WAIT_IO_COMPLETION;
-
 char* copyOfName(const char* name) {
     if (name == nullptr) return nullptr;
     char* copy = strdup(name);
@@ -209,20 +206,19 @@ DWORD Event::WaitForHandle(DWORD milliseconds, BOOL alertable) {
     if (consume()) return WAIT_OBJECT_0;
     if (milliseconds == 0) return WAIT_TIMEOUT;
     if (milliseconds == INFINITE) return waitUntil(*this, /*deadline=*/nullptr, /*alertable=*/FALSE);
-    const timespec deadline = traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
-    return waitUntil(*this, &deadline, alertable);
+    const timespec deadline =
+        traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
+    const DWORD result = waitUntil(*this, &deadline, alertable);
+    if (result == WAIT_IO_COMPLETION) UserAPCCheck();
+    return result;
 }
 
 /// Waits until `deadline` (null: without limit). `keepAlive` is the object that holds this event: the event
-/// itself, or the MultiEvent around it. Calls are run only in a wait with a deadline.
+/// itself, or the MultiEvent around it. WAIT_IO_COMPLETION: calls are pending, which the caller runs once it
+/// has left the wait, for they may wait themselves. Only a wait with a deadline ends so.
 DWORD Event::waitUntil(Handle& keepAlive, const timespec* deadline, BOOL alertable) {
-    DWORD result;
-    {
-        const EventGuard guard(*this);
-        result = sleepLocked(keepAlive, deadline, alertable);
-    }
-    if (result == kCallsPending) UserAPCCheck();
-    return result;
+    const EventGuard guard(*this);
+    return sleepLocked(keepAlive, deadline, alertable);
 }
 
 DWORD Event::sleepLocked(Handle& keepAlive, const timespec* deadline, BOOL alertable) {
@@ -235,7 +231,7 @@ DWORD Event::sleepLocked(Handle& keepAlive, const timespec* deadline, BOOL alert
         int error;
         if (alertable) {
             const AlertableSleep sleep(keepAlive, *this);
-            if (sleep.callsPending()) return kCallsPending;
+            if (sleep.callsPending()) return WAIT_IO_COMPLETION;
             error = pthread_cond_timedwait(&cond, &lock, deadline);
         } else {
             error = pthread_cond_timedwait(&cond, &lock, deadline);

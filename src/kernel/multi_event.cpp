@@ -163,5 +163,9 @@ DWORD Event::WaitForMultipleHandles(DWORD count, Handle** handles, BOOL waitAll,
 
     ThreadContext& context = *GetThreadContext();
     if (context.multiEvent == nullptr) context.multiEvent = new MultiEvent(count);
-    return context.multiEvent->waitForEvents(count, handles, waitAll, milliseconds, alertable);
+    const DWORD result =
+        context.multiEvent->waitForEvents(count, handles, waitAll, milliseconds, alertable);
+    // The thread has left the wait: a call may wait for the same events, in the same MultiEvent.
+    if (result == WAIT_IO_COMPLETION) UserAPCCheck();
+    return result;
 }

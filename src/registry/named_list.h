@@ -11,7 +11,7 @@
 namespace traiklofox::registry {
 
 /// Items in the order of their creation, found by name with letter case ignored. Items stay where they are
-/// until they are erased. `NameOf` gives an item's name, which only `rename` changes.
+/// until they are erased. `NameOf` gives an item's name, which only `replace` changes.
 ///
 /// A walk by index that goes one step at a time costs one step each time: the place of the last request is
 /// kept.
@@ -38,12 +38,11 @@ class NamedList {
         return *added;
     }
 
-    /// Calls `change`, which may change the item's name in its letter case and its place in memory.
-    template <class Change>
-    void rename(Item& item, Change change) {
+    /// Puts `replacement`, whose name is the item's but for its letter case, in the item's place.
+    void replace(Item& item, Item replacement) {
         auto node = byName_.extract(NameOf{}(item));
-        change();
-        node.key() = CKZStringPc(NameOf{}(item));
+        item = std::move(replacement);
+        node.key() = CKZStringPc(NameOf{}(item));  // the old key referred to the old text
         byName_.insert(std::move(node));
     }
 

@@ -177,13 +177,10 @@ void RegKey::SetValue(RegValue value, bool& changed, bool fromFile) {
     }
     value.generation = currentGeneration();
     changed = true;
-    if (present == nullptr) {
+    if (present == nullptr)
         values.append(std::move(value));
-    } else if (present->name == value.name) {
-        *present = std::move(value);
-    } else {
-        values.rename(*present, [&] { *present = std::move(value); });
-    }
+    else
+        values.replace(*present, std::move(value));
 }
 
 bool RegKey::DeleteValue(std::string_view name) {
