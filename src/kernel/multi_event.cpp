@@ -1,10 +1,12 @@
 // multi_event.cpp: waits on several events.
 //
-// A wait copies its array and clears its index, then takes each event's lock once: it either finds the signal
-// there or registers, in one section. `Event::Set` stores the signal and posts to the registered waits in one
-// section of the same lock, and the wait leaves each event under it again. So an event is either found
-// signalled or posts, and nothing posts into a later wait. What may outlive a wait is a wake-up of the
-// embedded event that nobody slept for: a wait that wakes with no index posted sleeps on.
+// A wait copies its array and clears its index, then takes each event's lock once: in one section it registers
+// and then looks for the signal, in this order, because a `Set` that takes the short way holds no lock: it
+// either sees that the event is watched, or its signal is there to be seen. `Event::Set` on the long way stores
+// the signal and posts to the registered waits in one section of the same lock, and the wait leaves each event
+// under it again. So an event is either found signalled or posts, and nothing posts into a later wait. What may
+// outlive a wait is a wake-up of the embedded event that nobody slept for: a wait that wakes with no index
+// posted sleeps on.
 
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
@@ -80,18 +82,17 @@ DWORD MultiEvent::enrollAll(BOOL waitAll) {
     DWORD signaled = 0;
     for (DWORD i = 0; i < count; ++i) {
         MultiWaitEntry& entry = entries[i];
-        enrolled = i;
         if (entry.event == nullptr) continue;
         const EventGuard guard(*entry.event);
+        entry.event->IncRefCount();
+        entry.event->enroll(entry);
+        enrolled = i + 1;
         if (waitAll) {
             if (entry.event->EventIsSignaled()) ++signaled;
         } else if (entry.event->consume()) {
             return i;
         }
-        entry.event->IncRefCount();
-        entry.event->enroll(entry);
     }
-    enrolled = count;
     return waitAll && signaled == count ? WAIT_OBJECT_0 : kAllEnrolled;
 }
 
@@ -163,9 +164,9 @@ DWORD Event::WaitForMultipleHandles(DWORD count, Handle** handles, BOOL waitAll,
 
     ThreadContext& context = *GetThreadContext();
     if (context.multiEvent == nullptr) context.multiEvent = new MultiEvent(count);
-    const DWORD result =
-        context.multiEvent->waitForEvents(count, handles, waitAll, milliseconds, alertable);
-    // The thread has left the wait: a call may wait for the same events, in the same MultiEvent.
-    if (result == WAIT_IO_COMPLETION) UserAPCCheck();
+    const DWORD result = context.multiEvent->waitForEvents(count, handles, waitAll, milliseconds, alertable);
+    // The thread has left the wait: a call may wait for the same events, in the same MultiEvent. In a wait that
+    // is not alertable the number can only be an index.
+    if (alertable && result == WAIT_IO_COMPLETION) UserAPCCheck();
     return result;
 }
