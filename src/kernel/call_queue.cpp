@@ -47,7 +47,8 @@ bool CallQueue::pop(QueuedCall& call, bool first) {
 
 bool CallQueue::publishSleep(Handle& keepAlive, Event& event) {
     const LockGuard guard(lock_);
-    if (!calls_.empty()) return false;
+    idle_ = calls_.empty();
+    if (!idle_) return false;
     keepAlive_ = &keepAlive;
     sleepsOn_ = &event;
     return true;

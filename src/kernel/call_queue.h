@@ -44,7 +44,8 @@ class CallQueue {
     /// look.
     bool pop(QueuedCall& call, bool first);
 
-    /// Publishes a sleep on `event` unless calls are pending. False: they are, nothing is published.
+    /// Publishes a sleep on `event` unless calls are pending. False: they are, nothing is published. Counts as
+    /// a look: an empty queue marks the thread idle.
     bool publishSleep(Handle& keepAlive, Event& event);
     void withdrawSleep();
 
