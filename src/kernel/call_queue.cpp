@@ -2,6 +2,7 @@
 
 #include <traiklofox/events.h>
 
+#include "foundation/on_exit.h"
 #include "foundation/sys.h"
 #include "kernel/thread_life.h"
 
@@ -67,12 +68,14 @@ bool CallQueue::beginFutexSleep() {
     return true;
 }
 
-void CallQueue::endFutexSleep() {
+bool CallQueue::endFutexSleep() {
     const LockGuard guard(lock_);
     futexSleep_.store(0, std::memory_order_relaxed);
+    return !calls_.empty();
 }
 
 bool CallQueue::sleepFor(DWORD milliseconds) {
+    const auto keepErrno = foundation::onExit([saved = errno] { errno = saved; });
     const long long start = monotonicNanoseconds();
     const long long length = static_cast<long long>(milliseconds) * 1'000'000;
     for (long long slept = 0; slept < length; slept = monotonicNanoseconds() - start) {
@@ -80,8 +83,7 @@ bool CallQueue::sleepFor(DWORD milliseconds) {
         const timespec rest{static_cast<time_t>((length - slept) / 1'000'000'000),
                             static_cast<long>((length - slept) % 1'000'000'000)};
         const int error = sys::futexWait(futexSleep_, 1, &rest);
-        endFutexSleep();
-        if (error == EINTR) return true;
+        if (endFutexSleep() || error == EINTR) return true;
     }
     return false;
 }

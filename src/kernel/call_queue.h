@@ -54,8 +54,8 @@ class CallQueue {
     bool sleepFor(DWORD milliseconds);
 
   private:
-    bool beginFutexSleep();
-    void endFutexSleep();
+    bool beginFutexSleep();  // false: calls are pending, as they are when it ends with true
+    bool endFutexSleep();
 
     foundation::Mutex<foundation::LockRank::Leaf> lock_;
     std::deque<QueuedCall> calls_ TRAIKLOFOX_GUARDED_BY(lock_);
