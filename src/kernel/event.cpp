@@ -278,7 +278,7 @@ BOOL Event::SetEventData(LONG newData) {
             detached = useUpData();
             if (!detached) return 0;
         } else {
-            if (GetEventData() == -1) IncRefCount();
+            if (dataOwner == 0) IncRefCount();  // data given to the constructor hold no reference
             dataOwner = pthread_self();
             data.store(newData, std::memory_order_release);
         }
