@@ -75,7 +75,10 @@ DWORD Thread::WaitForHandle(DWORD milliseconds, BOOL alertable) {
     if (finished) return WAIT_OBJECT_0;
     if (milliseconds == 0) return WAIT_TIMEOUT;
     const DWORD result = end->WaitForHandle(milliseconds, alertable);
-    if (result == WAIT_OBJECT_0 && GetState() != THREAD_FINISHED) end->Reset();  // somebody called Signal
+    if (result == WAIT_OBJECT_0 && GetState() != THREAD_FINISHED) {
+        end->Reset();                                       // somebody called Signal
+        if (GetState() == THREAD_FINISHED) (void)Signal();  // and the end came meanwhile, for everybody
+    }
     return result;
 }
 
