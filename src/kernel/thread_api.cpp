@@ -71,7 +71,8 @@ Handle* CreateThread(_SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE start
     auto* thread = new Thread(/*id=*/0);
     thread->IncRefCount();
     auto arguments = std::make_unique<ThreadArgs>(ThreadArgs{start, argument, thread});
-    pthread_t id{};
+    pthread_t unwanted{};
+    pthread_t& id = threadId != nullptr ? *threadId : unwanted;  // stored before the thread runs
     const int error = pthread_create(&id, &attributes, KzThreadBase, arguments.get());
     if (error != 0) {
         thread->DecRefCount();
@@ -81,7 +82,6 @@ Handle* CreateThread(_SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE start
     }
     (void)arguments.release();  // the new thread frees them
     ThreadLife::started(*thread, id);
-    if (threadId != nullptr) *threadId = id;
     return thread;
 }
 
