@@ -143,13 +143,16 @@ void Event::unlockSelf() {
     pthread_mutex_unlock(&lock);
 }
 
+// The order of locks is about the outermost entry: the section is recursive.
 void Event::Lock() {
     EnterCriticalSection(&EventLock);
-    traiklofox::foundation::noteLockAcquired(LockRank::EventBookkeeping, &EventLock);
+    if (EventLock.count == 1)
+        traiklofox::foundation::noteLockAcquired(LockRank::EventBookkeeping, &EventLock);
 }
 
 void Event::Unlock() {
-    traiklofox::foundation::noteLockReleased(LockRank::EventBookkeeping, &EventLock);
+    if (EventLock.count == 1)
+        traiklofox::foundation::noteLockReleased(LockRank::EventBookkeeping, &EventLock);
     LeaveCriticalSection(&EventLock);
 }
 
@@ -206,8 +209,7 @@ DWORD Event::WaitForHandle(DWORD milliseconds, BOOL alertable) {
     if (consume()) return WAIT_OBJECT_0;
     if (milliseconds == 0) return WAIT_TIMEOUT;
     if (milliseconds == INFINITE) return waitUntil(*this, /*deadline=*/nullptr, /*alertable=*/FALSE);
-    const timespec deadline =
-        traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
+    const timespec deadline = traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
     const DWORD result = waitUntil(*this, &deadline, alertable);
     if (result == WAIT_IO_COMPLETION) UserAPCCheck();
     return result;
