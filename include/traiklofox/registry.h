@@ -260,6 +260,25 @@ TRAIKLOFOX_API int ReadRegistry(int purge);
 /// a message on standard error, the old file in place and the changes still marked.
 TRAIKLOFOX_API int WriteRegistry();
 
+/// Is told what a file in the registry's format says, line by line, in its order. Lines count from 1. Exceptions pass
+/// through `RegVisitFile`.
+class TRAIKLOFOX_API RegFileVisitor {
+  public:
+    virtual ~RegFileVisitor() = default;
+    /// A key's line. `number` is the one that it bears.
+    virtual void onKey(DWORD line, const CKZString& name, LONG number) = 0;
+    /// A value's line, of the last key.
+    virtual void onValue(DWORD line, const RegValueList& value) = 0;
+    /// A line that the registry's reader would ignore, cut, or take otherwise than it looks; `what` says which. When the
+    /// line is used all the same, `onKey` or `onValue` follows.
+    virtual void onDefect(DWORD line, const char* what) = 0;
+};
+
+/// Reads the file at `path` by the rules of the registry's reader and tells `visitor`; nothing is taken into the tree.
+/// Needs no registry to be up. Returns 1, 0 when the file cannot be opened (errno says why), or -1 when it cannot be
+/// read to its end (told as the last defect). Any thread may call.
+TRAIKLOFOX_API int RegVisitFile(const char* path, RegFileVisitor& visitor);
+
 /// Attaches the semaphore and the page of shared memory; called by start-up. Ends the process when it cannot.
 TRAIKLOFOX_API void RegInitSharedState(bool create);
 
@@ -283,6 +302,10 @@ TRAIKLOFOX_API int RegUpdateCache();
 TRAIKLOFOX_API void RegBumpVersion();
 /// Prints the lock owner's process id, the version stamp and the last writer's process id to standard output.
 TRAIKLOFOX_API void RegDumpVersion();
+
+/// The same three, for programs; null pointers are skipped. `*lockOwner` is 0 when nobody holds the lock, and may name a
+/// process that died holding it until somebody takes it again.
+TRAIKLOFOX_API void RegGetVersion(LPDWORD lockOwner, LPDWORD stamp, LPDWORD lastWriter);
 
 /// The body of the lazy writer: run it on a thread of your own (`CreateThread`, `unixthread_create`).
 /// `interval` points to an unsigned 32-bit number of milliseconds, read once (null: 60000). While it runs,

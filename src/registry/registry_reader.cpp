@@ -8,14 +8,13 @@
 #include <traiklofox/registry.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "registry/cache_lock.h"
 #include "registry/find_key.h"
 #include "registry/locations.h"
 #include "registry/purge.h"
+#include "registry/registry_line.h"
 #include "registry/shared_state.h"
 
 namespace traiklofox::registry {
@@ -24,40 +23,18 @@ namespace {
 
 constexpr int kReadMode = FileLock::in | FileLock::nocreate;
 
-bool isIgnored(std::string_view line) {
-    return line.empty() || line.front() == '#';
-}
-
-bool isKeyLine(std::string_view line) {
-    return line.find(kRootWord) != line.npos;
-}
-
-/// The number behind a key's name, in any base that C knows.
-LONG sequenceOf(std::string_view text) {
-    const std::string number(text);
-    return static_cast<LONG>(std::strtoul(number.c_str(), nullptr, 0));
-}
-
 /// Puts the lines of one file into the tree.
 class TreeReader {
   public:
     void take(std::string_view line) {
-        line = line.substr(0, line.find('\0'));
-        if (isIgnored(line)) return;
-        if (isKeyLine(line)) {
-            takeKey(line);
-        } else if (key_ && value_.FormatValue(line)) {
+        const RegistryLine parsed = parseLine(line, value_);
+        if (parsed.kind == RegistryLine::Kind::Key)
+            key_ = FindKey(parsed.keyName, Walk::FromFile, parsed.number).key;
+        else if (parsed.kind == RegistryLine::Kind::Value && key_)
             takeValue();
-        }
     }
 
   private:
-    void takeKey(std::string_view line) {
-        const size_t colon = line.find(':');
-        if (colon == line.npos) return;
-        key_ = FindKey(line.substr(0, colon), Walk::FromFile, sequenceOf(line.substr(colon + 1))).key;
-    }
-
     void takeValue() {
         const foundation::LockGuard guard(key_->lock);
         bool changed = false;

@@ -204,9 +204,20 @@ void RegBumpVersion() {
     shared.lastWriter.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
 }
 
-void RegDumpVersion() {
+void RegGetVersion(LPDWORD lockOwner, LPDWORD stamp, LPDWORD lastWriter) {
     ensureStarted();
     const SharedPage& shared = *ShmStruct();
-    std::printf("Lock owner PID: %u\nRegistry version stamp: %u\nLast PID to write Registry: %u\n",
-                shared.lockHolder.load(), shared.stamp.load(), shared.lastWriter.load());
+    if (lockOwner != nullptr) *lockOwner = shared.lockHolder.load();
+    if (stamp != nullptr) *stamp = shared.stamp.load();
+    if (lastWriter != nullptr) *lastWriter = shared.lastWriter.load();
+}
+
+void RegDumpVersion() {
+    DWORD lockOwner = 0;
+    DWORD stamp = 0;
+    DWORD lastWriter = 0;
+    RegGetVersion(&lockOwner, &stamp, &lastWriter);
+    std::printf("Lock owner PID: %lu\nRegistry version stamp: %lu\nLast PID to write Registry: %lu\n",
+                static_cast<unsigned long>(lockOwner), static_cast<unsigned long>(stamp),
+                static_cast<unsigned long>(lastWriter));
 }

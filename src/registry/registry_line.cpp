@@ -1,0 +1,87 @@
+#include "registry/registry_line.h"
+
+#include <strings.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include "registry/key_numbers.h"
+
+namespace traiklofox::registry {
+
+namespace {
+
+using Kind = RegistryLine::Kind;
+
+/// The number behind a key's name, in any base that C knows.
+LONG numberOf(std::string_view text, bool& whole) {
+    const std::string number(text);
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(number.c_str(), &end, 0);
+    whole = end != number.c_str() && *end == '\0' && errno == 0;
+    return static_cast<LONG>(value);
+}
+
+const char* defectOfKey(std::string_view name, LONG number, bool numberIsWhole) {
+    if (!name.starts_with(kRootWord))
+        return "taken for a key's line, because it has \"hkey_local_machine\" in it";
+    if (name.size() > kRootWord.size() && name[kRootWord.size()] != '\\')
+        return "the key's name does not go on with a backslash";
+    if (!numberIsWhole) return "what follows the key's name is no number";
+    if (!isHandleNumber(number))
+        return "the key's number is outside 1 to 1073741822; it will be given another";
+    return nullptr;
+}
+
+RegistryLine parseKey(std::string_view line, bool wantsDefects) {
+    const size_t colon = line.find(':');
+    if (colon == line.npos) return {.kind = Kind::Malformed, .defect = "a key's line without a colon"};
+    RegistryLine key{.kind = Kind::Key, .keyName = line.substr(0, colon)};
+    bool whole = true;
+    key.number = numberOf(line.substr(colon + 1), whole);
+    if (wantsDefects) key.defect = defectOfKey(key.keyName, key.number, whole);
+    return key;
+}
+
+/// Why a line is no value's.
+const char* defectOfNoValue(std::string_view line) {
+    const size_t colon = line.find(':');
+    if (line.size() >= kRootWord.size() && strncasecmp(line.data(), kRootWord.data(), kRootWord.size()) == 0)
+        return "a key's name must begin with \"hkey_local_machine\" in lower case";
+    if (colon == line.npos) return "neither a key's nor a value's line: no colon";
+    if (line.find(';', colon) == line.npos) return "a value's line without a semicolon after its data";
+    if (line.back() == '\r') return "a value's line that ends in a carriage return";
+    return "a value's line whose type is not REG_SZ, REG_DWORD or REG_MULTI_SZ";
+}
+
+const char* defectOfValue(std::string_view line) {
+    const size_t semicolon = line.find(';', line.find(':'));
+    if (line.find(';', semicolon + 1) != line.npos) return "the value's data are cut at the first semicolon";
+    return nullptr;
+}
+
+}  // namespace
+
+RegistryLine parseLine(std::string_view line, RegValue& value, bool wantsDefects) {
+    const size_t nul = line.find('\0');
+    const bool cut = nul != line.npos;
+    line = line.substr(0, nul);
+    RegistryLine parsed;
+    if (line.empty() || line.front() == '#') {
+        parsed.kind = Kind::Nothing;
+    } else if (line.find(kRootWord) != line.npos) {
+        parsed = parseKey(line, wantsDefects);
+    } else if (value.FormatValue(line)) {
+        parsed.kind = Kind::Value;
+        if (wantsDefects) parsed.defect = defectOfValue(line);
+    } else {
+        parsed.kind = Kind::Malformed;
+        if (wantsDefects) parsed.defect = defectOfNoValue(line);
+    }
+    if (cut && parsed.defect == nullptr) parsed.defect = "cut at a NUL character";
+    return parsed;
+}
+
+}  // namespace traiklofox::registry
