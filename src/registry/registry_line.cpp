@@ -36,9 +36,15 @@ const char* defectOfKey(std::string_view name, LONG number, bool numberIsWhole) 
 }
 
 RegistryLine parseKey(std::string_view line, bool wantsDefects) {
+    RegistryLine key;
     const size_t colon = line.find(':');
-    if (colon == line.npos) return {.kind = Kind::Malformed, .defect = "a key's line without a colon"};
-    RegistryLine key{.kind = Kind::Key, .keyName = line.substr(0, colon)};
+    if (colon == line.npos) {
+        key.kind = Kind::Malformed;
+        key.defect = "a key's line without a colon";
+        return key;
+    }
+    key.kind = Kind::Key;
+    key.keyName = line.substr(0, colon);
     bool whole = true;
     key.number = numberOf(line.substr(colon + 1), whole);
     if (wantsDefects) key.defect = defectOfKey(key.keyName, key.number, whole);
