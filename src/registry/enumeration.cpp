@@ -62,14 +62,15 @@ LONG RegQueryInfoKey(HKEY hKey, char* lpClass, LPDWORD lpcClass, LPDWORD, LPDWOR
     return registryCall([&] {
         return onOpenKey(hKey, [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) -> LONG {
             size_t longestSubkey = 0;
-            for (const KeyRef& subkey : key.subkeys.inOrderOfCreation())
+            key.subkeys.inOrderOfCreation([&](const KeyRef& subkey) {
                 longestSubkey = std::max(longestSubkey, subkey->component.size());
+            });
             size_t longestName = 0;
             size_t longestData = 0;
-            for (const RegValue& value : key.values.inOrderOfCreation()) {
+            key.values.inOrderOfCreation([&](const RegValue& value) {
                 longestName = std::max(longestName, value.name.size());
                 longestData = std::max(longestData, value.data.size());
-            }
+            });
             if (lpClass != nullptr && lpcClass != nullptr && *lpcClass > 0) *lpClass = '\0';
             store(lpcClass, 0);
             store(lpcSubKeys, key.subkeys.size());

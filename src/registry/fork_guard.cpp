@@ -23,10 +23,10 @@ void lockTreeForFork() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
     std::vector<RegKey*>& keys = lockedKeys();
     keys.assign(1, &RegKey::root());
     for (size_t next = 0; next < keys.size(); ++next) {
-        for (const KeyRef& subkey : keys[next]->subkeys.inOrderOfCreation()) {
+        keys[next]->subkeys.inOrderOfCreation([&](const KeyRef& subkey) {
             pthread_mutex_lock(subkey->lock.native());
             keys.push_back(subkey.get());
-        }
+        });
     }
     lockKeyNumbersForFork();
 }

@@ -1,24 +1,43 @@
 #pragma once
 
-#include <strings.h>
-
-#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <string_view>
 
-/// A name as the registry's maps order it: byte by byte, letter case ignored. Refers to the text, which must
-/// stay where it is.
+/// A name as the registry finds and orders it: byte by byte, letter case ignored, by the C library's `tolower` in the
+/// locale that the process had when the registry was first used. Refers to the text, which must stay where it is.
 class CKZStringPc {
   public:
     CKZStringPc(std::string_view text) : text_(text) {}
 
-    std::string_view text() const { return text_; }
-
-    friend bool operator<(CKZStringPc left, CKZStringPc right) {
-        const size_t common = std::min(left.text_.size(), right.text_.size());
-        const int order = strncasecmp(left.text_.data(), right.text_.data(), common);
-        return order != 0 ? order < 0 : left.text_.size() < right.text_.size();
+    std::uint32_t hash() const {
+        std::uint32_t hash = 2166136261U;  // FNV-1a
+        for (const char character : text_) hash = (hash ^ fold(character)) * 16777619U;
+        return hash ^ (hash >> 15);  // the low bits choose a table's slot
     }
 
+    friend bool operator==(CKZStringPc left, CKZStringPc right) {
+        if (left.text_.size() != right.text_.size()) return false;
+        for (size_t i = 0; i < left.text_.size(); ++i)
+            if (fold(left.text_[i]) != fold(right.text_[i])) return false;
+        return true;
+    }
+
+    friend bool operator<(CKZStringPc left, CKZStringPc right) {
+        const size_t common = left.text_.size() < right.text_.size() ? left.text_.size() : right.text_.size();
+        for (size_t i = 0; i < common; ++i) {
+            const unsigned char a = fold(left.text_[i]);
+            const unsigned char b = fold(right.text_[i]);
+            if (a != b) return a < b;
+        }
+        return left.text_.size() < right.text_.size();
+    }
+
+    /// The byte in lower case.
+    static unsigned char fold(char character) { return table()[static_cast<unsigned char>(character)]; }
+
   private:
+    static const std::array<unsigned char, 256>& table();
+
     std::string_view text_;
 };

@@ -1,100 +1,135 @@
 #pragma once
 
+#include <algorithm>
 #include <iterator>
 #include <list>
-#include <map>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "registry/flat_index.h"
 #include "registry/key_name.h"
 
 namespace traiklofox::registry {
 
-/// Items in the order of their creation, found by name with letter case ignored. Items stay where they are
-/// until they are erased. `NameOf` gives an item's name, which only `replace` changes.
+/// Items in the order of their creation, found by name with letter case ignored. Items stay where they are until
+/// they are erased. `NameOf` gives an item's name.
 ///
-/// A walk by index that goes one step at a time costs one step each time: the place of the last request is
-/// kept.
+/// A walk by index that goes one step at a time costs one step each time: the place of the last request is kept.
 template <class Item, class NameOf>
 class NamedList {
+    struct Node {
+        Item item;
+        typename std::list<Node>::iterator self;
+    };
+
   public:
-    using Position = typename std::list<Item>::iterator;
-    using ByName = std::map<CKZStringPc, Position>;
+    size_t size() const { return nodes_.size(); }
+    bool empty() const { return nodes_.empty(); }
 
-    size_t size() const { return items_.size(); }
-    bool empty() const { return items_.empty(); }
-
-    Item* find(std::string_view name) {
-        const auto found = byName_.find(name);
-        return found != byName_.end() ? &*found->second : nullptr;
+    Item* find(std::string_view name) const {
+        Node* found = nodeOf(name);
+        return found != nullptr ? &found->item : nullptr;
     }
 
-    /// Appends an item whose name is not in the list. A name after all others, as when a sorted file is read,
-    /// costs no search.
+    /// Appends an item whose name is not in the list.
     Item& append(Item item) {
-        items_.push_back(std::move(item));
-        const Position added = std::prev(items_.end());
-        byName_.emplace_hint(byName_.end(), NameOf{}(*added), added);
-        return *added;
+        if (nodes_.empty()) sorted_ = true;
+        const std::string_view last = nodes_.empty() ? std::string_view() : nameOf(nodes_.back());
+        nodes_.push_back({std::move(item), {}});
+        Node& node = nodes_.back();
+        node.self = std::prev(nodes_.end());
+        index_.insert(CKZStringPc(nameOf(node)).hash(), &node);
+        if (CKZStringPc(nameOf(node)) < CKZStringPc(last)) sorted_ = false;
+        order_.clear();
+        return node.item;
     }
 
-    /// Puts `replacement`, whose name is the item's but for its letter case, in the item's place.
-    void replace(Item& item, Item replacement) {
-        auto node = byName_.extract(NameOf{}(item));
-        item = std::move(replacement);
-        node.key() = CKZStringPc(NameOf{}(item));  // the old key referred to the old text
-        byName_.insert(std::move(node));
-    }
-
-    /// Takes an item out; its place is forgotten by the walk by index.
+    /// Takes an item out, which must be there.
     Item take(std::string_view name) {
-        const auto found = byName_.find(name);
-        Item taken = std::move(*found->second);
-        const Position position = found->second;
-        byName_.erase(found);
-        items_.erase(position);
-        nextIndex_ = kNone;
+        Node& node = *nodeOf(name);
+        index_.erase(CKZStringPc(name).hash(), [&](const Node& other) { return &other == &node; });
+        Item taken = std::move(node.item);
+        forgetPlaces();
+        nodes_.erase(node.self);
         return taken;
     }
 
     template <class Predicate>
     size_t eraseIf(Predicate predicate) {
         size_t erased = 0;
-        for (auto entry = byName_.begin(); entry != byName_.end();) {
-            if (!predicate(*entry->second)) {
-                ++entry;
+        for (auto node = nodes_.begin(); node != nodes_.end();) {
+            if (!predicate(node->item)) {
+                ++node;
                 continue;
             }
-            const Position position = entry->second;
-            entry = byName_.erase(entry);
-            items_.erase(position);
+            index_.erase(CKZStringPc(nameOf(*node)).hash(),
+                         [&](const Node& other) { return &other == &*node; });
+            node = nodes_.erase(node);
             ++erased;
         }
-        if (erased > 0) nextIndex_ = kNone;
+        if (erased > 0) forgetPlaces();
         return erased;
     }
 
     /// The `index`-th item in the order of creation; null past the end.
     Item* at(size_t index) {
-        if (index >= items_.size()) return nullptr;
-        const Position position =
-            index == nextIndex_ ? next_ : std::next(items_.begin(), static_cast<int>(index));
+        if (index >= nodes_.size()) return nullptr;
+        const auto node = index == nextIndex_ ? next_ : std::next(nodes_.begin(), static_cast<int>(index));
         // A step past the end is not kept: an item appended later would be missed.
-        next_ = std::next(position);
-        nextIndex_ = next_ != items_.end() ? index + 1 : kNone;
-        return &*position;
+        next_ = std::next(node);
+        nextIndex_ = next_ != nodes_.end() ? index + 1 : kNone;
+        return &node->item;
     }
 
-    std::list<Item>& inOrderOfCreation() { return items_; }
-    const ByName& byName() const { return byName_; }
+    template <class Visit>
+    void inOrderOfCreation(Visit visit) {
+        for (Node& node : nodes_) visit(node.item);
+    }
+    template <class Visit>
+    void inOrderOfCreation(Visit visit) const {
+        for (const Node& node : nodes_) visit(node.item);
+    }
+
+    /// The items by name. That of a file that was read is the order of creation too; otherwise it is found once, and
+    /// kept until an item comes or goes.
+    template <class Visit>
+    void inOrderOfNames(Visit visit) {
+        if (sorted_) {
+            inOrderOfCreation(visit);
+            return;
+        }
+        if (order_.empty()) {
+            order_.reserve(nodes_.size());
+            for (Node& node : nodes_) order_.push_back(&node);
+            std::sort(order_.begin(), order_.end(), [](const Node* left, const Node* right) {
+                return CKZStringPc(nameOf(*left)) < CKZStringPc(nameOf(*right));
+            });
+        }
+        for (Node* node : order_) visit(node->item);
+    }
 
   private:
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
-    std::list<Item> items_;
-    ByName byName_;
+    static std::string_view nameOf(const Node& node) { return NameOf{}(node.item); }
+
+    Node* nodeOf(std::string_view name) const {
+        return index_.find(CKZStringPc(name).hash(),
+                           [&](const Node& node) { return CKZStringPc(nameOf(node)) == CKZStringPc(name); });
+    }
+
+    void forgetPlaces() {
+        nextIndex_ = kNone;
+        order_.clear();
+    }
+
+    std::list<Node> nodes_;
+    FlatIndex<Node> index_;
+    std::vector<Node*> order_;  // by name; empty: to be found
+    bool sorted_ = true;        // the order of creation is that of the names
     size_t nextIndex_ = kNone;
-    Position next_{};
+    typename std::list<Node>::iterator next_{};
 };
 
 }  // namespace traiklofox::registry

@@ -17,7 +17,7 @@ std::vector<KeyRef> allKeys() {
     for (size_t next = 0; next < keys.size(); ++next) {
         const KeyRef key = keys[next];
         const LockGuard guard(key->lock);
-        for (const KeyRef& subkey : key->subkeys.inOrderOfCreation()) keys.push_back(subkey);
+        key->subkeys.inOrderOfCreation([&](const KeyRef& subkey) { keys.push_back(subkey); });
     }
     return keys;
 }

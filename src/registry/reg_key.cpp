@@ -12,8 +12,7 @@ namespace {
 
 std::string lowered(std::string_view name) {
     std::string text(name);
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    for (char& character : text) character = static_cast<char>(CKZStringPc::fold(character));
     return text;
 }
 
@@ -180,7 +179,7 @@ void RegKey::SetValue(RegValue value, bool& changed, bool fromFile) {
     if (present == nullptr)
         values.append(std::move(value));
     else
-        values.replace(*present, std::move(value));
+        *present = std::move(value);  // the same name but for its letter case
 }
 
 bool RegKey::DeleteValue(std::string_view name) {
@@ -216,7 +215,7 @@ void RegKey::dismantle(KeyRef removed) {
         const LockGuard guard(key->lock);
         key->dead_ = true;
         std::swap(below, key->subkeys);
-        for (KeyRef& subkey : below.inOrderOfCreation()) left.push_back(std::move(subkey));
+        below.inOrderOfCreation([&](KeyRef& subkey) { left.push_back(std::move(subkey)); });
     }
 }
 
@@ -262,12 +261,11 @@ void RegKey::print(std::string& text, WriteBatch& batch) {
         std::array<char, 16> number{};
         const auto end = std::to_chars(number.data(), number.data() + number.size(), sequence_).ptr;
         text.append(fullName_).append(1, ':').append(number.data(), end).push_back('\n');
-        for (const auto& [name, position] : values.byName()) {
-            RegValue& value = *position;
-            if (!value.writable()) continue;
+        values.inOrderOfNames([&](RegValue& value) {
+            if (!value.writable()) return;
             value.appendLine(text);
             carries |= carry(value.dirty);
-        }
+        });
     }
     if (carries) batch.carries(KeyRef(this));
 }
@@ -277,7 +275,7 @@ void RegKey::endWrite(Mark carriedBecomes) {
     dirty.compare_exchange_strong(expected, carriedBecomes, std::memory_order_acq_rel);
     endCarried(unsaved_, carriedBecomes);
     endCarried(shadowsFile_, carriedBecomes);
-    for (RegValue& value : values.inOrderOfCreation()) endCarried(value.dirty, carriedBecomes);
+    values.inOrderOfCreation([&](RegValue& value) { endCarried(value.dirty, carriedBecomes); });
     if (deletions_ == nullptr) return;
     endCarried(deletions_->values, carriedBecomes);
     endCarried(deletions_->subkeys, carriedBecomes);

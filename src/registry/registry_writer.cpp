@@ -13,6 +13,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -68,9 +69,10 @@ bool printTree(FileLock& file, WriteBatch& batch) {
             const foundation::LockGuard guard(key->lock);
             if (key->isDead()) continue;
             key->print(text, batch);
-            const Subkeys::ByName& subkeys = key->subkeys.byName();
-            for (auto subkey = subkeys.rbegin(); subkey != subkeys.rend(); ++subkey)
-                left.push_back(*subkey->second);
+            const size_t before = left.size();
+            key->subkeys.inOrderOfNames([&](const KeyRef& subkey) { left.push_back(subkey); });
+            std::reverse(left.begin() + static_cast<std::ptrdiff_t>(before),
+                         left.end());  // the first is next
         }
         if (text.size() < kChunk) continue;
         if (!writeText(file, text)) return false;
