@@ -1,3 +1,5 @@
+// copy_file.cpp: copying through two locked files.
+
 #include <traiklofox/copy_file.h>
 #include <traiklofox/file_lock.h>
 #include <traiklofox/settings.h>
@@ -5,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <new>
 
 #include "foundation/sys.h"
 
@@ -14,6 +17,8 @@ namespace {
 
 constexpr int kSourceMode = FileLock::in | FileLock::nocreate;
 constexpr int kReplaceMode = FileLock::out | FileLock::trunc;
+constexpr blksize_t kSmallestBlock = 512;
+constexpr blksize_t kLargestBlock = 1 << 20;
 
 /// True when `path` is the file that `opened` describes, by whatever name.
 bool isSameFile(const struct stat& opened, const char* path) {
@@ -21,42 +26,42 @@ bool isSameFile(const struct stat& opened, const char* path) {
     return sys::stat(path, &other) == 0 && other.st_dev == opened.st_dev && other.st_ino == opened.st_ino;
 }
 
-bool copyContent(FileLock& source, FileLock& destination, size_t blockSize) {
-    const auto block = std::make_unique<char[]>(blockSize);
+bool copyContent(FileLock& source, FileLock& destination, blksize_t preferred) {
+    const auto size = static_cast<size_t>(std::clamp(preferred, kSmallestBlock, kLargestBlock));
+    const auto block = std::make_unique_for_overwrite<char[]>(size);
     for (;;) {
-        const int got = source.ReadBlk(block.get(), static_cast<int>(blockSize));
+        const int got = source.ReadBlk(block.get(), static_cast<int>(size));
         if (got < 1) return !source.IsBad();
         if (destination.WriteBlk(block.get(), got) != got) return false;
     }
 }
 
-/// Owner and mode of the source, as far as the process may give them.
-void giveOwner(FileLock& destination, const struct stat& source) {
-    (void)sys::fchown(destination.GetFileDescriptor(), source.st_uid, source.st_gid);
+/// The owner first: a change of owner takes mode bits away.
+void giveOwnerAndMode(FileLock& destination, const struct stat& source) {
+    (void)sys::fchown(destination.GetFileDescriptor(), source.st_uid, source.st_gid);  // as far as we may
     (void)sys::fchmod(destination.GetFileDescriptor(), source.st_mode & 07777);
 }
 
 bool copy(const char* from, const char* to, bool failIfExists) {
-    FileLock source(nullptr, 0);
-    if (!source.OpenAndLockFile(from, kSourceMode, nullptr, 0)) return false;
+    FileLock source;
+    if (!source.OpenAndLockFile(from, kSourceMode, /*already=*/nullptr, /*count=*/0)) return false;
     struct stat status {};
     if (source.FileStat(&status) != 0) return false;
-    // Before the destination is opened, which empties it.
+    // Before the destination is opened: that empties it, and closing it would unlock the source.
     if (isSameFile(status, to)) {
         errno = EEXIST;
         return false;
     }
-    FileLock destination(nullptr, 0);
+    FileLock destination;
     const int mode = failIfExists ? kReplaceMode | FileLock::noreplace : kReplaceMode;
-    if (!destination.OpenAndLockFile(to, mode, nullptr, 0)) return false;
-    constexpr blksize_t kLargestBlock = 1 << 20;
-    const auto blockSize = static_cast<size_t>(std::clamp<blksize_t>(status.st_blksize, 512, kLargestBlock));
-    bool copied = copyContent(source, destination, blockSize);
-    if (!bRunningInServer) giveOwner(destination, status);
+    if (!destination.OpenAndLockFile(to, mode, /*already=*/nullptr, /*count=*/0)) return false;
+
+    const bool copied = copyContent(source, destination, status.st_blksize);
     const int error = errno;
-    if (!destination.CloseAndUnLockFile()) return false;
-    errno = error;
-    return copied;
+    if (!bRunningInServer) giveOwnerAndMode(destination, status);
+    const bool written = destination.CloseAndUnLockFile() != FALSE;
+    if (!copied) errno = error;
+    return copied && written;
 }
 
 }  // namespace
@@ -66,5 +71,10 @@ BOOL CopyFile(const char* from, const char* to, BYTE failIfExists) {
         errno = EINVAL;
         return FALSE;
     }
-    return copy(from, to, failIfExists != 0);
+    try {
+        return copy(from, to, failIfExists != 0);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return FALSE;
+    }
 }

@@ -1,20 +1,44 @@
+// file_lock.cpp: opening, locking, counting and closing. The bytes go through a BufferedFile.
+//
+// `opening` is held while the file is opened and while it is closed, the wait for the file's lock included: a
+// second opener must wait for that anyway, and nobody can wish to close what is not open yet.
+
 #include <traiklofox/clocks.h>
 #include <traiklofox/diagnostics.h>
 #include <traiklofox/file_lock.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 #include "files/buffered_file.h"
+#include "foundation/lock_rank.h"
 
 using traiklofox::files::BufferedFile;
+using traiklofox::foundation::LockRank;
 namespace sys = traiklofox::sys;
+
+static_assert(FileLock::eofbit == BufferedFile::kEndOfFile && FileLock::failbit == BufferedFile::kFailed &&
+              FileLock::badbit == BufferedFile::kBad);
+
+/// Holds `opening` for a scope.
+class TRAIKLOFOX_SCOPED_CAPABILITY FileLock::Section {
+  public:
+    explicit Section(FileLock& file) TRAIKLOFOX_ACQUIRE(file) : file_(file) { file_.lockSelf(); }
+    ~Section() TRAIKLOFOX_RELEASE() { file_.unlockSelf(); }
+    Section(const Section&) = delete;
+    Section& operator=(const Section&) = delete;
+
+  private:
+    FileLock& file_;
+};
 
 namespace {
 
-constexpr int kLockedPermissions = 0664;
-constexpr int kUnlockedPermissions = 0644;
+constexpr unsigned int kLockedPermissions = 0664;
+constexpr unsigned int kUnlockedPermissions = 0644;
 constexpr DWORD kDescriptorWaitMs = 10;
 
 constexpr int kLockedModes[] = {
@@ -27,77 +51,116 @@ constexpr int kLockedModes[] = {
     FileLock::out | FileLock::trunc | FileLock::noreplace,
 };
 
+constexpr struct {
+    int mode;
+    int flags;
+} kAccess[] = {
+    {FileLock::in, O_RDONLY},
+    {FileLock::out, O_WRONLY | O_TRUNC},
+    {FileLock::out | FileLock::trunc, O_WRONLY | O_TRUNC},
+    {FileLock::app, O_WRONLY | O_APPEND},
+    {FileLock::app | FileLock::out, O_WRONLY | O_APPEND},
+    {FileLock::in | FileLock::out, O_RDWR},
+    {FileLock::in | FileLock::out | FileLock::trunc, O_RDWR | O_TRUNC},
+    {FileLock::in | FileLock::app, O_RDWR | O_APPEND},
+    {FileLock::in | FileLock::out | FileLock::app, O_RDWR | O_APPEND},
+};
+
+constexpr int kModifiers = FileLock::ate | FileLock::nocreate | FileLock::noreplace;
+constexpr int kRefused = -1;
+
 bool isLockedMode(int mode) {
-    for (const int locked : kLockedModes)
-        if (locked == mode) return true;
-    return false;
+    return std::find(std::begin(kLockedModes), std::end(kLockedModes), mode) != std::end(kLockedModes);
 }
 
+/// The flags for `open`, or kRefused.
 int openFlags(int mode) {
-    struct Row {
-        int mode;
-        int flags;
-    };
-    static constexpr Row kRows[] = {
-        {FileLock::in, O_RDONLY},
-        {FileLock::out, O_WRONLY | O_TRUNC},
-        {FileLock::out | FileLock::trunc, O_WRONLY | O_TRUNC},
-        {FileLock::app, O_WRONLY | O_APPEND},
-        {FileLock::app | FileLock::out, O_WRONLY | O_APPEND},
-        {FileLock::in | FileLock::out, O_RDWR},
-        {FileLock::in | FileLock::out | FileLock::trunc, O_RDWR | O_TRUNC},
-        {FileLock::in | FileLock::app, O_RDWR | O_APPEND},
-        {FileLock::in | FileLock::out | FileLock::app, O_RDWR | O_APPEND},
-    };
-    constexpr int kAccess = FileLock::in | FileLock::out | FileLock::app | FileLock::trunc;
-    for (const Row& row : kRows) {
-        if (row.mode != (mode & kAccess)) continue;
+    for (const auto& row : kAccess) {
+        if (row.mode != (mode & ~kModifiers)) continue;
         return row.flags | ((mode & FileLock::nocreate) != 0 ? 0 : O_CREAT) |
                ((mode & FileLock::noreplace) != 0 ? O_EXCL : 0);
     }
-    return -1;
+    return kRefused;
 }
 
-/// Opens the stream; false with errno.
-bool open(BufferedFile& stream, const CKZString& name, int mode, mode_t permissions) {
-    const int flags = openFlags(mode);
-    if (flags == -1) {
-        errno = EINVAL;
-        return false;
-    }
-    sys::UniqueFd fd(sys::open(name.c_str(), flags, permissions));
-    if (!fd) return false;
-    if ((mode & FileLock::ate) != 0 && sys::lseek(fd.get(), 0, SEEK_END) == -1) return false;
-    stream.attach(std::move(fd));
-    return true;
+/// Empties a file that could have been opened with O_TRUNC, which does nothing to a device or a pipe.
+bool truncateOpened(int fd) {
+    struct stat status {};
+    if (sys::fstat(fd, &status) != 0) return false;
+    return !S_ISREG(status.st_mode) || sys::ftruncate(fd, 0) == 0;
+}
+
+void reportOpenFailure(const char* name, int mode, int error) {
+    unix_err("[FileLock::OpenAndLockFile] - Cannot open file %s, oflag:%#x, errno: %d,  %s\n", name,
+             static_cast<unsigned int>(mode), error, std::strerror(error));
 }
 
 }  // namespace
 
-FileLock::FileLock(const char* fileName, int mode) : stream(std::make_unique<BufferedFile>()), openCount(0) {
-    if (fileName != nullptr) (void)OpenAndLockFile(fileName, mode, nullptr, 0);  // the state tells
+FileLock::FileLock(const char* fileName, int mode) : stream(std::make_unique<BufferedFile>()) {
+    if (fileName != nullptr) (void)OpenAndLockFile(fileName, mode, /*already=*/nullptr, /*count=*/0);
 }
 
 FileLock::~FileLock() {
-    clearInformation();
+    {
+        const Section section(*this);
+        (void)clearInformation();  // who must know has flushed before
+    }
+    pthread_mutex_destroy(&opening);
 }
 
-void FileLock::clearInformation() {
-    (void)stream->close();  // callers that must know flush first
+void FileLock::lockSelf() {
+    pthread_mutex_lock(&opening);
+    traiklofox::foundation::noteLockAcquired(LockRank::Leaf, this);
+}
+
+void FileLock::unlockSelf() {
+    traiklofox::foundation::noteLockReleased(LockRank::Leaf, this);
+    pthread_mutex_unlock(&opening);
+}
+
+// False when buffered text could not be written, or the system reported a late write error.
+bool FileLock::clearInformation() {
     name.clear();
-    openCount.store(0, std::memory_order_release);
+    openCount = 0;
+    return stream->close();
+}
+
+// Leaves the object closed, failed, and errno as it was.
+void FileLock::failToOpen(int error) {
+    (void)clearInformation();  // nothing was written to it yet
+    stream->setFailed();
+    errno = error;
+}
+
+// Opens the stream after closing what was open. False with errno.
+bool FileLock::open(const char* fileName, int flags, unsigned int permissions, bool atEnd) {
+    (void)clearInformation();  // who must know has flushed or closed before
+    name = fileName;
+    if (flags == kRefused) {
+        errno = EINVAL;
+        return false;
+    }
+    errno = 0;
+    sys::UniqueFd fd(sys::open(name.c_str(), flags, permissions));
+    if (!fd || (atEnd && sys::lseek(fd.get(), 0, SEEK_END) == -1)) return false;
+    stream->attach(std::move(fd));
+    return true;
 }
 
 BOOL FileLock::OpenAndLockFile(const char* fileName, int mode, int* already, int count) {
-    if (openCount.load(std::memory_order_acquire) >= 1) {
-        openCount.fetch_add(1, std::memory_order_acq_rel);
+    const Section section(*this);
+    if (openCount > 0) {
+        ++openCount;
         if (already != nullptr) *already = 1;
         return TRUE;
     }
-    name = fileName;
-    errno = 0;
-    // `out` is added so that the file may be locked; beside `in` it truncates nothing.
-    while (!open(*stream, name, mode | out, kLockedPermissions)) {
+
+    const bool locks = isLockedMode(mode);
+    const int flags = openFlags(mode | out);
+    const bool truncatesLater = locks && flags != kRefused && (flags & O_TRUNC) != 0;
+    while (
+        !open(fileName, truncatesLater ? flags & ~O_TRUNC : flags, kLockedPermissions, (mode & ate) != 0)) {
         const int error = errno;
         if (error == EMFILE) {
             SleepEx(kDescriptorWaitMs, FALSE);
@@ -105,102 +168,119 @@ BOOL FileLock::OpenAndLockFile(const char* fileName, int mode, int* already, int
         }
         if (error == EEXIST && (mode & noreplace) != 0) {
             if (already != nullptr) *already = 1;
-            return FALSE;
+        } else {
+            reportOpenFailure(name.c_str(), mode, error);
         }
-        unix_err("[FileLock::OpenAndLockFile] - Cannot open file %s, oflag:%#x, errno: %d,  %s\n",
-                 name.c_str(), static_cast<unsigned int>(mode), error, std::strerror(error));
-        errno = error;
+        failToOpen(error);
         return FALSE;
     }
-    if (!isLockedMode(mode)) return FALSE;
-    if (!LockFile()) {
+    if (!locks) return FALSE;
+
+    if (!lockWholeFile(F_LOCK)) {
         const int error = errno;
         std::fprintf(stderr, "lock failed, %s\n", std::strerror(error));
-        CloseFile();
-        errno = error;
+        failToOpen(error);
         return FALSE;
     }
-    if (count != 0) openCount.store(1, std::memory_order_release);
+    if (truncatesLater && !truncateOpened(stream->descriptor())) {
+        const int error = errno;
+        reportOpenFailure(name.c_str(), mode, error);
+        failToOpen(error);
+        return FALSE;
+    }
+    if (count != 0) openCount = 1;
     return TRUE;
 }
 
 BOOL FileLock::OpenFileUnLocked(const char* fileName, int mode) {
-    clearInformation();
-    name = fileName;
-    return open(*stream, name, mode, kUnlockedPermissions);
+    const Section section(*this);
+    if (open(fileName, openFlags(mode), kUnlockedPermissions, (mode & ate) != 0)) return TRUE;
+    failToOpen(errno);
+    return FALSE;
 }
 
 BOOL FileLock::CloseFileUnLocked() {
-    clearInformation();
-    return TRUE;
+    const Section section(*this);
+    return clearInformation();
 }
 
 BOOL FileLock::CloseAndUnLockFile() {
-    if (openCount.load(std::memory_order_acquire) > 0 &&
-        openCount.fetch_sub(1, std::memory_order_acq_rel) > 1)
-        return TRUE;
-    const bool written = Flush() != FALSE;
-    if (!UnLockFile() && written) return FALSE;
-    clearInformation();
-    return written;
+    const Section section(*this);
+    if (openCount > 0 && --openCount > 0) return TRUE;
+    const bool written = stream->flush();
+    const int error = errno;
+    if (!lockWholeFile(F_ULOCK)) return FALSE;
+    const bool closed = clearInformation();
+    if (!written) errno = error;
+    return written && closed;
 }
 
 void FileLock::CloseFile() {
-    (void)stream->close();  // callers that must know flush first
+    const Section section(*this);
+    (void)clearInformation();  // no result, as callers know it
+}
+
+// `lockf` works from the file's position on, so that stands at the beginning meanwhile.
+bool FileLock::lockWholeFile(int command) {
+    const int fd = stream->descriptor();
+    const off_t position = sys::lseek(fd, 0, SEEK_CUR);  // -1 where there is none: a pipe is locked as it is
+    if (position > 0 && sys::lseek(fd, 0, SEEK_SET) == -1) return false;
+    const bool done = sys::lockf(fd, command, 0) == 0;
+    const int error = errno;
+    if (position > 0 && sys::lseek(fd, position, SEEK_SET) == -1) return false;
+    errno = error;
+    return done;
 }
 
 BOOL FileLock::LockFile() {
-    return Flush() && sys::lockf(stream->descriptor(), F_LOCK, 0) == 0;
+    return Flush() && lockWholeFile(F_LOCK);
 }
 
 BOOL FileLock::UnLockFile() {
-    return Flush() && sys::lockf(stream->descriptor(), F_ULOCK, 0) == 0;
+    const bool written = stream->flush();
+    const int error = errno;
+    const bool unlocked = lockWholeFile(F_ULOCK);
+    if (!written) errno = error;
+    return written && unlocked;
 }
 
 int FileLock::GetFileDescriptor() const {
     return stream->descriptor();
 }
 
-int FileLock::FileStat(struct stat* status) {
-    return Flush() ? sys::fstat(stream->descriptor(), status) : -1;
+int FileLock::ReadBlk(void* buffer, int count) {
+    return count > 0 ? static_cast<int>(stream->read(static_cast<char*>(buffer), static_cast<size_t>(count)))
+                     : 0;
 }
 
-int FileLock::ReadBlk(char* buffer, int count) {
-    if (count <= 0 || !stream->isOpen() || IsBad()) return 0;
-    return static_cast<int>(stream->read(buffer, static_cast<size_t>(count)));
-}
-
-int FileLock::WriteBlk(const char* buffer, int count) {
-    if (count <= 0 || !stream->isOpen()) return 0;
-    return stream->write(buffer, static_cast<size_t>(count)) ? count : 0;
+int FileLock::WriteBlk(const void* buffer, int count) {
+    if (count <= 0) return 0;
+    return stream->write(static_cast<const char*>(buffer), static_cast<size_t>(count)) ? count : 0;
 }
 
 BOOL FileLock::ReadLine(char* buffer, int size) {
     if (size <= 0) return FALSE;
-    buffer[0] = '\0';
     std::string_view line;
     const bool read = ReadLineView(line, static_cast<size_t>(size) - 1);
-    std::memcpy(buffer, line.data(), line.size());
+    std::copy(line.begin(), line.end(), buffer);
     buffer[line.size()] = '\0';
     return read;
 }
 
 bool FileLock::ReadLineView(std::string_view& line, size_t longest) {
     line = {};
-    return stream->usable() && stream->readLine(line, longest);
+    return stream->isUsable() && stream->readLine(line, longest);
 }
 
-BOOL FileLock::WriteLine(const char* buffer, int count) {
-    if (count < 0 || !stream->usable()) return FALSE;
-    return count == 0 || stream->write(buffer, static_cast<size_t>(count));
+BOOL FileLock::WriteLine(const char* text, int count) {
+    if (count < 0 || !stream->isUsable()) return FALSE;
+    return stream->write(text, static_cast<size_t>(count));
 }
 
 int FileLock::ReadCharacter() {
-    if (!stream->usable()) return -1;
     char character = 0;
-    if (stream->read(&character, 1) == 1) return static_cast<signed char>(character);
-    stream->setFailed();
-    return -1;
+    if (!stream->isUsable() || stream->read(&character, 1) == 0) return -1;
+    return static_cast<signed char>(character);
 }
 
 BOOL FileLock::Flush() {
@@ -208,7 +288,7 @@ BOOL FileLock::Flush() {
 }
 
 BOOL FileLock::Sync() {
-    return Flush() && sys::fdatasync(stream->descriptor()) == 0;
+    return stream->flush() && stream->sync();
 }
 
 int FileLock::GetState() const {

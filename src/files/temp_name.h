@@ -1,5 +1,7 @@
 #pragma once
 
+// Telling the temporary files of processes that have ended from other files.
+
 #include <sys/types.h>
 
 #include <optional>
@@ -7,7 +9,8 @@
 
 namespace traiklofox::files {
 
-/// The process that made a temporary name (`KZTempNam`'s, without directory); none for any other name.
+/// The process that `KZTempNam` gave this file name (without a directory) to; nothing for a name that it
+/// never gives.
 std::optional<pid_t> processOfTemporaryName(std::string_view name);
 
 }  // namespace traiklofox::files

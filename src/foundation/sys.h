@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
+#include <sys/random.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -138,6 +139,11 @@ inline int shmctl(int region, int command, struct shmid_ds* status) {
 inline void* shmat(int region) {
     void* address = ::shmat(region, nullptr, 0);
     return address == reinterpret_cast<void*>(-1) ? nullptr : address;
+}
+
+/// Random bytes, as many as the result says; -1 when the machine has not gathered any yet. Never waits.
+inline ssize_t getrandom(void* buffer, size_t size) {
+    return ::getrandom(buffer, size, GRND_NONBLOCK);
 }
 
 /// The wall clock.
