@@ -14,10 +14,13 @@
 #include <thread>
 #include <vector>
 
+#include "support/bounded_wait.h"
+
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using traiklofox::test::within;
 using Clock = std::chrono::steady_clock;
 
 constexpr bool kReadersFirst = true;
@@ -41,17 +44,8 @@ template struct Inside<&RWLock::lock, &RWLock::waitingReaders, &RWLock::waitingW
 DWORD waitingReaders(RWLock& lock);
 DWORD waitingWriters(RWLock& lock);
 
-template <class Condition>
-[[nodiscard]] bool becomesTrue(Condition condition) {
-    const auto end = Clock::now() + kBound;
-    while (!condition()) {
-        if (Clock::now() > end) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 [[nodiscard]] bool untilWaiting(RWLock& lock, DWORD readers, DWORD writers) {
-    return becomesTrue([&] { return waitingReaders(lock) == readers && waitingWriters(lock) == writers; });
+    return within(kBound, [&] { return waitingReaders(lock) == readers && waitingWriters(lock) == writers; });
 }
 
 /// A thread that does what it is told, step after step: a write lock belongs to its thread.
@@ -315,7 +309,7 @@ TEST(RWLock, ReleasingTheWriteLockWakesWhoeverWaits) {
             ASSERT_EQ(lock.WriteLock(), 0u);
             Actor waiter;
             auto waiting = waiter.start([&] { return takeForever(lock, side); });
-            ASSERT_TRUE(becomesTrue([&] { return waitingReaders(lock) + waitingWriters(lock) == 1; }));
+            ASSERT_TRUE(within(kBound, [&] { return waitingReaders(lock) + waitingWriters(lock) == 1; }));
             lock.WriteUnlock();
             EXPECT_TRUE(isReady(waiting)) << (priority ? "readers" : "writers") << " first";
         }
