@@ -19,6 +19,26 @@ inline int resumeSignal() {
     return __libc_current_sigrtmin() + 2;
 }
 
+/// Keeps the calling thread from being suspended for a scope, after which a suspension that came takes effect.
+class SuspensionDeferred {
+  public:
+    SuspensionDeferred() {
+        sigset_t suspend;
+        sigemptyset(&suspend);
+        sigaddset(&suspend, suspendSignal());
+        pthread_sigmask(SIG_BLOCK, &suspend, &saved_);
+    }
+    ~SuspensionDeferred() { pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
+    SuspensionDeferred(const SuspensionDeferred&) = delete;
+    SuspensionDeferred& operator=(const SuspensionDeferred&) = delete;
+
+    /// Whether the thread could not be suspended before either.
+    bool wasBlocked() const { return sigismember(&saved_, suspendSignal()) == 1; }
+
+  private:
+    sigset_t saved_;
+};
+
 /// Installs the handlers of the three.
 void installSignalHandlers();
 

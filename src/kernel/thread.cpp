@@ -2,6 +2,8 @@
 // one.
 //
 // The state lock is what a thread's exit takes to give its id up: who holds it and finds an id may use it.
+// Whoever resumes a thread needs it. So a thread cannot be suspended while it holds its own, and nobody waits for
+// anything under it: a suspended thread may have its call queue or the heap locked.
 
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
@@ -10,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <optional>
 
 #include "foundation/lock_rank.h"
 #include "foundation/mutex.h"
@@ -19,12 +22,14 @@
 
 using traiklofox::foundation::LockRank;
 using traiklofox::kernel::CallQueue;
+using traiklofox::kernel::SuspensionDeferred;
 using traiklofox::kernel::ThreadLife;
 
 /// Holds a thread's state lock for a scope.
 class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
   public:
     explicit StateGuard(const Thread& thread) TRAIKLOFOX_ACQUIRE(thread) : thread_(thread) {
+        if (ThreadLife::isCurrent(thread)) ownIsHeld_.emplace();
         thread_.lockSelf();
     }
     ~StateGuard() TRAIKLOFOX_RELEASE() { thread_.unlockSelf(); }
@@ -32,6 +37,7 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
     StateGuard& operator=(const StateGuard&) = delete;
 
   private:
+    std::optional<SuspensionDeferred> ownIsHeld_;  // outlives the unlock
     const Thread& thread_;
 };
 
@@ -136,12 +142,11 @@ LONG Thread::Resume() {
 }
 
 void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
-    CallQueue::Push pushed;
-    {
+    if (GetState() == THREAD_FINISHED) return;
+    const CallQueue::Push pushed = calls->push({function, a, b, c});
+    if (pushed.wake == CallQueue::Wake::Signal) {
         const StateGuard guard(*this);
-        if (state == THREAD_FINISHED) return;
-        pushed = calls->push({function, a, b, c});
-        if (pushed.wake == CallQueue::Wake::Signal) (void)pthread_kill(tid, traiklofox::kernel::callSignal());
+        if (state != THREAD_FINISHED) (void)pthread_kill(tid, traiklofox::kernel::callSignal());
     }
     calls->endSleep(pushed);
 }
@@ -180,11 +185,17 @@ void ThreadLife::started(Thread& thread, pthread_t id) {
     if (thread.state == THREAD_RUNNING) thread.tid = id;
 }
 
+// A suspension whose signal is under way takes effect first: nobody could resume an ended thread.
+bool ThreadLife::finishUnlessSuspended(Thread& thread) {
+    const SuspensionDeferred suspensionDeferred;
+    const Thread::StateGuard guard(thread);
+    if (thread.suspendCount > 0 && !suspensionDeferred.wasBlocked()) return false;
+    thread.state = THREAD_FINISHED;
+    thread.tid = 0;
+    return true;
+}
+
 void ThreadLife::finish(Thread& thread) {
-    {
-        const Thread::StateGuard guard(thread);
-        thread.state = THREAD_FINISHED;
-        thread.tid = 0;
-    }
+    while (!finishUnlessSuspended(thread)) continue;  // the signal arrives between two attempts
     thread.Signal();
 }

@@ -89,9 +89,9 @@ void* KzThreadBase(void* untyped) {
     const std::unique_ptr<ThreadArgs> arguments(static_cast<ThreadArgs*>(untyped));
     ThreadContext& context = *GetThreadContext();
     std::set_terminate(kz_abort);
-    ThreadLife::started(*arguments->thread, pthread_self());
     HandleClose(context.thread);
     context.thread = arguments->thread;
+    ThreadLife::started(*arguments->thread, pthread_self());
     const LPTHREAD_START_ROUTINE start = arguments->start;
     void* const argument = arguments->argument;
     return reinterpret_cast<void*>(static_cast<ULONG_PTR>(start(argument)));

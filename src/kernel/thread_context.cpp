@@ -27,6 +27,11 @@ void ThreadContextKeyDestructor(void* record) {
 
 namespace traiklofox::kernel {
 
+bool ThreadLife::isCurrent(const Thread& thread) {
+    const auto* context = static_cast<const ThreadContext*>(pthread_getspecific(ThreadContextKey));
+    return context != nullptr && context->thread == &thread;
+}
+
 void createThreadContextKey() {
     pthread_key_create(&ThreadContextKey, ThreadContextKeyDestructor);
 }

@@ -10,6 +10,8 @@ class ThreadLife {
   public:
     /// The calling thread's handle, made on demand for a thread that the library did not start.
     static Thread& current();
+    /// Whether it is that handle. Makes none.
+    static bool isCurrent(const Thread& thread);
     static CallQueue& callsOf(Thread& thread) { return *thread.calls; }
 
     /// Stores the id of a thread that has just been created, unless it has stored its own, or has ended,
@@ -17,6 +19,9 @@ class ThreadLife {
     static void started(Thread& thread, pthread_t id);
     /// Marks the thread finished, forgets its id and wakes every wait on it. Called by the thread's own exit.
     static void finish(Thread& thread);
+
+  private:
+    static bool finishUnlessSuspended(Thread& thread);
 };
 
 }  // namespace traiklofox::kernel
