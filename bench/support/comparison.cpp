@@ -16,6 +16,7 @@ namespace {
 constexpr std::string_view kFloorSuffix = "/floor";
 
 struct Standard {
+    size_t place;  // in the table: in the order of registration, which the random order of the runs hides
     std::string floor;
     double aim;
 };
@@ -69,7 +70,8 @@ std::string processorModel() {
 }  // namespace
 
 Comparison::Comparison(const Measurement& measurement) {
-    standards()[measurement.operation] = {measurement.floor, measurement.aim};
+    const size_t place = standards().size();
+    standards()[measurement.operation] = {place, measurement.floor, measurement.aim};
     add(measurement.operation, measurement.body, measurement.configure);
     add(measurement.operation + std::string{kFloorSuffix}, measurement.floorBody, measurement.configure);
 }
@@ -114,6 +116,9 @@ void ComparisonReporter::ReportRuns(const std::vector<Run>& runs) {
 }
 
 void ComparisonReporter::Finalize() {
+    std::stable_sort(rows_.begin(), rows_.end(), [](const Row& left, const Row& right) {
+        return standards()[left.operation].place < standards()[right.operation].place;
+    });
     int width = 9;
     for (const Row& row : rows_) width = std::max(width, static_cast<int>(row.name.size()));
     std::printf("%-*s | %10s | %10s | %6s | %5s | %s\n", width, "operation", "takes", "floor", "ratio", "aim",
