@@ -20,6 +20,7 @@ const char* troubleWithValue(const RegValue& value) {
     const CKZString& name = value.name;
     const CKZString& data = value.data;
     if (name.find('\n') != name.npos) return "a line feed in its name";
+    if (name.find('\0') != name.npos || data.find('\0') != data.npos) return "a NUL in its name or data";
     if (name.find(':') != name.npos) return "a colon in its name";
     if (!name.empty() && name.front() == '#') return "its name begins with \"#\"";
     if (data.find('\n') != data.npos) return "a line feed in its data";

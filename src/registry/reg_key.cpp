@@ -37,6 +37,17 @@ void endCarried(DeletedNames& names, Mark becomes) {
     std::erase_if(names, [](const auto& entry) { return entry.second == Mark::Clean; });
 }
 
+void appendKeyLine(std::string& text, std::string_view name, LONG number) {
+    std::array<char, 16> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
+    text.append(name).push_back(':');
+    // A name from a line that a hand wrote may leave no room for the number that the key has been given since;
+    // without one it gets another when it is opened.
+    if (name.size() + 1 + static_cast<size_t>(end - digits.data()) <= kLongestLine)
+        text.append(digits.data(), end);
+    text.push_back('\n');
+}
+
 }  // namespace
 
 KeyRef::KeyRef(RegKey* key) : key_(key) {
@@ -258,9 +269,7 @@ bool RegKey::carryMarks() {
 void RegKey::print(std::string& text, WriteBatch& batch) {
     bool carries = carryMarks();
     if (!implicit_ && !fullName_.empty()) {
-        std::array<char, 16> number{};
-        const auto end = std::to_chars(number.data(), number.data() + number.size(), sequence_).ptr;
-        text.append(fullName_).append(1, ':').append(number.data(), end).push_back('\n');
+        appendKeyLine(text, fullName_, sequence_);
         values.inOrderOfNames([&](RegValue& value) {
             if (!value.writable()) return;
             value.appendLine(text);

@@ -98,6 +98,11 @@ bool RegValue::FormatValue(std::string_view line) {
 }
 
 void RegValue::appendLine(std::string& text) const {
+    if (lineLength() > kLongestLine) {
+        // A hand wrote it without columns, and with them no reader would take it any more.
+        text.append(name).append(1, ':').append(data).append(1, ';').append(typeWord(type)).push_back('\n');
+        return;
+    }
     appendColumn(text, name, ':');
     appendColumn(text, data, ';');
     text.append(typeWord(type)).push_back('\n');

@@ -42,7 +42,8 @@ class RegValue {
 
     /// Appends the value's line, with its line feed.
     void appendLine(std::string& text) const;
-    /// The length of that line without the line feed.
+    /// The length of that line without the line feed. One that would be longer than a line can be is written
+    /// without columns.
     size_t lineLength() const;
 
     bool writable() const { return !traiklofox::registry::typeWord(type).empty(); }
