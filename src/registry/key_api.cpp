@@ -2,6 +2,8 @@
 
 #include <traiklofox/registry.h>
 
+#include <cstring>
+
 #include "registry/change_notification.h"
 #include "registry/find_key.h"
 #include "registry/key_numbers.h"
@@ -83,8 +85,9 @@ LONG deleteKey(HKEY hKey, const char* subKey) {
     return ERROR_SUCCESS;
 }
 
-bool isGiven(const char* path) {
-    return path != nullptr && *path != '\0';
+/// True when the path has a component: one of backslashes alone leads to the key that it starts from.
+bool namesSubkey(const char* path) {
+    return path != nullptr && path[std::strspn(path, "\\")] != '\0';
 }
 
 }  // namespace
@@ -131,7 +134,7 @@ LONG RegCreateKeyEx(HKEY hKey, const char* lpSubKey, DWORD, char*, DWORD, REGSAM
 }
 
 LONG RegDeleteKey(HKEY hKey, const char* lpSubKey) {
-    if (!isGiven(lpSubKey)) return kRegistryFailure;
+    if (!namesSubkey(lpSubKey)) return kRegistryFailure;
     return registryCall([&] { return deleteKey(hKey, lpSubKey); });
 }
 
