@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "registry/cancellation_off.h"
+
 namespace traiklofox::registry {
 
 /// The version of the file that this process's tree was last read from or written to.
@@ -27,13 +29,16 @@ void noteTreeOutOfDate();
 /// comes next.
 bool treeIsCurrent();
 
-/// Takes the exclusive lock for a scope. Nests.
+/// Takes the exclusive lock for a scope, in which the thread is not cancelled. Nests.
 class CacheLockGuard {
   public:
     CacheLockGuard();
     ~CacheLockGuard();
     CacheLockGuard(const CacheLockGuard&) = delete;
     CacheLockGuard& operator=(const CacheLockGuard&) = delete;
+
+  private:
+    const CancellationOff off_;
 };
 
 /// Takes only the lock among processes, for a scope. Nests, also with the exclusive lock.

@@ -49,20 +49,7 @@ bool takeFlushRequest() {
     return std::atomic_ref(bRegistryFlushNeeded).exchange(0, std::memory_order_acq_rel) != 0;
 }
 
-/// Keeps the thread from being cancelled for a scope: a write that has begun ends.
-class CancellationOff {
-  public:
-    CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
-    CancellationOff(const CancellationOff&) = delete;
-    CancellationOff& operator=(const CancellationOff&) = delete;
-
-  private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
-
 void writeRequested() {
-    const CancellationOff off;
     const CacheLockGuard guard;
     // Taken before the write, so that a request made while it runs asks for the next one.
     if (takeFlushRequest() && !writeTree()) noteFlushNeeded();

@@ -110,15 +110,16 @@ void countWrite() {
 
 /// Writes the whole text and puts it on the disk.
 bool fillTemporary(FileLock& file, const CKZString& name, WriteBatch& batch) {
+    // First, so that nobody reads what he may not. Only root may give a file away; others own it already or must
+    // live with that.
+    (void)sys::fchown(file.GetFileDescriptor(), KzUserId, KzGroupId);
+    (void)sys::fchmod(file.GetFileDescriptor(), KzFileMode);
     if (!printTree(file, batch) || !file.Flush()) {
         unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n", name.c_str(),
                  std::strerror(errno));
         return false;
     }
     if (!checkTemporary(file, name)) return false;
-    // Only root may give a file away; others own it already or must live with that.
-    (void)sys::fchown(file.GetFileDescriptor(), KzUserId, KzGroupId);
-    (void)sys::fchmod(file.GetFileDescriptor(), KzFileMode);
     if (!file.Sync()) {
         unix_err("WriteRegistry: Unable to sync temp file - %s.  errno = %s\n", name.c_str(),
                  std::strerror(errno));
@@ -140,22 +141,23 @@ bool mergeFile() {
 }  // namespace
 
 int writeTree() {
-    // Before the temporary file is made, so that any other one there is a dead process's.
-    const CacheLockGuard guard;
-    if (!mergeFile()) return 0;
-    removeStaleTemporaryFiles();
-
+    const CancellationOff off;
     const CKZString path = registryPath();
     const CKZString directory = registryDirectory();
     const CKZString temporary = KZTempNam(directory);
-    WriteBatch batch;
-    auto abortBatch = foundation::onExit([&] { batch.abort(); });
     FileLock file(nullptr, 0);
+    // Before the cache lock: a process that has no descriptor left waits for one here, and nobody for it.
     if (!openTemporary(file, temporary)) {
         (void)sys::unlink(temporary.c_str());
         return 0;
     }
     auto removeTemporary = foundation::onExit([&] { (void)sys::unlink(temporary.c_str()); });
+
+    const CacheLockGuard guard;
+    if (!mergeFile()) return 0;
+    removeStaleTemporaryFiles();
+    WriteBatch batch;
+    auto abortBatch = foundation::onExit([&] { batch.abort(); });
     if (!fillTemporary(file, temporary, batch)) return 0;
 
     if (sys::rename(temporary.c_str(), path.c_str()) != 0) {

@@ -120,6 +120,7 @@ void backUp() {
 }
 
 void start(DWORD flags, bool create) {
+    const CancellationOff off;  // nobody else would finish it
     (void)SetRegistryPath(sRealInstallPath());
     checkAccess();
     recordTemplateOwner();
