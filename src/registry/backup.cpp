@@ -1,3 +1,5 @@
+#include "registry/backup.h"
+
 #include <traiklofox/copy_file.h>
 #include <traiklofox/diagnostics.h>
 #include <traiklofox/registry.h>
@@ -12,24 +14,27 @@
 #include "registry/file_owner.h"
 #include "registry/locations.h"
 
+namespace traiklofox::registry {
+
+bool copyToBackup() {
+    const CKZString temporary = KZTempNam(registryDirectory());
+    auto removeTemporary = foundation::onExit([&] { (void)sys::unlink(temporary.c_str()); });
+    if (!CopyFile(registryPath().c_str(), temporary.c_str(), /*failIfExists=*/TRUE)) return false;
+    giveToRegistryOwner(temporary);
+    if (sys::rename(temporary.c_str(), backupPath().c_str()) != 0) return false;
+    removeTemporary.dismiss();
+    return true;
+}
+
+}  // namespace traiklofox::registry
+
 using namespace traiklofox::registry;
 
 int RegBackupRegistry() {
     ensureStarted();
     const CacheLockGuard guard;
-    const CKZString temporary = KZTempNam(registryDirectory());
-    auto removeTemporary =
-        traiklofox::foundation::onExit([&] { (void)traiklofox::sys::unlink(temporary.c_str()); });
-    bool done = CopyFile(registryPath().c_str(), temporary.c_str(), /*failIfExists=*/TRUE) != FALSE;
-    if (done) {
-        giveToRegistryOwner(temporary);
-        done = traiklofox::sys::rename(temporary.c_str(), backupPath().c_str()) == 0;
-    }
-    if (!done) {
-        unix_err("RegBackupRegistry: Unable to back up %s to %s.  errno = %s\n", registryPath().c_str(),
-                 backupPath().c_str(), std::strerror(errno));
-        return 0;
-    }
-    removeTemporary.dismiss();
-    return 1;
+    if (copyToBackup()) return 1;
+    unix_err("RegBackupRegistry: Unable to back up %s to %s.  errno = %s\n", registryPath().c_str(),
+             backupPath().c_str(), std::strerror(errno));
+    return 0;
 }

@@ -18,6 +18,7 @@
 
 #include "foundation/on_exit.h"
 #include "foundation/sys.h"
+#include "registry/backup.h"
 #include "registry/cache_lock.h"
 #include "registry/file_owner.h"
 #include "registry/fork_guard.h"
@@ -112,13 +113,6 @@ void ensureFile() {
     endProcess();
 }
 
-void backUp() {
-    if (CopyFile(registryPath().c_str(), backupPath().c_str(), /*failIfExists=*/FALSE))
-        giveToRegistryOwner(backupPath());
-    else
-        unix_err("InitRegistry: Backup failed\n");
-}
-
 void start(DWORD flags, bool create) {
     const CancellationOff off;  // nobody else would finish it
     (void)SetRegistryPath(sRealInstallPath());
@@ -130,7 +124,7 @@ void start(DWORD flags, bool create) {
         const CacheLockGuard guard;
         removeStaleTemporaryFiles();
         ensureFile();
-        if (flags & REG_INIT_BACKUP) backUp();
+        if ((flags & REG_INIT_BACKUP) && !copyToBackup()) unix_err("InitRegistry: Backup failed\n");
         (void)readTree(Purging::No);
     }
     SetDynamicRegistryValues(sRealInstallPath(), 0);
