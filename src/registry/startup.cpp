@@ -38,6 +38,7 @@ namespace traiklofox::registry {
 namespace {
 
 constexpr DWORD kStartPollMs = 1000;
+constexpr DWORD kForkPollMs = 10;
 constexpr DWORD kCopyRetryMs = 100;
 constexpr int kCopyAttempts = 11;
 
@@ -132,7 +133,14 @@ void start(DWORD flags, bool create) {
 
 thread_local bool forkTookLocks = false;
 
+/// Waits for a start that another thread is at: in the child there would be nobody to finish it.
+void awaitStart() {
+    while (std::atomic_ref(lRegReady).load(std::memory_order_acquire) != 0 && !isStarted())
+        SleepEx(kForkPollMs, FALSE);
+}
+
 void beforeFork() {
+    awaitStart();
     forkTookLocks = isStarted();
     if (!forkTookLocks) return;
     lockCacheForFork();
