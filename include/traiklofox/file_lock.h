@@ -134,8 +134,6 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("file lock's opening") FileLock {
   private:
     class Section;
 
-    void lockSelf() TRAIKLOFOX_ACQUIRE();
-    void unlockSelf() TRAIKLOFOX_RELEASE();
     bool open(const char* fileName, int flags, unsigned int permissions, bool atEnd)
         TRAIKLOFOX_REQUIRES(this);
     bool clearInformation() TRAIKLOFOX_REQUIRES(this);

@@ -94,16 +94,16 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("reader-writer lock's mutex") RWLock 
     class WaitingReader;
     class WaitingWriter;
 
-    void lockSelf() TRAIKLOFOX_ACQUIRE();
-    void unlockSelf() TRAIKLOFOX_RELEASE();
-
     bool readerMayEnter() const TRAIKLOFOX_REQUIRES(this) {
         return writer.load(std::memory_order_relaxed) == 0 && (waitingWriters == 0 || readerPriority);
     }
     bool writerMayEnter() const TRAIKLOFOX_REQUIRES(this) {
         return writer.load(std::memory_order_relaxed) == 0 && readers == 0 && !handoff;
     }
-    void enterAsWriter() TRAIKLOFOX_REQUIRES(this);
+    void enterAsWriter() TRAIKLOFOX_REQUIRES(this) {
+        writer.store(pthread_self(), std::memory_order_relaxed);
+        writeDepth = 1;
+    }
     bool WaitReader(DWORD milliseconds) TRAIKLOFOX_REQUIRES(this);
     bool WaitWriter(DWORD milliseconds) TRAIKLOFOX_REQUIRES(this);
     bool sleep(pthread_cond_t& condition, const timespec* deadline) TRAIKLOFOX_REQUIRES(this);

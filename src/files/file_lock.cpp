@@ -26,8 +26,15 @@ static_assert(FileLock::eofbit == BufferedFile::kEndOfFile && FileLock::failbit 
 /// Holds `opening` for a scope.
 class TRAIKLOFOX_SCOPED_CAPABILITY FileLock::Section {
   public:
-    explicit Section(FileLock& file) TRAIKLOFOX_ACQUIRE(file) : file_(file) { file_.lockSelf(); }
-    ~Section() TRAIKLOFOX_RELEASE() { file_.unlockSelf(); }
+    explicit Section(FileLock& file) TRAIKLOFOX_ACQUIRE(file) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
+        : file_(file) {
+        pthread_mutex_lock(&file_.opening);
+        traiklofox::foundation::noteLockAcquired(LockRank::Leaf, &file_);
+    }
+    ~Section() TRAIKLOFOX_RELEASE() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        traiklofox::foundation::noteLockReleased(LockRank::Leaf, &file_);
+        pthread_mutex_unlock(&file_.opening);
+    }
     Section(const Section&) = delete;
     Section& operator=(const Section&) = delete;
 
@@ -107,16 +114,6 @@ FileLock::~FileLock() {
         (void)clearInformation();  // who must know has flushed before
     }
     pthread_mutex_destroy(&opening);
-}
-
-void FileLock::lockSelf() {
-    pthread_mutex_lock(&opening);
-    traiklofox::foundation::noteLockAcquired(LockRank::Leaf, this);
-}
-
-void FileLock::unlockSelf() {
-    traiklofox::foundation::noteLockReleased(LockRank::Leaf, this);
-    pthread_mutex_unlock(&opening);
 }
 
 // False when buffered text could not be written, or the system reported a late write error.
@@ -207,12 +204,9 @@ BOOL FileLock::CloseFileUnLocked() {
 BOOL FileLock::CloseAndUnLockFile() {
     const Section section(*this);
     if (openCount > 0 && --openCount > 0) return TRUE;
-    const bool written = stream->flush();
-    const int error = errno;
+    (void)stream->flush();  // before others look; closing tells if it failed
     if (!lockWholeFile(F_ULOCK)) return FALSE;
-    const bool closed = clearInformation();
-    if (!written) errno = error;
-    return written && closed;
+    return clearInformation();
 }
 
 void FileLock::CloseFile() {

@@ -21,8 +21,15 @@ using traiklofox::foundation::LockRank;
 /// Holds the lock's mutex for a scope.
 class TRAIKLOFOX_SCOPED_CAPABILITY RWLock::Section {
   public:
-    explicit Section(RWLock& lock) TRAIKLOFOX_ACQUIRE(lock) : lock_(lock) { lock_.lockSelf(); }
-    ~Section() TRAIKLOFOX_RELEASE() { lock_.unlockSelf(); }
+    explicit Section(RWLock& lock) TRAIKLOFOX_ACQUIRE(lock) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
+        : lock_(lock) {
+        pthread_mutex_lock(&lock_.lock);
+        traiklofox::foundation::noteLockAcquired(LockRank::Leaf, &lock_);
+    }
+    ~Section() TRAIKLOFOX_RELEASE() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        traiklofox::foundation::noteLockReleased(LockRank::Leaf, &lock_);
+        pthread_mutex_unlock(&lock_.lock);
+    }
     Section(const Section&) = delete;
     Section& operator=(const Section&) = delete;
 
@@ -104,16 +111,6 @@ RWLock::~RWLock() {
     pthread_mutex_destroy(&lock);
 }
 
-void RWLock::lockSelf() {
-    pthread_mutex_lock(&lock);
-    traiklofox::foundation::noteLockAcquired(LockRank::Leaf, this);
-}
-
-void RWLock::unlockSelf() {
-    traiklofox::foundation::noteLockReleased(LockRank::Leaf, this);
-    pthread_mutex_unlock(&lock);
-}
-
 DWORD RWLock::ReadLockPrim(bool tryOnly, DWORD milliseconds, void*) {
     const Section section(*this);
     if (!readerMayEnter()) {
@@ -177,11 +174,6 @@ bool RWLock::DowngradeLock() {
         pthread_cond_broadcast(&readCond);
     }
     return true;
-}
-
-void RWLock::enterAsWriter() {
-    writer.store(pthread_self(), std::memory_order_relaxed);
-    writeDepth = 1;
 }
 
 // Waits until a reader may enter; false when the time-out passed first. The caller then counts itself in.

@@ -109,6 +109,15 @@ TEST_F(FileLockStream, GivesTheBeginningOfALineThatDoesNotFit) {
     EXPECT_STREQ(buffer, "");
 }
 
+TEST_F(FileLockStream, TheEndOnceReadIsTheEnd) {
+    open("last");
+    char line[8];
+    EXPECT_TRUE(file_.ReadLine(line, 8));
+    writeText(path_, "last line\n");  // grown meanwhile
+    EXPECT_FALSE(file_.ReadLine(line, 8));
+    EXPECT_EQ(file_.GetState(), kEnd);
+}
+
 TEST_F(FileLockStream, ReadsEveryTextAsTheStandardStreamDoes) {
     std::minstd_rand random(4711);
     std::string buffer(300, '#'), expected(300, '#');
@@ -286,6 +295,16 @@ TEST_F(FileLockStream, EveryOperationThatWritesTellsOfAFullDisk) {
         EXPECT_EQ(file_.GetFileDescriptor(), -1);
         EXPECT_EQ(readText(path_), "0123");
     }
+}
+
+TEST_F(FileLockStream, AWriteThatFailsPastTheBufferFailsThoseBehindIt) {
+    openEmptyAndLocked();
+    const FailCall full{Call::Write, ENOSPC, {.path = path_}};
+    const std::string big(2 * kBufferSize, 'b');
+    EXPECT_EQ(file_.WriteBlk(big.data(), static_cast<int>(big.size())), 0);
+    EXPECT_EQ(file_.WriteBlk("x", 1), 0);
+    EXPECT_FALSE(file_.CloseAndUnLockFile());
+    EXPECT_EQ(readText(path_), "");
 }
 
 TEST_F(FileLockStream, TellsOfAnErrorThatComesWithTheCloseOrTheSync) {
