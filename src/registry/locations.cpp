@@ -4,9 +4,9 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 
-#include "foundation/mutex.h"
 #include "foundation/sys.h"
 #include "registry/cache_lock.h"
 
@@ -14,17 +14,14 @@ namespace traiklofox::registry {
 
 namespace {
 
-using foundation::LockGuard;
-
-struct StaticRegistryPath {
-    foundation::Mutex<foundation::LockRank::Leaf> lock;
-    CKZString path TRAIKLOFOX_GUARDED_BY(lock);
+/// A registry path, and those set before it, which somebody may still be reading.
+struct PathNode {
+    CKZString path;
+    const PathNode* before;
 };
 
-StaticRegistryPath& sStaticRegistryPath() {
-    static auto& made = *new StaticRegistryPath;
-    return made;
-}
+// Without a lock, so that no thread can hold one while another forks.
+constinit std::atomic<const PathNode*> sStaticRegistryPath{nullptr};
 
 CKZString installPathFromEnvironment() {
     const char* home = std::getenv("TWHOME");
@@ -41,9 +38,8 @@ const CKZString& sRealInstallPath() {
 }
 
 CKZString registryPath() {
-    StaticRegistryPath& set = sStaticRegistryPath();
-    const LockGuard guard(set.lock);
-    return set.path;
+    const PathNode* set = sStaticRegistryPath.load(std::memory_order_acquire);
+    return set != nullptr ? set->path : CKZString();
 }
 
 CKZString templatePath() {
@@ -65,11 +61,8 @@ using namespace traiklofox::registry;
 
 int SetRegistryPath(CKZString installPath) {
     const CKZString path = installPath + "registry/tw.registry";
-    {
-        StaticRegistryPath& set = sStaticRegistryPath();
-        const traiklofox::foundation::LockGuard guard(set.lock);
-        set.path = path;
-    }
+    auto* set = new PathNode{path, sStaticRegistryPath.load(std::memory_order_acquire)};
+    while (!sStaticRegistryPath.compare_exchange_weak(set->before, set, std::memory_order_acq_rel)) continue;
     return traiklofox::sys::access(path.c_str(), F_OK) == 0;
 }
 
