@@ -7,6 +7,7 @@
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
 
+#include "foundation/on_exit.h"
 #include "kernel/handle_arguments.h"
 #include "kernel/hooks.h"
 #include "registry/key_numbers.h"
@@ -56,8 +57,10 @@ Event& threadsOwnEvent() {
     return *context.notification;
 }
 
-/// Waits until the thread's own event is signalled, by a change that this looks for or by somebody else.
+/// Waits until the thread's own event is signalled, by a change that this looks for or by somebody else. The tie ends
+/// with the call, or the event would outlive its thread.
 LONG waitForChange(HKEY handle, Event& event) {
+    const auto untie = foundation::onExit([&] { (void)event.SetEventData(-1); });
     for (;;) {
         Handle* waited = &event;
         const DWORD result =

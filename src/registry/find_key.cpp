@@ -27,12 +27,12 @@ bool isLast(std::string_view rest) {
 /// excepted.
 class Walker {
   public:
-    Walker(std::string_view path, Walk walk, LONG sequence) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
-        : rest_(path),
-          walk_(walk),
-          sequence_(sequence),
-          key_(&RegKey::root()) {
-        if (walk_ != Walk::LookUp) fullName_ = normalizedPath(path);
+    Walker(RegKey& start, std::string_view path, Walk walk,
+           LONG sequence) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS : path_(path),
+                                                                 rest_(path),
+                                                                 walk_(walk),
+                                                                 sequence_(sequence),
+                                                                 key_(&start) {
         key_->lock.lock();
     }
     ~Walker() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS { key_->lock.unlock(); }
@@ -41,7 +41,7 @@ class Walker {
 
     FoundKey run() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
         std::string_view component = takeComponent(rest_);
-        if (component.empty()) return {};
+        if (component.empty() || key_->isDead()) return {};
         if (walk_ == Walk::Create && sequence_ == -1) sequence_ = GetUniqueKey();
         for (; !component.empty(); component = takeComponent(rest_)) {
             RegKey* next = key_->findSubkey(component);
@@ -68,7 +68,8 @@ class Walker {
         const bool fromFile = walk_ == Walk::FromFile;
         if (fromFile && ignored) return nullptr;
         if (fromFile) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
-        return &key_->addSubkey(component, {.fullName = fullName_,
+        const CKZString fullName = normalizedPath(path_);
+        return &key_->addSubkey(component, {.fullName = fullName,
                                             .sequence = sequence_,
                                             .implicit = !isLast(rest_),
                                             .fromFile = fromFile,
@@ -78,7 +79,7 @@ class Walker {
     void arriveAtExisting() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
         if (walk_ == Walk::LookUp || !key_->isImplicit()) return;
         if (walk_ == Walk::FromFile) {
-            key_->becomeExplicit(fullName_);
+            key_->becomeExplicit(normalizedPath(path_));
             return;
         }
         key_->becomeExplicit(key_->place());
@@ -86,17 +87,17 @@ class Walker {
         key_->noteChange();
     }
 
+    const std::string_view path_;
     std::string_view rest_;
     const Walk walk_;
     LONG sequence_;
-    CKZString fullName_;
     RegKey* key_;
 };
 
 }  // namespace
 
-FoundKey FindKey(std::string_view path, Walk walk, LONG sequence) {
-    Walker walker(path, walk, sequence);
+FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence) {
+    Walker walker(start, path, walk, sequence);
     return walker.run();
 }
 

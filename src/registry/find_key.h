@@ -20,11 +20,11 @@ struct FoundKey {
     bool created = false;
 };
 
-/// Walks `path` from the root, components separated by backslashes (several count as one), letter case
-/// ignored. Locks hand over hand, from the root down; none is held on return, so that the key found may be
-/// dead by the time it is locked. A key made here gets `sequence`; with -1 the walk draws one, which all keys
-/// that it makes share.
-FoundKey FindKey(std::string_view path, Walk walk, LONG sequence = -1);
+/// Walks `path` from `start`, components separated by backslashes (several count as one), letter case ignored;
+/// without a component, and from a dead key, it leads nowhere. Locks hand over hand, from there down; none is held
+/// on return, so that the key found may be dead by the time it is locked. Only a walk from the root makes keys:
+/// they get `sequence`; with -1 the walk draws one, which all keys that it makes share.
+FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence = -1);
 
 /// `path` with single backslashes, and none at its ends.
 CKZString normalizedPath(std::string_view path);

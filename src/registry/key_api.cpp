@@ -29,13 +29,25 @@ bool writeChanges(RegKey& key) {
     return requestWrite();
 }
 
+bool isBackslashesAlone(const char* path) {
+    return path[std::strspn(path, "\\")] == '\0';
+}
+
+/// The key that a path below a handle leads to; null when there is none. The walk starts where the handle is: its
+/// key's place is where its full name leads.
+KeyRef lookUp(HKEY hKey, const char* subKey) {
+    if (hKey == HKEY_LOCAL_MACHINE)
+        return FindKey(RegKey::root(), RegFormatKey(subKey, hKey), Walk::LookUp).key;
+    KeyRef start = keyOf(hKey);
+    if (!start || isBackslashesAlone(subKey)) return start;
+    return FindKey(*start, subKey, Walk::LookUp).key;
+}
+
 LONG openKey(HKEY hKey, const char* subKey, REGSAM access, PHKEY result) {
-    const CKZString path = RegFormatKey(subKey, hKey);
-    if (path.empty()) return ERROR_INVALID_DATA;
     (void)bringTreeUpToDate();
-    const FoundKey found = FindKey(path, Walk::LookUp);
-    if (!found.key) return ERROR_INVALID_DATA;
-    const auto number = openHandle(found.key);
+    KeyRef key = lookUp(hKey, subKey != nullptr ? subKey : "");
+    if (!key) return ERROR_INVALID_DATA;
+    const auto number = openHandle(std::move(key));
     if (!number) return ERROR_INVALID_DATA;
     *result = handleOf(*number, access);
     return ERROR_SUCCESS;
@@ -52,7 +64,7 @@ LONG createKey(HKEY hKey, const char* subKey, REGSAM access, PHKEY result, LPDWO
     if (path.empty() || !keyCanBeWritten("RegCreateKeyEx", path)) return kRegistryFailure;
     (void)bringTreeUpToDate();
     for (;;) {
-        const FoundKey found = FindKey(path, Walk::Create);
+        const FoundKey found = FindKey(RegKey::root(), path, Walk::Create);
         if (!found.key) return kRegistryFailure;
         const auto number = openHandle(found.key);
         if (!number) continue;  // somebody removed it between the walk and the opening: make it again
@@ -70,7 +82,7 @@ LONG deleteKey(HKEY hKey, const char* subKey) {
     const auto [parentPath, name] = splitLast(path);
     if (parentPath.empty() || name.empty()) return kRegistryFailure;
     (void)bringTreeUpToDate();
-    const FoundKey parent = FindKey(parentPath, Walk::LookUp);
+    const FoundKey parent = FindKey(RegKey::root(), parentPath, Walk::LookUp);
     if (!parent.key) return kRegistryFailure;
     KeyRef removed;
     {
@@ -85,9 +97,9 @@ LONG deleteKey(HKEY hKey, const char* subKey) {
     return ERROR_SUCCESS;
 }
 
-/// True when the path has a component: one of backslashes alone leads to the key that it starts from.
+/// A path of backslashes alone leads to the key that it starts from.
 bool namesSubkey(const char* path) {
-    return path != nullptr && path[std::strspn(path, "\\")] != '\0';
+    return path != nullptr && !isBackslashesAlone(path);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 #include "registry/open_keys.h"
 
-#include <unordered_map>
 #include <utility>
 
+#include "registry/flat_index.h"
 #include "registry/key_numbers.h"
 
 namespace traiklofox::registry {
@@ -11,69 +11,71 @@ namespace {
 
 using foundation::LockGuard;
 
-struct OpenKey {
-    KeyRef key;
-    int opens = 0;
-};
-
 constinit foundation::Mutex<foundation::LockRank::OpenKeys> openKeysLock;
 
-std::unordered_map<LONG, OpenKey>& OpenKeyMap() TRAIKLOFOX_REQUIRES(openKeysLock) {
-    static auto& map = *new std::unordered_map<LONG, OpenKey>;
+/// The open keys by number. A key's own entry is in the key, so that opening one allocates nothing.
+FlatIndex<RegKey>& OpenKeyMap() TRAIKLOFOX_REQUIRES(openKeysLock) {
+    static auto& map = *new FlatIndex<RegKey>;
     return map;
 }
 
-KeyRef findLocked(HKEY handle) TRAIKLOFOX_REQUIRES(openKeysLock) {
-    const auto found = OpenKeyMap().find(handle & kNumberMask);
-    return found != OpenKeyMap().end() ? found->second.key : KeyRef();
+std::uint32_t hashOf(LONG number) {
+    const std::uint32_t mixed = static_cast<std::uint32_t>(number) * 2654435761U;
+    return mixed ^ (mixed >> 15);
 }
 
-/// True when the key cannot be opened under its number.
-bool needsNewNumber(const RegKey& key) TRAIKLOFOX_REQUIRES(openKeysLock, key.lock) {
-    if (!isHandleNumber(key.sequence())) return true;
-    const KeyRef holder = findLocked(key.sequence());
-    return holder && holder.get() != &key;
+/// Null when no open key has the handle's number.
+RegKey* findLocked(HKEY handle) TRAIKLOFOX_REQUIRES(openKeysLock) {
+    const LONG number = handle & kNumberMask;
+    return OpenKeyMap().find(hashOf(number), [=](const RegKey& key) { return key.open.number == number; });
 }
 
 LONG unusedNumber() TRAIKLOFOX_REQUIRES(openKeysLock) {
     LONG number = GetUniqueKey();
-    while (findLocked(number)) number = GetUniqueKey();
+    while (findLocked(number) != nullptr) number = GetUniqueKey();
     return number;
+}
+
+/// The number to open a key under that is not open: its own, unless a handle cannot carry it or another key has it.
+LONG numberToOpen(RegKey& key) TRAIKLOFOX_REQUIRES(openKeysLock) {
+    const LONG own = key.sequence();
+    if (isHandleNumber(own) && findLocked(own) == nullptr) return own;
+    key.setSequence(unusedNumber());
+    return key.sequence();
 }
 
 }  // namespace
 
-std::optional<LONG> openHandle(const KeyRef& key) {
-    const LockGuard mapGuard(openKeysLock);
-    const LockGuard keyGuard(key->lock);
+std::optional<LONG> openHandle(KeyRef key) {
+    const LockGuard guard(openKeysLock);
+    RegKey::Opening& open = key->open;
     if (key->isDead()) return std::nullopt;
-    if (needsNewNumber(*key)) key->setSequence(unusedNumber());
-    OpenKey& open = OpenKeyMap()[key->sequence()];
-    if (open.opens == 0) open.key = key;
-    ++open.opens;
-    return key->sequence();
+    if (open.count++ > 0) return open.number;
+    open.number = numberToOpen(*key);
+    OpenKeyMap().insert(hashOf(open.number), key.get());
+    open.self = std::move(key);
+    return open.number;
 }
 
 KeyRef closeHandle(HKEY handle) {
     const LockGuard guard(openKeysLock);
-    const auto found = OpenKeyMap().find(handle & kNumberMask);
-    if (found == OpenKeyMap().end()) return KeyRef();
-    if (--found->second.opens > 0) return found->second.key;
-    KeyRef closed = std::move(found->second.key);
-    OpenKeyMap().erase(found);
-    return closed;
+    RegKey* key = findLocked(handle);
+    if (key == nullptr) return KeyRef();
+    if (--key->open.count > 0) return KeyRef(key);
+    OpenKeyMap().erase(hashOf(key->open.number), [=](const RegKey& other) { return &other == key; });
+    return std::move(key->open.self);
 }
 
 KeyRef keyOf(HKEY handle) {
     const LockGuard guard(openKeysLock);
-    return findLocked(handle);
+    return KeyRef(findLocked(handle));
 }
 
 KeyRef lockKeyOf(HKEY handle) {
     KeyRef key;
     {
         const LockGuard guard(openKeysLock);
-        key = findLocked(handle);
+        key = KeyRef(findLocked(handle));
         if (!key) return key;
         key->lock.lock();
     }

@@ -17,7 +17,7 @@ constexpr REGSAM kWriteAccess = 0x60000;
 
 /// Opens the key once more and returns its number; none when it is dead. A key whose number another open key
 /// has, or which a handle cannot carry, gets a new one: two keys never answer to one handle.
-std::optional<LONG> openHandle(const KeyRef& key);
+std::optional<LONG> openHandle(KeyRef key);
 
 /// Closes one opening. The key comes back; null when the number is not open.
 KeyRef closeHandle(HKEY handle);

@@ -133,8 +133,7 @@ CKZString RegKey::place() const {
 
 void RegKey::setSequence(LONG number) {
     useKeyNumber(number);
-    freeKeyNumber(sequence_);
-    sequence_ = number;
+    freeKeyNumber(sequence_.exchange(number, std::memory_order_relaxed));
 }
 
 void RegKey::becomeExplicit(std::string_view name) {
@@ -269,7 +268,7 @@ bool RegKey::carryMarks() {
 void RegKey::print(std::string& text, WriteBatch& batch) {
     bool carries = carryMarks();
     if (!implicit_ && !fullName_.empty()) {
-        appendKeyLine(text, fullName_, sequence_);
+        appendKeyLine(text, fullName_, sequence());
         values.inOrderOfNames([&](RegValue& value) {
             if (!value.writable()) return;
             value.appendLine(text);

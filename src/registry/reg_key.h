@@ -115,12 +115,23 @@ class RegKey {
     /// The path that leads here, from the names on the way. Takes no lock.
     CKZString place() const;
 
+    /// Its entry in the open-key map: under that map's lock (open_keys.cpp).
+    struct Opening {
+        int count = 0;
+        LONG number = 0;
+        KeyRef self;  // while it is open
+    };
+    Opening open;
+
+    // What follows may be looked at without a lock: a key dies, and its number changes, at any time.
+    bool isDead() const { return dead_.load(std::memory_order_acquire); }
+    LONG sequence() const { return sequence_.load(std::memory_order_relaxed); }
+    /// Under the open-key map's lock.
+    void setSequence(LONG number);
+
     // All below: under `lock`.
 
-    bool isDead() const TRAIKLOFOX_REQUIRES(lock) { return dead_; }
     bool isImplicit() const TRAIKLOFOX_REQUIRES(lock) { return implicit_; }
-    LONG sequence() const TRAIKLOFOX_REQUIRES(lock) { return sequence_; }
-    void setSequence(LONG number) TRAIKLOFOX_REQUIRES(lock);
     const CKZString& fullName() const TRAIKLOFOX_REQUIRES(lock) { return fullName_; }
     /// The prefix of the paths of its subkeys.
     CKZString pathForSubkeys() const TRAIKLOFOX_REQUIRES(lock) { return implicit_ ? place() : fullName_; }
@@ -179,10 +190,10 @@ class RegKey {
     KeyRef parent_;
     std::atomic<int> references_{0};
     DWORD generation_ TRAIKLOFOX_GUARDED_BY(lock);
-    LONG sequence_ TRAIKLOFOX_GUARDED_BY(lock);
+    std::atomic<LONG> sequence_;
     CKZString fullName_ TRAIKLOFOX_GUARDED_BY(lock);
     bool implicit_ TRAIKLOFOX_GUARDED_BY(lock);
-    bool dead_ TRAIKLOFOX_GUARDED_BY(lock) = false;
+    std::atomic<bool> dead_{false};  // set under the locks of the key and its parent
     Mark unsaved_ TRAIKLOFOX_GUARDED_BY(lock);
     Mark shadowsFile_ TRAIKLOFOX_GUARDED_BY(lock);
     std::unique_ptr<Deletions> deletions_ TRAIKLOFOX_GUARDED_BY(lock);  // null while nothing is deleted

@@ -29,7 +29,7 @@ class TreeReader {
     void take(std::string_view line) {
         const RegistryLine parsed = parseLine(line, value_);
         if (parsed.kind == RegistryLine::Kind::Key)
-            key_ = FindKey(parsed.keyName, Walk::FromFile, parsed.number).key;
+            key_ = FindKey(RegKey::root(), parsed.keyName, Walk::FromFile, parsed.number).key;
         else if (parsed.kind == RegistryLine::Kind::Value && key_)
             takeValue();
     }
