@@ -1,0 +1,205 @@
+// Several processes on one registry.
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "registry/cache_lock.h"
+#include "registry/registry_fixture.h"
+#include "registry/shared_state.h"
+#include "support/bounded_wait.h"
+#include "support/captured_output.h"
+#include "support/fault_injection.h"
+
+namespace traiklofox::test {
+namespace {
+
+using namespace std::chrono_literals;
+using faults::Call;
+using registry::ShmStruct;
+
+constexpr const char* kLockFile = "/usr/lib/tarnwell/twml_data.dat";
+
+class Sharing : public RegistryTest {
+  protected:
+    void SetUp() override {
+        RegistryTest::SetUp();
+        if (!IsSkipped()) key = OpenKey(kExample);
+    }
+    static int semaphore() { return ::semget(::ftok(kLockFile, 1), 1, 0); }
+    OpenKey key;
+};
+
+TEST_F(Sharing, EachSeesTheOthersChangesAtItsNextLookUp) {
+    Peer one;
+    Peer two;
+    one.set(kExample, "v", "1");
+    EXPECT_EQ(two.get(kExample, "v"), "1");
+    EXPECT_EQ(textAt(kExample, "v"), "1");
+    two.set(kExample, "v", "2");
+    EXPECT_EQ(one.get(kExample, "v"), "2");
+    EXPECT_EQ(one.ask({"create", kExample, "sub"}), "1");
+    EXPECT_EQ(two.ask({"exists", "software\\example\\sub"}), "1");
+    EXPECT_EQ(two.ask({"deleteKey", kExample, "sub"}), "0");
+    EXPECT_EQ(one.ask({"exists", "software\\example\\sub"}), "0");
+    EXPECT_EQ(one.ask({"deleteValue", kExample, "v"}), "0");
+    EXPECT_EQ(two.get(kExample, "v"), "(none)");
+    EXPECT_EQ(textAt(kExample, "v"), std::nullopt);
+    one.finish();
+    two.finish();
+}
+
+TEST_F(Sharing, AChangeNotYetWrittenIsMergedWithWhatAnotherWrites) {
+    Peer peer;
+    setText(key, "both", "mine");
+    setText(key, "mine", "1");
+    peer.set(kExample, "both", "theirs");
+    peer.set(kExample, "theirs", "2");
+    EXPECT_EQ(RegUpdateCache(), 1);
+    EXPECT_EQ(RegUpdateCache(), 0);
+    EXPECT_EQ(textOf(key, "both"), "mine");
+    peer.set(kExample, "later", "3");
+    ASSERT_EQ(key.close(), 0);
+    EXPECT_EQ(RegUpdateCache(), 0) << "writing has read what the other wrote";
+    for (const auto& [name, text] :
+         {std::pair{"both", "mine"}, {"mine", "1"}, {"theirs", "2"}, {"later", "3"}}) {
+        EXPECT_EQ(inFile(kExamplePath, name), text);
+        EXPECT_EQ(peer.get(kExample, name), text);
+    }
+}
+
+TEST_F(Sharing, FourWritersAtOnceLoseNothing) {
+    constexpr int kEach = 100;
+    std::vector<Peer> peers(4);
+    for (size_t i = 0; i < peers.size(); ++i)
+        peers[i].tell({"setMany", kExample, "p" + std::to_string(i) + "_", std::to_string(kEach)});
+    for (Peer& peer : peers) EXPECT_EQ(peer.answer(), "0");
+    const FileKeys keys = fileKeys();
+    EXPECT_EQ(keys.at(kExamplePath).size(), 4u * kEach + 1);
+    EXPECT_EQ(valuesOf(OpenKey(kExample, KEY_READ)).size(), 4u * kEach + 1);
+    for (Peer& peer : peers) peer.finish();
+}
+
+TEST_F(Sharing, TheExclusiveLockKeepsOthersOutUntilItsLastRelease) {
+    Peer peer;
+    EXPECT_EQ(peer.get(kExample, "Name"), "primary");
+    ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
+    ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
+    ASSERT_EQ(RegLockRegistryFile(), 1);
+    ASSERT_EQ(RegLockCache(REG_LOCK_SHARED), 1);
+    EXPECT_EQ(ShmStruct()->lockHolder.load(), static_cast<std::uint32_t>(::getpid()));
+    setText(key, "v", "1");
+    EXPECT_EQ(RegFlushKey(key), 0) << "who holds the lock may write";
+    EXPECT_EQ(textAt(kExample, "v"), "1");
+    peer.tell({"set", kExample, "w", "2"});
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED), 1);
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
+    EXPECT_EQ(RegUnlockRegistryFile(), 1);
+    std::thread other([] {
+        EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 0) << "another thread's";
+        EXPECT_EQ(RegUnlockRegistryFile(), 0);
+    });
+    other.join();
+    EXPECT_EQ(peer.process().readLine(20ms), std::nullopt) << "let in before the last release";
+    EXPECT_EQ(inFile(kExamplePath, "w"), std::nullopt);
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
+    EXPECT_EQ(peer.answer(), "0");
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 0);
+    EXPECT_EQ(RegUnlockRegistryFile(), 0);
+    EXPECT_EQ(RegLockCache(static_cast<RegLockOp_t>(2)), 0);
+    EXPECT_EQ(RegUnlockCache(static_cast<RegLockOp_t>(2)), 0);
+    EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
+}
+
+TEST_F(Sharing, SharedLocksHoldWritersOfTheProcessBackAndNobodyElse) {
+    ASSERT_EQ(RegLockCache(REG_LOCK_SHARED), 1);
+    std::atomic<bool> entered{false};
+    std::thread reader([] {
+        EXPECT_EQ(RegLockCache(REG_LOCK_SHARED), 1);
+        EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED), 1);
+    });
+    reader.join();
+    std::thread writer([&] {
+        EXPECT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
+        entered = true;
+        EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
+    });
+    EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
+    Peer peer;
+    peer.set(kExample, "v", "1");
+    EXPECT_FALSE(entered);
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED), 1);
+    writer.join();
+}
+
+TEST_F(Sharing, AKilledHolderLetsGoAndWhatItPutInPlaceIsSeen) {
+    Peer peer;
+    ASSERT_EQ(peer.ask({"lock"}), "1");
+    const std::string text = fileText() + "v:                    \tuncounted;            \tREG_SZ\n";
+    writeText(home() + "/new", text);
+    std::filesystem::rename(home() + "/new", file());
+    peer.process().kill(SIGKILL);
+    ASSERT_EQ(peer.process().wait(), ExitStatus::killedBy(SIGKILL));
+    EXPECT_EQ(textAt(kExample, "v"), "uncounted");
+    EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
+    setText(key, "w", "1");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    EXPECT_EQ(inFile(kExamplePath, "v"), "uncounted");
+}
+
+TEST_F(Sharing, ARemovedSemaphoreIsMadeAnew) {
+    Peer peer;
+    EXPECT_EQ(peer.get(kExample, "Name"), "primary");
+    ASSERT_EQ(::semctl(semaphore(), 0, IPC_RMID), 0);
+    peer.set(kExample, "v", "1");
+    EXPECT_EQ(textAt(kExample, "v"), "1");
+    setText(key, "w", "2");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    EXPECT_EQ(peer.get(kExample, "w"), "2");
+
+    // Removed under a holder, with another waiting.
+    ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
+    const int held = semaphore();
+    peer.tell({"set", kExample, "x", "3"});
+    ASSERT_TRUE(withinSeconds(30, [&] { return ::semctl(held, 0, GETNCNT) == 1; }));
+    ASSERT_EQ(::semctl(held, 0, IPC_RMID), 0);
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
+    EXPECT_EQ(peer.answer(), "0");
+    EXPECT_EQ(textAt(kExample, "x"), "3");
+    EXPECT_EQ(::semctl(semaphore(), 0, GETVAL), 1);
+}
+
+TEST_F(Sharing, LookUpsWithNothingNewMakeNoSystemCall) {
+    EXPECT_TRUE(keyExists(kExample));
+    const Call calls[] = {Call::Semop, Call::Semget, Call::Open,   Call::Read,
+                          Call::Stat,  Call::Fstat,  Call::Access, Call::Lockf};
+    std::vector<std::unique_ptr<CountCalls>> counts;
+    for (const Call call : calls) counts.push_back(std::make_unique<CountCalls>(call));
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(textAt(kExample, "Name"), "primary");
+    for (size_t i = 0; i < counts.size(); ++i) EXPECT_EQ(counts[i]->calls(), 0) << i;
+}
+
+TEST_F(Sharing, ABumpedVersionIsReadAgainAndShown) {
+    const std::uint32_t stamp = ShmStruct()->stamp.load();
+    writeText(file(), fileText() + "v:\tedited;\tREG_SZ\n");
+    EXPECT_EQ(textAt(kExample, "v"), std::nullopt);
+    RegBumpVersion();
+    EXPECT_EQ(textAt(kExample, "v"), "edited");
+    CapturedStdout printed;
+    RegDumpVersion();
+    std::fflush(stdout);
+    EXPECT_EQ(printed.text(), "Lock owner PID: 0\nRegistry version stamp: " + std::to_string(stamp + 1) +
+                                  "\nLast PID to write Registry: " + std::to_string(::getpid()) + "\n");
+    Peer peer;
+    peer.set(kExample, "v", "x");
+    EXPECT_EQ(ShmStruct()->stamp.load(), stamp + 2);
+    EXPECT_EQ(ShmStruct()->lastWriter.load(), static_cast<std::uint32_t>(peer.process().pid()));
+}
+
+}  // namespace
+}  // namespace traiklofox::test
