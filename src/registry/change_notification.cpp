@@ -57,8 +57,8 @@ Event& threadsOwnEvent() {
     return *context.notification;
 }
 
-/// Waits until the thread's own event is signalled, by a change that this looks for or by somebody else. The tie ends
-/// with the call, or the event would outlive its thread.
+/// Waits until the thread's own event is signalled, by a change that this looks for or by somebody else. The tie
+/// ends with the call, or the event would outlive its thread.
 LONG waitForChange(HKEY handle, Event& event) {
     const auto untie = foundation::onExit([&] { (void)event.SetEventData(-1); });
     for (;;) {
