@@ -29,8 +29,8 @@ struct Command {
     const char* help;  // a line of usage, then what it does
 };
 
-/// Takes apart what follows the command's name, which is `arguments[0]`. Throws `Failure` for what the command
-/// does not take. With --help nothing else is required.
+/// Takes apart what follows the command's name, which is `arguments[0]`. Throws `Failure` for what the
+/// command does not take. With --help nothing else is required.
 CommandLine parseCommandLine(const Command& command, int count, char** arguments);
 
 }  // namespace kzreg

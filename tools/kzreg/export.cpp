@@ -22,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t kColumn = 22;  // to which a name and data are padded, with the sign that ends them
+constexpr size_t kLongestLine = 4095;
 constexpr size_t kPiece = 1 << 20;
 
 /// Keeps other processes from writing, so that what is exported is the registry of one moment.
@@ -39,21 +40,40 @@ void appendColumn(std::string& text, const std::string& field, char end) {
     text.push_back('\t');
 }
 
-void appendKey(std::string& text, const Key& key) {
-    text.append(key.path()).append(1, ':').append(std::to_string(key.handle())).push_back('\n');
-    for (const Value& value : key.values()) {
-        appendColumn(text, value.name, ':');
-        appendColumn(text, value.text, ';');
-        text.append(typeWord(value.type)).push_back('\n');
-    }
-    for (const std::string& name : key.subkeys())
-        if (const auto subkey = Key::openBelow(key, name)) appendKey(text, *subkey);
+/// A line that a hand wrote without columns may be too long with them; then it is written without, too.
+std::string valueLine(const Value& value) {
+    std::string line;
+    appendColumn(line, value.name, ':');
+    appendColumn(line, value.text, ';');
+    line += typeWord(value.type);
+    return line.size() <= kLongestLine ? line : value.name + ':' + value.text + ';' + typeWord(value.type);
+}
+
+std::string keyLine(const Key& key) {
+    const std::string line = key.path() + ':' + std::to_string(key.handle());
+    return line.size() <= kLongestLine ? line : key.path() + ':';
+}
+
+/// Appends the key's own lines, and returns the names of its subkeys.
+std::vector<std::string> appendLines(std::string& text, const Key& key) {
+    if (!key.isStep()) text.append(keyLine(key)).push_back('\n');
+    for (const Value& value : key.values()) text.append(valueLine(value)).push_back('\n');
+    return key.subkeys();
+}
+
+/// One key is open at a time: of those that share a number, a second one would be given another.
+void appendFrom(std::string& text, const std::string& belowRoot) {
+    std::vector<std::string> subkeys;
+    if (const auto key = Key::find(belowRoot)) subkeys = appendLines(text, *key);
+    for (const std::string& name : subkeys)
+        appendFrom(text, belowRoot.empty() ? name : belowRoot + '\\' + name);
 }
 
 std::string textOf(const KeyPath& path) {
     const RegistryLock lock;
+    (void)Key::open(path);  // to say what is missing
     std::string text;
-    appendKey(text, Key::open(path));
+    appendFrom(text, path.belowRoot());
     return text;
 }
 

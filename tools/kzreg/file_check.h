@@ -1,7 +1,7 @@
 #pragma once
 
-// Finds the lines of a file in the registry's format that the registry would ignore, cut, or take otherwise than
-// they look.
+// Finds the lines of a file in the registry's format that the registry would ignore, cut, or take otherwise
+// than they look.
 
 #include <traiklofox/registry.h>
 
@@ -19,8 +19,8 @@ class FileChecker : public RegFileVisitor {
 
     explicit FileChecker(Report report) : report_(std::move(report)) {}
 
-    /// Reads the file and reports its defects in the order of its lines. Returns false when the file cannot be
-    /// read to its end, which has been reported. Throws `Failure` when it cannot be opened.
+    /// Reads the file and reports its defects in the order of its lines. Returns false when the file cannot
+    /// be read to its end, which has been reported. Throws `Failure` when it cannot be opened.
     bool read(const std::string& path);
 
     unsigned long long keys() const { return keyCount_; }

@@ -47,8 +47,8 @@ class FileContent : public FileChecker {
     bool reachable_ = false;
 };
 
-/// Makes and fills keys in this process's registry. Closing a changed key would write the whole file, so all stay
-/// open until they have been written together.
+/// Makes and fills keys in this process's registry. Closing a changed key would write the whole file, so all
+/// stay open until they have been written together.
 class Importer {
   public:
     explicit Importer(const Key& root) : root_(root) {}

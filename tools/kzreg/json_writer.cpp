@@ -13,8 +13,8 @@ bool isContinuation(char byte) {
     return (byte & 0xC0) == 0x80;
 }
 
-/// The length of the UTF-8 character that `text` begins with; 0 when there is none. Overlong forms, surrogates
-/// and what lies beyond U+10FFFF are none.
+/// The length of the UTF-8 character that `text` begins with; 0 when there is none. Overlong forms,
+/// surrogates and what lies beyond U+10FFFF are none.
 size_t characterLength(std::string_view text) {
     const auto first = static_cast<unsigned char>(text[0]);
     if (first < 0x80) return 1;

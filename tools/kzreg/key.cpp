@@ -21,7 +21,7 @@ HKEY makeAt(HKEY parent, const std::string& name, REGSAM access) {
     if (RegCreateKeyEx(parent, name.c_str(), /*Reserved=*/0, /*lpClass=*/nullptr, REG_OPTION_NON_VOLATILE,
                        access,
                        /*lpSecurityAttributes=*/nullptr, &handle, &disposition) != ERROR_SUCCESS)
-        throw Failure(kFailed, "cannot make the key " + name + ": choose another name");
+        throw Failure(kFailed, "the key is not made: choose another name");
     return handle;
 }
 
@@ -72,9 +72,14 @@ bool comesBefore(const std::string& left, const std::string& right) {
 }  // namespace
 
 Key Key::open(const KeyPath& path) {
-    const HKEY handle = openAt(HKEY_LOCAL_MACHINE, path.belowRoot(), KEY_READ);
-    if (handle == 0) failToFind(path);
-    return Key(handle);
+    std::optional<Key> found = find(path.belowRoot());
+    if (!found) failToFind(path);
+    return std::move(*found);
+}
+
+std::optional<Key> Key::find(const std::string& belowRoot) {
+    const HKEY handle = openAt(HKEY_LOCAL_MACHINE, belowRoot, KEY_READ);
+    return handle != 0 ? std::optional(Key(handle)) : std::nullopt;
 }
 
 std::optional<Key> Key::openBelow(const Key& parent, const std::string& name) {

@@ -18,6 +18,8 @@ class Key {
   public:
     /// Throws `Failure` when there is no such key.
     static Key open(const KeyPath& path);
+    /// The key of that path below the root; nothing when there is none (any more).
+    static std::optional<Key> find(const std::string& belowRoot);
     /// The key directly below `parent`; nothing when there is none of that name (any more).
     static std::optional<Key> openBelow(const Key& parent, const std::string& name);
     /// The same, made if it is missing.
@@ -31,7 +33,10 @@ class Key {
     /// The whole path, spelled as the registry has it.
     std::string path() const { return RegFormatKey(nullptr, handle_); }
 
-    // All of them throw `Failure` when the key has been deleted.
+    /// True for a key that is there only because keys below it are: it has no line in the registry file.
+    bool isStep() const { return RegHKEYtoString(handle_).size() != path().size(); }
+
+    // All below throw `Failure` when the key has been deleted.
 
     /// Sorted by name as the registry file is.
     std::vector<Value> values() const;

@@ -10,9 +10,9 @@ namespace kzreg {
 /// A key's place below the root.
 class KeyPath {
   public:
-    /// Takes a key as it is typed: with or without the root in front (hkey_local_machine or HKLM, in any letter
-    /// case), components separated by "\", or by "/" where there is no "\" at all. Throws `Failure` for an
-    /// empty text and for roots that there are none of.
+    /// Takes a key as it is typed: with or without the root in front (hkey_local_machine or HKLM, in any
+    /// letter case), components separated by "\", or by "/" where there is no "\" at all. Throws `Failure`
+    /// for an empty text and for roots that there are none of.
     static KeyPath typed(const std::string& text);
 
     bool isRoot() const { return components_.empty(); }

@@ -7,7 +7,8 @@
 
 namespace kzreg {
 
-/// Shows "WHAT 12%" on standard error, if that is a terminal and there is much to do, and clears it at the end.
+/// Shows "WHAT 12%" on standard error, if that is a terminal and there is much to do, and clears it at the
+/// end.
 class Progress {
   public:
     Progress(std::string what, size_t steps);

@@ -21,8 +21,8 @@ Places places();
 /// or `useRegistry`, before the first registry function.
 void checkAccess();
 
-/// `checkAccess`; also throws `Failure` when the registry file cannot be read to its end, since then most of it
-/// would seem to be missing.
+/// `checkAccess`; also throws `Failure` when the registry file cannot be read to its end, since then what is
+/// behind would seem to be missing.
 void useRegistry();
 
 /// True when some process has started the registry since the machine has.

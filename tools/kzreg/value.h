@@ -34,8 +34,8 @@ std::string shown(const Value& value);
 /// The value's name, or "(Default)" for the empty one.
 std::string shownName(const std::string& name);
 
-/// The value that was typed. Throws `Failure`: status 2 for what is no type or no number, 1 for data that would
-/// come back from the registry file as other data.
+/// The value that was typed. Throws `Failure`: status 2 for what is no type or no number, 1 for data that
+/// would come back from the registry file as other data.
 Value valueTyped(const std::string& name, const std::optional<std::string>& type,
                  const std::optional<std::string>& data);
 
