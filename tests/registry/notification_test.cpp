@@ -13,30 +13,29 @@
 namespace traiklofox::test {
 namespace {
 
-class Notification : public RegistryTest {
+class Notification : public StartedRegistryTest {
   protected:
     void SetUp() override {
-        RegistryTest::SetUp();
+        StartedRegistryTest::SetUp();
         if (IsSkipped()) return;
-        key = OpenKey(kExample);
         event = static_cast<Event*>(CreateEvent(nullptr, FALSE, FALSE, nullptr));
-        ASSERT_EQ(poll(), 0);
+        ASSERT_EQ(poll(key, event), 0);
     }
     void TearDown() override {
         if (event == nullptr) return;
         event->SetEventData(-1);
+        EXPECT_EQ(event->GetRefCount(), 1);
         CloseHandle(event);
     }
-    LONG poll() const { return RegNotifyChangeKeyValue(key, FALSE, 0, event, TRUE); }
-    /// Polls; true when the event is signalled after that. The signal, and with it the tie, is used up.
-    bool tellsOfAChange() const {
-        EXPECT_EQ(poll(), 0);
-        Handle* handle = event;
-        const DWORD result = WaitForMultipleObjectsEx(1, &handle, FALSE, 0, FALSE);
-        EXPECT_TRUE(result == WAIT_OBJECT_0 || result == WAIT_TIMEOUT) << result;
-        return result == WAIT_OBJECT_0;
+    static LONG poll(HKEY watched, Handle* tied) {
+        return RegNotifyChangeKeyValue(watched, FALSE, 0, tied, TRUE);
     }
-    OpenKey key;
+    /// Polls; true when the event is signalled after that. The signal is used up.
+    bool tellsOfAChange() const {
+        EXPECT_EQ(poll(key, event), 0);
+        Handle* handle = event;
+        return WaitForMultipleObjectsEx(1, &handle, FALSE, 0, FALSE) == WAIT_OBJECT_0;
+    }
     Event* event = nullptr;
 };
 
@@ -50,66 +49,53 @@ TEST_F(Notification, ThePollAfterAChangeSignals) {
     EXPECT_FALSE(tellsOfAChange()) << "nothing became different";
     EXPECT_EQ(RegDeleteValue(key, "v"), 0);
     EXPECT_TRUE(tellsOfAChange());
-    // Changes between a report and the next tie are not missed.
-    setText(key, "v", "2");
-    EXPECT_TRUE(tellsOfAChange());
-    setText(key, "v", "3");
-    EXPECT_TRUE(tellsOfAChange());
     ASSERT_EQ(RegFlushKey(key), 0);
     EXPECT_FALSE(tellsOfAChange());
     OpenKey::createBelow(key, "sub");
     EXPECT_TRUE(tellsOfAChange());
     EXPECT_EQ(RegDeleteKey(key, "sub"), 0);
     EXPECT_TRUE(tellsOfAChange());
+    // The tie used up: a change before the next tie is not missed.
+    event->SetEventData(-1);
+    setText(key, "v", "2");
+    EXPECT_FALSE(tellsOfAChange());
+    EXPECT_TRUE(tellsOfAChange());
     EXPECT_FALSE(tellsOfAChange());
 }
 
 TEST_F(Notification, TellsOfWhatOtherProcessesDid) {
     Peer peer;
-    for (const std::vector<std::string>& change :
-         std::vector<std::vector<std::string>>{{"set", kExample, "v", "1"},
-                                               {"set", kExample, "v", "2"},
-                                               {"deleteValue", kExample, "v"},
-                                               {"create", kExample, "sub"},
-                                               {"deleteKey", kExample, "sub"}}) {
+    for (const Names& change :
+         {Names{"set", kExample, "v", "1"}, Names{"set", kExample, "v", "2"}, Names{"delete", kExample, "v"},
+          Names{"create", kExample, "sub"}, Names{"deleteKey", kExample, "sub"}}) {
         (void)peer.ask(change);
         EXPECT_TRUE(tellsOfAChange()) << change[0];
         EXPECT_FALSE(tellsOfAChange()) << change[0];
     }
-    peer.set("software", "elsewhere", "1");
+    EXPECT_EQ(peer.ask({"set", "software", "elsewhere", "1"}), "0");
     EXPECT_FALSE(tellsOfAChange()) << "another key";
 }
 
-TEST_F(Notification, TheTieHoldsOneReferenceUntilItIsUsedUp) {
+TEST_F(Notification, ATieHoldsOneReferenceHoweverOftenItIsRepeated) {
     EXPECT_EQ(event->GetRefCount(), 2);
-    EXPECT_EQ(poll(), 0);
-    EXPECT_EQ(event->GetRefCount(), 2);
+    EXPECT_EQ(poll(key, event), 0);
     setText(key, "v", "1");
     EXPECT_TRUE(tellsOfAChange());
-    EXPECT_LE(event->GetRefCount(), 2);
-    event->SetEventData(-1);
-    EXPECT_EQ(event->GetRefCount(), 1);
-    setText(key, "v", "2");
-    EXPECT_EQ(poll(), 0);
-    EXPECT_EQ(event->GetRefCount(), 2);
+    EXPECT_EQ(poll(OpenKey("software"), event), 0);
     EXPECT_EQ(RegUnnotifyChangeKeyValue(key, event), 0);
-    event->SetEventData(-1);
-    EXPECT_EQ(event->GetRefCount(), 1);
+    EXPECT_EQ(event->GetRefCount(), 2);
 }
 
 TEST_F(Notification, RefusesWhatIsNoEventAndNoKey) {
-    Handle* thread = GetCurrentThread();
-    EXPECT_EQ(RegNotifyChangeKeyValue(key, FALSE, 0, thread, TRUE), -1);
-    EXPECT_EQ(RegNotifyChangeKeyValue(key, FALSE, 0, INVALID_HANDLE_VALUE, TRUE), -1);
-    EXPECT_EQ(RegNotifyChangeKeyValue(0x3ffffff0, FALSE, 0, event, TRUE), -1);
-    OpenKey doomed = OpenKey::createBelow(key, "doomed");
-    Handle* other = CreateEvent(nullptr, FALSE, FALSE, nullptr);
-    EXPECT_EQ(RegNotifyChangeKeyValue(doomed, FALSE, 0, other, TRUE), 0);
+    const OpenKey doomed = OpenKey::createBelow(key, "doomed");
+    EXPECT_EQ(poll(doomed, event), 0);
     EXPECT_EQ(RegDeleteKey(key, "doomed"), 0);
-    EXPECT_EQ(RegNotifyChangeKeyValue(doomed, FALSE, 0, other, TRUE), -1);
-    EXPECT_EQ(doomed.close(), 0);
-    static_cast<Event*>(other)->SetEventData(-1);
-    CloseHandle(other);
+    expectResults({
+        {"a thread", -1, poll(key, GetCurrentThread())},
+        {"no handle", -1, poll(key, INVALID_HANDLE_VALUE)},
+        {"an unknown key", -1, poll(kUnknown, event)},
+        {"a deleted key", -1, poll(doomed, event)},
+    });
 }
 
 TEST_F(Notification, TheSynchronousCallReturnsAfterAChange) {
@@ -123,11 +109,10 @@ TEST_F(Notification, TheSynchronousCallReturnsAfterAChange) {
         // When it ties is not to be seen from outside; a later change comes in any case.
         int change = 0;
         EXPECT_TRUE(withinSeconds(30, [&] {
-            const std::string text = std::to_string(byAnother) + std::to_string(++change);
             if (byAnother)
-                peer.set(kExample, "theirs", text);
+                peer.set("theirs", std::to_string(++change));
             else
-                setText(key, "v", text);
+                setText(key, "mine", std::to_string(++change));
             return returned.load();
         }));
         waiter.join();

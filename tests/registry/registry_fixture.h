@@ -2,14 +2,13 @@
 
 // What the registry's tests share: an installation on a machine of its own, short forms of the calls, a strict
 // reader of the registry file, and other processes that work on the same registry.
-//
-// The registry starts once in a process, so each test needs a process of its own, as ctest gives it.
 
 #include <gtest/gtest.h>
 #include <traiklofox/registry.h>
 
 #include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +27,19 @@ constexpr bool kSanitized = false;
 /// The key that the tests' template holds, below the root word, and the same in full.
 constexpr const char* kExample = "software\\example";
 constexpr const char* kExamplePath = "hkey_local_machine\\software\\example";
+constexpr HKEY kWriteBit = 0x40000000;
+constexpr HKEY kUnknown = 0x3ffffff0 | kWriteBit;  // a handle that nobody has
+
+using Names = std::vector<std::string>;
+
+class Random {
+  public:
+    explicit Random(unsigned seed) : engine_(seed) {}
+    DWORD below(DWORD limit) { return static_cast<DWORD>(engine_() % limit); }
+
+  private:
+    std::mt19937 engine_;
+};
 
 /// A key that is open while this lives.
 class OpenKey {
@@ -47,34 +59,46 @@ class OpenKey {
     operator HKEY() const { return handle_; }
     bool isOpen() const { return handle_ != 0; }
     /// Closes it at once; what `RegCloseKey` returns.
-    LONG close();
+    LONG close() { return RegCloseKey(std::exchange(handle_, 0)); }
 
   private:
     HKEY handle_ = 0;
 };
 
 bool keyExists(const std::string& path);
-LONG setText(HKEY key, const char* name, std::string_view text);
+LONG setText(HKEY key, const std::string& name, std::string_view text);
 LONG setNumber(HKEY key, const char* name, DWORD number);
 /// A REG_SZ; nothing when there is none of that name or the handle is no good.
-std::optional<std::string> textOf(HKEY key, const char* name);
+std::optional<std::string> textOf(HKEY key, const std::string& name);
 /// Opens `path`, reads there and closes.
-std::optional<std::string> textAt(const std::string& path, const char* name);
-/// The names of all subkeys, or of all values, in the order of enumeration.
-std::vector<std::string> subkeysOf(HKEY key);
-std::vector<std::string> valuesOf(HKEY key);
+std::optional<std::string> textAt(const std::string& path, const std::string& name);
+/// All subkeys, or all values, in the order of enumeration.
+Names subkeysOf(HKEY key);
+Names valuesOf(HKEY key);
+
+/// One call of a table, with the result that it should have and the one that it had.
+struct Result {
+    const char* call;
+    LONG expected;
+    LONG actual;
+};
+void expectResults(const std::vector<Result>& results);
 
 struct FileValue {
     std::string type;
     std::string data;
     bool operator==(const FileValue&) const = default;
 };
-/// A registry file's text: for each key's full name its values by name. Throws std::runtime_error for a line that is
-/// not laid out exactly as the library writes it, and for a text that does not end with a line end.
+/// A registry file's text: for each key's full name its values by name. Throws for a line that is not laid out exactly
+/// as the library writes it, a key or value that comes twice, and a text that does not end with a line end.
 using FileKeys = std::map<std::string, std::map<std::string, FileValue>>;
 FileKeys parseRegistry(const std::string& text);
+/// Lines of such a text: of the key `path`, which is below the root word, and of a REG_SZ.
+std::string keyLine(const std::string& path, const std::string& number = "1");
+std::string valueLine(std::string name, std::string text);
 
-/// An installation directory of the test's own, which TWHOME names, with a template and no registry file yet.
+/// An installation directory of the test's own, which TWHOME names, with a template and no registry file yet. The
+/// registry starts once in a process, so each test needs a process of its own, as ctest gives it.
 class RegistryTest : public ::testing::Test {
   protected:
     void SetUp() override;
@@ -86,35 +110,39 @@ class RegistryTest : public ::testing::Test {
 
     std::string fileText() const { return readText(file()); }
     FileKeys fileKeys() const { return parseRegistry(fileText()); }
-    /// The text of a value in the file; nothing when it is not there.
-    std::optional<std::string> inFile(const std::string& keyPath, const std::string& name) const;
+    /// The data of a value of kExample in the file; nothing when it is not there.
+    std::optional<std::string> inFile(const std::string& name) const;
     /// Puts another registry file in place, as another process's write does: every look-up from now on reads it.
     void replaceFile(std::string_view text) const;
     /// What is in the registry's directory besides the file and the template.
-    std::vector<std::string> otherFiles() const;
+    Names otherFiles() const;
 
   private:
     std::optional<TempDir> home_;
 };
 
-/// Another process that works on the same registry as it is told.
+/// The same with kExample open, and so the registry started.
+class StartedRegistryTest : public RegistryTest {
+  protected:
+    void SetUp() override;
+    OpenKey key;
+};
+
+/// Another process that carries out the commands listed in registry_fixture.cpp.
 class Peer {
   public:
-    Peer();
-    /// Has it carry out a command of the list in registry_fixture.cpp; its answer.
-    std::string ask(const std::vector<std::string>& words);
+    Peer() : process_("registryPeer") {}
+    std::string ask(const Names& words);
     /// The two halves of `ask`.
-    void tell(const std::vector<std::string>& words);
-    std::string answer();
+    void tell(const Names& words);
+    std::string answer() { return process_.readLine().value_or("(no answer)"); }
 
-    /// Sets a value and closes the key, which writes it.
-    void set(const std::string& path, const std::string& name, const std::string& text);
-    /// What it finds at its next look-up; "(none)" when there is nothing.
-    std::string get(const std::string& path, const std::string& name) { return ask({"get", path, name}); }
+    /// Sets a value of kExample and closes the key, which writes it.
+    void set(const std::string& name, const std::string& text);
+    /// A value of kExample as it finds it at its next look-up; "(none)" when there is none.
+    std::string get(const std::string& name) { return ask({"get", kExample, name}); }
 
     RoleProcess& process() { return process_; }
-    /// Ends it; it must end by itself, with status 0.
-    void finish();
 
   private:
     RoleProcess process_;

@@ -2,14 +2,12 @@
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
+#include <memory>
 #include <thread>
 
-#include "registry/cache_lock.h"
 #include "registry/registry_fixture.h"
 #include "registry/shared_state.h"
 #include "support/bounded_wait.h"
@@ -23,71 +21,59 @@ using namespace std::chrono_literals;
 using faults::Call;
 using registry::ShmStruct;
 
-constexpr const char* kLockFile = "/usr/lib/tarnwell/twml_data.dat";
-
-class Sharing : public RegistryTest {
+class Sharing : public StartedRegistryTest {
   protected:
-    void SetUp() override {
-        RegistryTest::SetUp();
-        if (!IsSkipped()) key = OpenKey(kExample);
-    }
-    static int semaphore() { return ::semget(::ftok(kLockFile, 1), 1, 0); }
-    OpenKey key;
+    static int semaphore() { return ::semget(::ftok("/usr/lib/tarnwell/twml_data.dat", 1), 1, 0); }
 };
 
 TEST_F(Sharing, EachSeesTheOthersChangesAtItsNextLookUp) {
     Peer one;
     Peer two;
-    one.set(kExample, "v", "1");
-    EXPECT_EQ(two.get(kExample, "v"), "1");
+    one.set("v", "1");
+    EXPECT_EQ(two.get("v"), "1");
     EXPECT_EQ(textAt(kExample, "v"), "1");
-    two.set(kExample, "v", "2");
-    EXPECT_EQ(one.get(kExample, "v"), "2");
+    two.set("v", "2");
+    EXPECT_EQ(one.get("v"), "2");
     EXPECT_EQ(one.ask({"create", kExample, "sub"}), "1");
     EXPECT_EQ(two.ask({"exists", "software\\example\\sub"}), "1");
     EXPECT_EQ(two.ask({"deleteKey", kExample, "sub"}), "0");
     EXPECT_EQ(one.ask({"exists", "software\\example\\sub"}), "0");
-    EXPECT_EQ(one.ask({"deleteValue", kExample, "v"}), "0");
-    EXPECT_EQ(two.get(kExample, "v"), "(none)");
+    EXPECT_EQ(one.ask({"delete", kExample, "v"}), "0");
+    EXPECT_EQ(two.get("v"), "(none)");
     EXPECT_EQ(textAt(kExample, "v"), std::nullopt);
-    one.finish();
-    two.finish();
 }
 
 TEST_F(Sharing, AChangeNotYetWrittenIsMergedWithWhatAnotherWrites) {
     Peer peer;
     setText(key, "both", "mine");
     setText(key, "mine", "1");
-    peer.set(kExample, "both", "theirs");
-    peer.set(kExample, "theirs", "2");
+    peer.set("both", "theirs");
+    peer.set("theirs", "2");
     EXPECT_EQ(RegUpdateCache(), 1);
     EXPECT_EQ(RegUpdateCache(), 0);
     EXPECT_EQ(textOf(key, "both"), "mine");
-    peer.set(kExample, "later", "3");
-    ASSERT_EQ(key.close(), 0);
+    peer.set("later", "3");
+    ASSERT_EQ(RegFlushKey(key), 0);
     EXPECT_EQ(RegUpdateCache(), 0) << "writing has read what the other wrote";
     for (const auto& [name, text] :
          {std::pair{"both", "mine"}, {"mine", "1"}, {"theirs", "2"}, {"later", "3"}}) {
-        EXPECT_EQ(inFile(kExamplePath, name), text);
-        EXPECT_EQ(peer.get(kExample, name), text);
+        EXPECT_EQ(inFile(name), text);
+        EXPECT_EQ(peer.get(name), text);
     }
 }
 
 TEST_F(Sharing, FourWritersAtOnceLoseNothing) {
-    constexpr int kEach = 100;
     std::vector<Peer> peers(4);
     for (size_t i = 0; i < peers.size(); ++i)
-        peers[i].tell({"setMany", kExample, "p" + std::to_string(i) + "_", std::to_string(kEach)});
+        peers[i].tell({"setMany", kExample, "p" + std::to_string(i) + "_", "100"});
     for (Peer& peer : peers) EXPECT_EQ(peer.answer(), "0");
-    const FileKeys keys = fileKeys();
-    EXPECT_EQ(keys.at(kExamplePath).size(), 4u * kEach + 1);
-    EXPECT_EQ(valuesOf(OpenKey(kExample, KEY_READ)).size(), 4u * kEach + 1);
-    for (Peer& peer : peers) peer.finish();
+    EXPECT_EQ(fileKeys().at(kExamplePath).size(), 401u);
+    EXPECT_EQ(valuesOf(OpenKey(kExample, KEY_READ)).size(), 401u);
 }
 
 TEST_F(Sharing, TheExclusiveLockKeepsOthersOutUntilItsLastRelease) {
     Peer peer;
-    EXPECT_EQ(peer.get(kExample, "Name"), "primary");
+    EXPECT_EQ(peer.get("Name"), "primary");
     ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
     ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
     ASSERT_EQ(RegLockRegistryFile(), 1);
@@ -95,43 +81,36 @@ TEST_F(Sharing, TheExclusiveLockKeepsOthersOutUntilItsLastRelease) {
     EXPECT_EQ(ShmStruct()->lockHolder.load(), static_cast<std::uint32_t>(::getpid()));
     setText(key, "v", "1");
     EXPECT_EQ(RegFlushKey(key), 0) << "who holds the lock may write";
-    EXPECT_EQ(textAt(kExample, "v"), "1");
     peer.tell({"set", kExample, "w", "2"});
+    std::thread([] {
+        EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 0) << "another thread's";
+        EXPECT_EQ(RegUnlockRegistryFile(), 0);
+    }).join();
     EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED), 1);
     EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
     EXPECT_EQ(RegUnlockRegistryFile(), 1);
-    std::thread other([] {
-        EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 0) << "another thread's";
-        EXPECT_EQ(RegUnlockRegistryFile(), 0);
-    });
-    other.join();
     EXPECT_EQ(peer.process().readLine(20ms), std::nullopt) << "let in before the last release";
-    EXPECT_EQ(inFile(kExamplePath, "w"), std::nullopt);
+    EXPECT_EQ(inFile("w"), std::nullopt);
     EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
     EXPECT_EQ(peer.answer(), "0");
-    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 0);
-    EXPECT_EQ(RegUnlockRegistryFile(), 0);
-    EXPECT_EQ(RegLockCache(static_cast<RegLockOp_t>(2)), 0);
-    EXPECT_EQ(RegUnlockCache(static_cast<RegLockOp_t>(2)), 0);
+    const auto other = static_cast<RegLockOp_t>(2);
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE) + RegUnlockRegistryFile() + RegLockCache(other) +
+                  RegUnlockCache(other),
+              0);
     EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
 }
 
-TEST_F(Sharing, SharedLocksHoldWritersOfTheProcessBackAndNobodyElse) {
+TEST_F(Sharing, ASharedLockHoldsBackTheWritersOfItsProcessAlone) {
     ASSERT_EQ(RegLockCache(REG_LOCK_SHARED), 1);
+    std::thread([] { EXPECT_EQ(RegLockCache(REG_LOCK_SHARED) + RegUnlockCache(REG_LOCK_SHARED), 2); }).join();
     std::atomic<bool> entered{false};
-    std::thread reader([] {
-        EXPECT_EQ(RegLockCache(REG_LOCK_SHARED), 1);
-        EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED), 1);
-    });
-    reader.join();
     std::thread writer([&] {
         EXPECT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
         entered = true;
         EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
     });
-    EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
     Peer peer;
-    peer.set(kExample, "v", "1");
+    peer.set("v", "1");
     EXPECT_FALSE(entered);
     EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED), 1);
     writer.join();
@@ -140,27 +119,22 @@ TEST_F(Sharing, SharedLocksHoldWritersOfTheProcessBackAndNobodyElse) {
 TEST_F(Sharing, AKilledHolderLetsGoAndWhatItPutInPlaceIsSeen) {
     Peer peer;
     ASSERT_EQ(peer.ask({"lock"}), "1");
-    const std::string text = fileText() + "v:                    \tuncounted;            \tREG_SZ\n";
-    writeText(home() + "/new", text);
-    std::filesystem::rename(home() + "/new", file());
+    writeText(file(), fileText() + valueLine("v", "uncounted"));
     peer.process().kill(SIGKILL);
     ASSERT_EQ(peer.process().wait(), ExitStatus::killedBy(SIGKILL));
     EXPECT_EQ(textAt(kExample, "v"), "uncounted");
     EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
-    setText(key, "w", "1");
-    ASSERT_EQ(RegFlushKey(key), 0);
-    EXPECT_EQ(inFile(kExamplePath, "v"), "uncounted");
 }
 
 TEST_F(Sharing, ARemovedSemaphoreIsMadeAnew) {
     Peer peer;
-    EXPECT_EQ(peer.get(kExample, "Name"), "primary");
+    EXPECT_EQ(peer.get("Name"), "primary");
     ASSERT_EQ(::semctl(semaphore(), 0, IPC_RMID), 0);
-    peer.set(kExample, "v", "1");
+    peer.set("v", "1");
     EXPECT_EQ(textAt(kExample, "v"), "1");
     setText(key, "w", "2");
     ASSERT_EQ(RegFlushKey(key), 0);
-    EXPECT_EQ(peer.get(kExample, "w"), "2");
+    EXPECT_EQ(peer.get("w"), "2");
 
     // Removed under a holder, with another waiting.
     ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
@@ -175,28 +149,27 @@ TEST_F(Sharing, ARemovedSemaphoreIsMadeAnew) {
 }
 
 TEST_F(Sharing, LookUpsWithNothingNewMakeNoSystemCall) {
-    EXPECT_TRUE(keyExists(kExample));
-    const Call calls[] = {Call::Semop, Call::Semget, Call::Open,   Call::Read,
-                          Call::Stat,  Call::Fstat,  Call::Access, Call::Lockf};
     std::vector<std::unique_ptr<CountCalls>> counts;
-    for (const Call call : calls) counts.push_back(std::make_unique<CountCalls>(call));
+    for (const Call call :
+         {Call::Semop, Call::Semget, Call::Open, Call::Read, Call::Stat, Call::Access, Call::Lockf})
+        counts.push_back(std::make_unique<CountCalls>(call));
     for (int i = 0; i < 1000; ++i) EXPECT_EQ(textAt(kExample, "Name"), "primary");
     for (size_t i = 0; i < counts.size(); ++i) EXPECT_EQ(counts[i]->calls(), 0) << i;
 }
 
 TEST_F(Sharing, ABumpedVersionIsReadAgainAndShown) {
     const std::uint32_t stamp = ShmStruct()->stamp.load();
-    writeText(file(), fileText() + "v:\tedited;\tREG_SZ\n");
+    writeText(file(), fileText() + valueLine("v", "edited"));
     EXPECT_EQ(textAt(kExample, "v"), std::nullopt);
     RegBumpVersion();
     EXPECT_EQ(textAt(kExample, "v"), "edited");
-    CapturedStdout printed;
+    const CapturedStdout printed;
     RegDumpVersion();
     std::fflush(stdout);
     EXPECT_EQ(printed.text(), "Lock owner PID: 0\nRegistry version stamp: " + std::to_string(stamp + 1) +
                                   "\nLast PID to write Registry: " + std::to_string(::getpid()) + "\n");
     Peer peer;
-    peer.set(kExample, "v", "x");
+    peer.set("v", "x");
     EXPECT_EQ(ShmStruct()->stamp.load(), stamp + 2);
     EXPECT_EQ(ShmStruct()->lastWriter.load(), static_cast<std::uint32_t>(peer.process().pid()));
 }

@@ -10,94 +10,68 @@ namespace {
 
 using traiklofox::registry::kLongestLine;
 
-std::string lineOf(DWORD type, const std::string& name, const std::string& data) {
+std::string lineOf(const RegValue& value) {
     std::string text;
-    RegValue(type, name, data).appendLine(text);
+    value.appendLine(text);
+    EXPECT_EQ(text.back(), '\n');
+    text.pop_back();
     return text;
 }
 
 TEST(ValueLine, IsLaidOutInColumns) {
-    EXPECT_EQ(lineOf(REG_DWORD, "Port", "0x1f4"),
-              "Port:                 \t0x1f4;                \tREG_DWORD\n");
-    EXPECT_EQ(lineOf(REG_SZ, "", ""), ":                     \t;                     \tREG_SZ\n");
-    EXPECT_EQ(lineOf(REG_MULTI_SZ, "AnArrayOfExactly21xxx", "a b "),
-              "AnArrayOfExactly21xxx:\ta b ;                 \tREG_MULTI_SZ\n");
-    EXPECT_EQ(lineOf(REG_SZ, "ANameOfTwentyTwoLetter", "x"),
-              "ANameOfTwentyTwoLetter:\tx;                    \tREG_SZ\n");
+    EXPECT_EQ(lineOf({REG_DWORD, "Port", "0x1f4"}),
+              "Port:                 \t0x1f4;                \tREG_DWORD");
+    EXPECT_EQ(lineOf({REG_SZ, "", ""}), ":                     \t;                     \tREG_SZ");
+    EXPECT_EQ(lineOf({REG_MULTI_SZ, "OneLessThanTheColumns", "a b "}),
+              "OneLessThanTheColumns:\ta b ;                 \tREG_MULTI_SZ");
+    EXPECT_EQ(lineOf({REG_SZ, "AnameAsLongAsTheColumn", "x"}),
+              "AnameAsLongAsTheColumn:\tx;                    \tREG_SZ");
 }
 
-TEST(ValueLine, IsReadAsWritten) {
-    struct Row {
-        const char* line;
-        DWORD type;
-        const char* name;
-        const char* data;
-    };
-    const Row rows[] = {
-        {"Port:                 \t0x1f4;                \tREG_DWORD", REG_DWORD, "Port", "0x1f4"},
-        {"Port:   ;REG_SZ", REG_SZ, "Port", ""},
-        {":;REG_SZ", REG_SZ, "", ""},
-        {" a name : data with blanks ; \t REG_MULTI_SZ", REG_MULTI_SZ, " a name ", "data with blanks "},
-        {"a:b:c;\tREG_SZ", REG_SZ, "a", "b:c"},
+TEST(ValueLine, IsReadByItsMarks) {
+    const std::pair<const char*, RegValue> rows[] = {
+        {"Port:                 \t0x1f4;                \tREG_DWORD", {REG_DWORD, "Port", "0x1f4"}},
+        {"Port:   ;REG_SZ", {REG_SZ, "Port", ""}},
+        {":;REG_SZ", {REG_SZ, "", ""}},
+        {" a name : data with blanks ; \t REG_MULTI_SZ", {REG_MULTI_SZ, " a name ", "data with blanks "}},
+        {"a:b:c;\tREG_SZ", {REG_SZ, "a", "b:c"}},
         // Cut at the first semicolon; the type is still found.
-        {"a:\tx;y;\tREG_SZ", REG_SZ, "a", "x"},
-        {"a:\tx;y\tREG_DWORD;\tREG_SZ", REG_SZ, "a", "x"},
-        {"a:\t;;\tREG_MULTI_SZ", REG_MULTI_SZ, "a", ""},
-        {"a:\tx; ;\tREG_SZ", REG_SZ, "a", "x"},
+        {"a:\tx;y;\tREG_SZ", {REG_SZ, "a", "x"}},
+        {"a:\tx;y\tREG_DWORD;\tREG_SZ", {REG_SZ, "a", "x"}},
+        {"a:\t;;\tREG_MULTI_SZ", {REG_MULTI_SZ, "a", ""}},
+        {"a:\tx; ;\tREG_SZ", {REG_SZ, "a", "x"}},
     };
-    for (const Row& row : rows) {
+    for (const auto& [line, expected] : rows) {
         RegValue value;
-        ASSERT_EQ(value.FormatValue(row.line), 1) << row.line;
-        EXPECT_EQ(value, RegValue(row.type, row.name, row.data)) << row.line;
+        EXPECT_EQ(value.FormatValue(line), 1) << line;
+        EXPECT_EQ(value, expected) << line;
     }
 }
 
 TEST(ValueLine, AnyOtherIsNoValueAndChangesNothing) {
-    const char* const lines[] = {
-        "",
-        "no colon;\tREG_SZ",
-        "no semicolon:\tx\tREG_SZ",
-        "semicolon; first:\tx\tREG_SZ",
-        "a:\tx;",
-        "a:\tx;\tREG_SZ ",
-        "a:\tx;\tREG_NONE",
-        "a:\tx;\treg_sz",
-        "a:\tx; y",
-        "a:\tx;\tREG_SZ\r",
-        "a:x;y; REG_SZ",
-        "\t",
-    };
-    for (const char* line : lines) {
+    for (const char* line :
+         {"", "\t", "no colon;\tREG_SZ", "no semicolon:\tx\tREG_SZ", "semicolon; first:\tx\tREG_SZ", "a:\tx;",
+          "a:\tx;\tREG_SZ ", "a:\tx;\tREG_NONE", "a:\tx;\treg_sz", "a:\tx; y", "a:\tx;\tREG_SZ\r",
+          "a:x;y; REG_SZ", static_cast<const char*>(nullptr)}) {
         RegValue value(REG_SZ, "before", "as it was");
         EXPECT_EQ(value.FormatValue(line), 0) << line;
         EXPECT_EQ(value, RegValue(REG_SZ, "before", "as it was")) << line;
     }
-    EXPECT_EQ(RegValue().FormatValue(static_cast<const char*>(nullptr)), 0);
 }
 
 TEST(ValueLine, PrintedAndReadIsTheSame) {
-    const std::string names[] = {
-        "", "n", "#not first", "tab\tin it", "\xff\x80", std::string(21, 'n'), std::string(300, 'n')};
-    const std::string datas[] = {"",
-                                 "d",
-                                 "a b ",
-                                 "trailing  ",
-                                 "colon:",
-                                 "\xe4\xf6",
-                                 "tab\tin it",
-                                 std::string(21, 'd'),
-                                 std::string(3000, 'd')};
     for (const DWORD type : {REG_SZ, REG_DWORD, REG_MULTI_SZ}) {
-        for (const std::string& name : names) {
-            for (const std::string& data : datas) {
+        for (const std::string& name :
+             {std::string(), std::string("n"), std::string("tab\tin it"), std::string("\xff\x80"),
+              std::string(21, 'n'), std::string(300, 'n')}) {
+            for (const std::string& data :
+                 {std::string(), std::string("a b  "), std::string("colon:\t"), std::string("\xe4"),
+                  std::string(21, 'd'), std::string(3000, 'd')}) {
                 const RegValue value(type, name, data);
-                std::string line;
-                value.appendLine(line);
-                ASSERT_EQ(line.back(), '\n');
-                line.pop_back();
+                const std::string line = lineOf(value);
                 EXPECT_EQ(value.lineLength(), line.size());
                 RegValue read;
-                ASSERT_EQ(read.FormatValue(line), 1) << line;
+                EXPECT_EQ(read.FormatValue(line), 1) << line;
                 EXPECT_EQ(read, value) << line;
             }
         }
@@ -109,15 +83,11 @@ TEST(ValueLine, PrintedAndReadIsTheSame) {
 TEST(ValueLine, NeverGrowsTooLongToBeReadAgain) {
     for (size_t slack = 0; slack < 60; ++slack) {
         const std::string data(kLongestLine - std::string("n:;REG_SZ").size() - slack, 'd');
-        RegValue value;
-        ASSERT_EQ(value.FormatValue("n:" + data + ";REG_SZ"), 1);
-        std::string line;
-        value.appendLine(line);
-        line.pop_back();
-        ASSERT_LE(line.size(), kLongestLine) << slack;
+        const std::string line = lineOf({REG_SZ, "n", data});
+        EXPECT_LE(line.size(), kLongestLine) << slack;
         RegValue read;
-        ASSERT_EQ(read.FormatValue(line), 1) << slack;
-        EXPECT_EQ(read, value) << slack;
+        EXPECT_EQ(read.FormatValue(line), 1) << slack;
+        EXPECT_EQ(read, RegValue(REG_SZ, "n", data)) << slack;
     }
 }
 
