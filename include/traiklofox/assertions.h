@@ -28,6 +28,7 @@ TRAIKLOFOX_C_API BOOL Beep(int frequency, int duration);
 /// What the library's own classes throw.
 class TRAIKLOFOX_API CKZIException {
   public:
+    /// The longest context and message, in characters.
     static constexpr int kTextLength = 80;
 
     /// Note the order. Of each text the first 80 characters are kept; a null one is empty.

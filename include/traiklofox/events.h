@@ -110,7 +110,9 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
 /// posted. Each thread that waits for several handles owns one; the class is public for its kind code alone.
 class TRAIKLOFOX_API MultiEvent : public Handle {
   public:
+    /// With room for a wait on so many handles; it grows as needed.
     explicit MultiEvent(DWORD places);
+
     ~MultiEvent() override;
     DWORD What() const override;
 

@@ -114,12 +114,16 @@ class TRAIKLOFOX_API File : public Handle {
 /// The user and group that a child process is to run as (`CreateProcessAsUser`).
 class TRAIKLOFOX_API SecurityToken : public Handle {
   public:
+    /// Makes a token for this user and group id.
     SecurityToken(UINT asUser, UINT asGroup);
+
     ~SecurityToken() override;
     DWORD What() const override;
 
+    /// The user and the group id to become.
     UINT GetUid() const { return uid; }
     UINT GetGid() const { return gid; }
+
     /// Stores a new id and returns the old one. Not synchronised: set a token up before sharing it.
     UINT SetUid(UINT newUid);
     UINT SetGid(UINT newGid);

@@ -68,9 +68,9 @@ enum RegLockOp_t : int {
 
 /// One value of `RegBatchSetValueEx`. `data` is in the file's text form, which `RegSetValueNode` makes.
 struct RegValueList {
-    CKZString name;
-    DWORD type;
-    CKZString data;
+    CKZString name;  ///< the value's name
+    DWORD type;      ///< REG_SZ, REG_DWORD or REG_MULTI_SZ
+    CKZString data;  ///< in the file's text form
 };
 
 /// Opens an existing key. `hKey` is 0 or an open key, `lpSubKey` a path below it, components separated by
@@ -269,7 +269,7 @@ class TRAIKLOFOX_API RegFileVisitor {
     virtual void onKey(DWORD line, const CKZString& name, LONG number) = 0;
     /// A value's line, of the last key.
     virtual void onValue(DWORD line, const RegValueList& value) = 0;
-    /// A line that the registry's reader would ignore, cut, or take otherwise than it looks; `what` says which. When the
+    /// A line that the registry's reader would ignore, cut, or take otherwise than it looks: `what` says it. When the
     /// line is used all the same, `onKey` or `onValue` follows.
     virtual void onDefect(DWORD line, const char* what) = 0;
 };
@@ -303,8 +303,8 @@ TRAIKLOFOX_API void RegBumpVersion();
 /// Prints the lock owner's process id, the version stamp and the last writer's process id to standard output.
 TRAIKLOFOX_API void RegDumpVersion();
 
-/// The same three, for programs; null pointers are skipped. `*lockOwner` is 0 when nobody holds the lock, and may name a
-/// process that died holding it until somebody takes it again.
+/// The same three, for programs; null pointers are skipped. `*lockOwner` is 0 when nobody holds the lock, and may
+/// name a process that died holding it until somebody takes it again.
 TRAIKLOFOX_API void RegGetVersion(LPDWORD lockOwner, LPDWORD stamp, LPDWORD lastWriter);
 
 /// The body of the lazy writer: run it on a thread of your own (`CreateThread`, `unixthread_create`).

@@ -24,6 +24,7 @@
 
 namespace traiklofox {
 
+/// The text, or the empty one for a null pointer.
 inline std::string_view viewOf(const char* text) {
     return text != nullptr ? std::string_view(text) : std::string_view();
 }
@@ -32,6 +33,7 @@ inline std::string_view viewOf(const char* text) {
 class TRAIKLOFOX_API StringBase : public std::string {
   public:
     using std::string::string;
+    /// The empty string, and copies of a text (null: the empty one) or of a string.
     StringBase() = default;
     StringBase(const char* text) : std::string(viewOf(text)) {}
     StringBase(const std::string& text) : std::string(text) {}
@@ -99,7 +101,7 @@ class StringOperators : public StringBase {
         return joined(left, right);
     }
 
-    // A chain of sums grows one buffer.
+    /// The same for a left operand that is about to go: a chain of sums grows one buffer.
     friend Self operator+(Self&& left, const Self& right) { return std::move(left += right); }
     friend Self operator+(Self&& left, const char* right) { return std::move(left += right); }
     friend Self operator+(Self&& left, char right) { return std::move(left += right); }

@@ -55,6 +55,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
     /// events.
     BOOL CheckAPC();
 
+    /// Whether the thread runs or has ended. Only its own end should set it.
     ThreadState_t GetState() const;
     void SetState(ThreadState_t newState);
     /// The pthread id; 0 once the thread has ended.

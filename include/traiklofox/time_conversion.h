@@ -12,11 +12,11 @@
 struct _TIME_ZONE_INFORMATION {
     LONG Bias;               ///< minutes west of UTC
     char StandardName[128];  ///< NUL-terminated; has room for 32 wide characters, but is narrow, unlike Win32
-    SYSTEMTIME StandardDate;
-    LONG StandardBias;
-    char DaylightName[128];  ///< as `StandardName`
-    SYSTEMTIME DaylightDate;
-    LONG DaylightBias;
+    SYSTEMTIME StandardDate;  ///< when standard time begins: a month, and which Sunday of it
+    LONG StandardBias;        ///< added to `Bias` in standard time
+    char DaylightName[128];   ///< as `StandardName`
+    SYSTEMTIME DaylightDate;  ///< when daylight time begins
+    LONG DaylightBias;        ///< added to `Bias` in daylight time
 };
 typedef _TIME_ZONE_INFORMATION TIME_ZONE_INFORMATION;
 typedef TIME_ZONE_INFORMATION* PTIME_ZONE_INFORMATION;

@@ -96,8 +96,8 @@ constexpr DWORD INFINITE = 0xFFFFFFFF;  ///< a time-out that never passes
 
 /// A count of 100-nanosecond intervals since 1601-01-01 00:00 UTC, as two words.
 struct _FILETIME {
-    DWORD dwLowDateTime;
-    DWORD dwHighDateTime;
+    DWORD dwLowDateTime;   ///< the low 32 bits
+    DWORD dwHighDateTime;  ///< the high 32 bits
 };
 typedef _FILETIME FILETIME;
 typedef FILETIME* PFILETIME;
@@ -105,14 +105,14 @@ typedef FILETIME* LPFILETIME;
 
 /// A calendar date and time of day.
 struct _SYSTEMTIME {
-    WORD wYear;
-    WORD wMonth;      ///< 1 to 12
-    WORD wDayOfWeek;  ///< 0 is Sunday
-    WORD wDay;        ///< 1 to 31
-    WORD wHour;
-    WORD wMinute;
-    WORD wSecond;
-    WORD wMilliseconds;
+    WORD wYear;          ///< the full year
+    WORD wMonth;         ///< 1 to 12
+    WORD wDayOfWeek;     ///< 0 is Sunday
+    WORD wDay;           ///< 1 to 31
+    WORD wHour;          ///< 0 to 23
+    WORD wMinute;        ///< 0 to 59
+    WORD wSecond;        ///< 0 to 59
+    WORD wMilliseconds;  ///< 0 to 999
 };
 typedef _SYSTEMTIME SYSTEMTIME;
 typedef SYSTEMTIME* PSYSTEMTIME;
@@ -120,9 +120,9 @@ typedef SYSTEMTIME* LPSYSTEMTIME;
 
 /// Accepted wherever Win32 takes one, and ignored: Unix permissions decide.
 struct _SECURITY_ATTRIBUTES {
-    DWORD nLength;
-    LPVOID lpSecurityDescriptor;
-    BOOL bInheritHandle;
+    DWORD nLength;                ///< the record's size
+    LPVOID lpSecurityDescriptor;  ///< not looked at
+    BOOL bInheritHandle;          ///< not looked at
 };
 typedef _SECURITY_ATTRIBUTES SECURITY_ATTRIBUTES;
 typedef SECURITY_ATTRIBUTES* PSECURITY_ATTRIBUTES;

@@ -71,7 +71,7 @@ LONG Handle::DecRefCount() {
 
 Event* Handle::synchEvent(BOOL manualReset) {
     if (Event* event = existingSynch()) return event;
-    Event* made = new Event(/*initialData=*/-1, manualReset, /*initialState=*/FALSE, /*name=*/nullptr);
+    Event* made = new Event(/*initialData=*/-1, manualReset, /*initialState=*/FALSE, nullptr);
     Event* present = nullptr;
     if (synch.compare_exchange_strong(present, made, std::memory_order_acq_rel)) return made;
     made->DecRefCount();  // another thread was first

@@ -34,7 +34,7 @@ class CancellableSleep {
             ++end.tv_sec;
             end.tv_nsec -= 1'000'000'000;
         }
-        // On a condition that nobody signals: unlike nanosleep, the thread sanitizer can follow a cancellation out of it.
+        // On a condition that nobody signals: unlike from nanosleep, the thread sanitizer can follow a cancellation.
         const foundation::LockGuard guard(lock_);
         while (pthread_cond_clockwait(&never_, lock_.native(), CLOCK_MONOTONIC, &end) == 0) {
         }
