@@ -1,12 +1,11 @@
 // Writing the file: what is in it, whose it is, what is left lying about, and what becomes of everything when a
 // system call fails.
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <traiklofox/temp_name.h>
 
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "registry/registry_fixture.h"
@@ -174,18 +173,13 @@ TEST_F(Writing, AProcessWithoutDescriptorsDoesNotBlockTheOthers) {
     Peer peer;
     EXPECT_EQ(peer.get("Name"), "primary");
     setText(key, "v", "1");
-    rlimit usual{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
-    const rlimit few{64, usual.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    while (::open("/dev/null", O_RDONLY | O_CLOEXEC) != -1) {
-    }
-    const CountCalls opens{Call::Open, {.path = ".kztmp."}};
+    std::optional<FailCall> noDescriptor;
+    noDescriptor.emplace(Call::Open, EMFILE, faults::Options{.andAllLater = true, .path = ".kztmp."});
     std::thread writer([&] { EXPECT_EQ(RegFlushKey(key), 0); });
-    const bool waits = withinSeconds(30, [&] { return opens.calls() > 2; });
+    const bool waits = withinSeconds(30, [&] { return noDescriptor->calls() > 2; });
     peer.tell({"set", kExample, "w", "1"});
     const auto answer = peer.process().readLine(std::chrono::seconds{5});
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+    noDescriptor.reset();
     writer.join();
     EXPECT_TRUE(waits);
     EXPECT_EQ(answer, "0");
