@@ -138,17 +138,15 @@ bool sameFile(const struct stat& left, const struct stat& right) {
 void write(const std::string& path, const std::string& text) {
     struct stat target {};
     struct stat output {};
-    if (stat(path.c_str(), &target) != 0) {
-        replaceFile(path, text);
-    } else if (S_ISDIR(target.st_mode)) {
+    const bool present = stat(path.c_str(), &target) == 0;
+    if (present && S_ISDIR(target.st_mode))
         throw Failure(kUnusable, path + " is a directory: name a file in it");
-    } else if (fstat(STDOUT_FILENO, &output) == 0 && sameFile(target, output)) {
+    if (present && fstat(STDOUT_FILENO, &output) == 0 && sameFile(target, output))
         std::fwrite(text.data(), 1, text.size(), stdout);  // "/dev/stdout"; main looks after errors
-    } else if (S_ISREG(target.st_mode)) {
-        replaceFile(path, text);
-    } else {
+    else if (present && !S_ISREG(target.st_mode))
         writeThrough(path, text);
-    }
+    else
+        replaceFile(path, text);
 }
 
 void requireOtherThanRegistry(const std::string& path) {
