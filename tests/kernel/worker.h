@@ -69,6 +69,24 @@ inline std::chrono::steady_clock::time_point now() {
     return std::chrono::steady_clock::now();
 }
 
+/// True as soon as `holds()` does, false after kBoundSeconds: for what another processor does in the next
+/// moment. It spins, then sleeps, and never yields: the kernel may charge each yield as a whole time slice, and
+/// on a busy machine a thread that yields again and again then hardly ever runs.
+template <class Predicate>
+bool soon(Predicate holds) {
+    constexpr int kGlances = 1'000;
+    const auto giveUp = now() + std::chrono::seconds{kBoundSeconds};
+    for (int glances = 0; !holds(); ++glances) {
+        if (glances < kGlances) {
+            __builtin_ia32_pause();
+            continue;
+        }
+        if (now() >= giveUp) return false;
+        std::this_thread::sleep_for(std::chrono::microseconds{50});
+    }
+    return true;
+}
+
 /// A thread that the library did not start, with its handle. Its body must end by itself; the destructor
 /// joins it.
 class Worker {
