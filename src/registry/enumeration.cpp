@@ -45,9 +45,9 @@ LONG RegEnumKey(HKEY hKey, DWORD dwIndex, char* lpName, DWORD cchName) {
     if (lpName == nullptr) return kRegistryFailure;
     return registryCall([&] {
         return onOpenKey(hKey, [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) -> LONG {
-            const KeyRef* subkey = key.subkeys.at(dwIndex);
+            const RegKey* subkey = key.subkeys.at(dwIndex);
             if (subkey == nullptr) return ERROR_NO_MORE_ITEMS;
-            const CKZString& name = (*subkey)->component;
+            const CKZString& name = subkey->component;
             if (cchName < name.size() + 1) return kRegistryFailure;
             copyName(name, lpName);
             return ERROR_SUCCESS;
@@ -62,8 +62,8 @@ LONG RegQueryInfoKey(HKEY hKey, char* lpClass, LPDWORD lpcClass, LPDWORD, LPDWOR
     return registryCall([&] {
         return onOpenKey(hKey, [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) -> LONG {
             size_t longestSubkey = 0;
-            key.subkeys.inOrderOfCreation([&](const KeyRef& subkey) {
-                longestSubkey = std::max(longestSubkey, subkey->component.size());
+            key.subkeys.inOrderOfCreation([&](const RegKey& subkey) {
+                longestSubkey = std::max(longestSubkey, subkey.component.size());
             });
             size_t longestName = 0;
             size_t longestData = 0;

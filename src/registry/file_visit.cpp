@@ -17,7 +17,7 @@ class LineTeller {
     explicit LineTeller(RegFileVisitor& visitor) : visitor_(visitor) {}
 
     void tell(DWORD number, std::string_view line) {
-        const RegistryLine parsed = parseLine(line, value_, /*wantsDefects=*/true);
+        const RegistryLine parsed = parseLine(line, /*wantsDefects=*/true);
         if (parsed.defect != nullptr) visitor_.onDefect(number, parsed.defect);
         if (parsed.kind == Kind::Key) {
             hasKey_ = true;
@@ -25,13 +25,13 @@ class LineTeller {
         } else if (parsed.kind == Kind::Value && !hasKey_) {
             visitor_.onDefect(number, "a value before any key");
         } else if (parsed.kind == Kind::Value) {
-            visitor_.onValue(number, {value_.name, value_.type, value_.data});
+            const auto& [type, name, data] = parsed.value;
+            visitor_.onValue(number, {std::string(name), type, std::string(data)});
         }
     }
 
   private:
     RegFileVisitor& visitor_;
-    RegValue value_;
     bool hasKey_ = false;
 };
 

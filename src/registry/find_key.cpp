@@ -27,9 +27,9 @@ bool isLast(std::string_view rest) {
 /// excepted.
 class Walker {
   public:
-    Walker(RegKey& start, std::string_view path, Walk walk,
+    Walker(RegKey& start, std::string_view path, size_t passed, Walk walk,
            LONG sequence) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS : path_(path),
-                                                                 rest_(path),
+                                                                 rest_(path.substr(passed)),
                                                                  walk_(walk),
                                                                  sequence_(sequence),
                                                                  key_(&start) {
@@ -44,9 +44,10 @@ class Walker {
         if (component.empty() || key_->isDead()) return {};
         if (walk_ == Walk::Create && sequence_ == -1) sequence_ = GetUniqueKey();
         for (; !component.empty(); component = takeComponent(rest_)) {
-            RegKey* next = key_->findSubkey(component);
+            const HashedName name(component);
+            RegKey* next = key_->subkeys.find(name);
             const bool made = next == nullptr;
-            if (made) next = make(component);
+            if (made) next = make(name);
             if (next == nullptr) return {};
             next->lock.lock();
             key_->lock.unlock();
@@ -62,14 +63,14 @@ class Walker {
 
   private:
     /// Null when nothing is to be made.
-    RegKey* make(std::string_view component) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+    RegKey* make(HashedName name) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
         if (walk_ == Walk::LookUp) return nullptr;
-        const bool ignored = key_->ignoresInFile(component);
+        const bool ignored = key_->ignoresInFile(name.name.text());
         const bool fromFile = walk_ == Walk::FromFile;
         if (fromFile && ignored) return nullptr;
         if (fromFile) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
         const CKZString fullName = normalizedPath(path_);
-        return &key_->addSubkey(component, {.fullName = fullName,
+        return &key_->addSubkey(name, {.fullName = fullName,
                                             .sequence = sequence_,
                                             .implicit = !isLast(rest_),
                                             .fromFile = fromFile,
@@ -97,8 +98,18 @@ class Walker {
 }  // namespace
 
 FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence) {
-    Walker walker(start, path, walk, sequence);
+    return FindKeyBehind(start, path, 0, walk, sequence);
+}
+
+FoundKey FindKeyBehind(RegKey& start, std::string_view path, size_t passed, Walk walk, LONG sequence) {
+    Walker walker(start, path, passed, walk, sequence);
     return walker.run();
+}
+
+size_t depthOf(std::string_view path) {
+    size_t depth = 0;
+    while (!takeComponent(path).empty()) ++depth;
+    return depth;
 }
 
 CKZString normalizedPath(std::string_view path) {

@@ -23,8 +23,14 @@ struct FoundKey {
 /// Walks `path` from `start`, components separated by backslashes (several count as one), letter case ignored;
 /// without a component, and from a dead key, it leads nowhere. Locks hand over hand, from there down; none is held
 /// on return, so that the key found may be dead by the time it is locked. Only a walk from the root makes keys:
-/// they get `sequence`; with -1 the walk draws one, which all keys that it makes share.
+/// they get `sequence`, and the whole path as their name; with -1 the walk draws one, which all keys that it makes share.
 FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence = -1);
+
+/// The same walk along the part of `path` behind its first `passed` characters, which lead from the root to `start`.
+FoundKey FindKeyBehind(RegKey& start, std::string_view path, size_t passed, Walk walk, LONG sequence = -1);
+
+/// How many components a path has.
+size_t depthOf(std::string_view path);
 
 /// `path` with single backslashes, and none at its ends.
 CKZString normalizedPath(std::string_view path);

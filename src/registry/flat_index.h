@@ -15,9 +15,13 @@ class FlatIndex {
 
     template <class Matches>
     Item* find(std::uint32_t hash, Matches matches) const {
-        const std::uint32_t at = slotOf(hash, matches);
-        return at != kNone ? slots_[at].item : nullptr;
+        if (capacity_ == 0) return nullptr;
+        for (std::uint32_t at = hash & (capacity_ - 1); slots_[at].item != nullptr; at = next(at))
+            if (slots_[at].hash == hash && matches(*slots_[at].item)) return slots_[at].item;
+        return nullptr;
     }
+
+    void prefetch() const { __builtin_prefetch(slots_.get()); }
 
     /// The item must not be in the table.
     void insert(std::uint32_t hash, Item* item) {
@@ -26,16 +30,10 @@ class FlatIndex {
         ++size_;
     }
 
-    /// Puts `item` in the place of the one that matches, which must be there.
-    template <class Matches>
-    void replace(std::uint32_t hash, Matches matches, Item* item) {
-        slots_[slotOf(hash, matches)].item = item;
-    }
-
-    template <class Matches>
-    void erase(std::uint32_t hash, Matches matches) {
-        std::uint32_t hole = slotOf(hash, matches);
-        if (hole == kNone) return;
+    /// Takes an item of the table out.
+    void erase(std::uint32_t hash, const Item* item) {
+        std::uint32_t hole = hash & (capacity_ - 1);
+        while (slots_[hole].item != item) hole = next(hole);
         --size_;
         // What was pushed past the hole moves back, so that no search ends too early.
         for (std::uint32_t at = next(hole); slots_[at].item != nullptr; at = next(at)) {
@@ -52,18 +50,9 @@ class FlatIndex {
         std::uint32_t hash = 0;
         Item* item = nullptr;
     };
-    static constexpr std::uint32_t kNone = 0xFFFFFFFF;
     static constexpr std::uint32_t kFirstCapacity = 4;  // a power of two, as all are
 
     std::uint32_t next(std::uint32_t at) const { return (at + 1) & (capacity_ - 1); }
-
-    template <class Matches>
-    std::uint32_t slotOf(std::uint32_t hash, Matches matches) const {
-        if (capacity_ == 0) return kNone;
-        for (std::uint32_t at = hash & (capacity_ - 1); slots_[at].item != nullptr; at = next(at))
-            if (slots_[at].hash == hash && matches(*slots_[at].item)) return at;
-        return kNone;
-    }
 
     void place(Slot slot) {
         std::uint32_t at = slot.hash & (capacity_ - 1);

@@ -17,15 +17,14 @@ std::vector<RegKey*>& lockedKeys() {
 
 }  // namespace
 
-// The natives, because the check of the lock order is made for a few locks and not for a whole tree of them.
 void lockTreeForFork() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
-    pthread_mutex_lock(RegKey::root().lock.native());
+    RegKey::root().lock.lockUnchecked();
     std::vector<RegKey*>& keys = lockedKeys();
     keys.assign(1, &RegKey::root());
     for (size_t next = 0; next < keys.size(); ++next) {
-        keys[next]->subkeys.inOrderOfCreation([&](const KeyRef& subkey) {
-            pthread_mutex_lock(subkey->lock.native());
-            keys.push_back(subkey.get());
+        keys[next]->subkeys.inOrderOfCreation([&](RegKey& subkey) {
+            subkey.lock.lockUnchecked();
+            keys.push_back(&subkey);
         });
     }
     lockKeyNumbersForFork();
@@ -35,11 +34,11 @@ void unlockTreeAfterFork() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
     unlockKeyNumbersAfterFork();
     std::vector<RegKey*>& keys = lockedKeys();
     while (keys.size() > 1) {
-        pthread_mutex_unlock(keys.back()->lock.native());
+        keys.back()->lock.unlockUnchecked();
         keys.pop_back();
     }
     keys.clear();
-    pthread_mutex_unlock(RegKey::root().lock.native());
+    RegKey::root().lock.unlockUnchecked();
 }
 
 }  // namespace traiklofox::registry

@@ -8,7 +8,9 @@
 /// locale that the process had when the registry was first used. Refers to the text, which must stay where it is.
 class CKZStringPc {
   public:
-    CKZStringPc(std::string_view text) : text_(text) {}
+    explicit CKZStringPc(std::string_view text) : text_(text) {}
+
+    std::string_view text() const { return text_; }
 
     std::uint32_t hash() const {
         std::uint32_t hash = 2166136261U;  // FNV-1a
@@ -19,7 +21,7 @@ class CKZStringPc {
     friend bool operator==(CKZStringPc left, CKZStringPc right) {
         if (left.text_.size() != right.text_.size()) return false;
         for (size_t i = 0; i < left.text_.size(); ++i)
-            if (fold(left.text_[i]) != fold(right.text_[i])) return false;
+            if (left.text_[i] != right.text_[i] && fold(left.text_[i]) != fold(right.text_[i])) return false;
         return true;
     }
 
@@ -34,10 +36,25 @@ class CKZStringPc {
     }
 
     /// The byte in lower case.
-    static unsigned char fold(char character) { return table()[static_cast<unsigned char>(character)]; }
+    static unsigned char fold(char character) { return lower_[static_cast<unsigned char>(character)]; }
+
+    /// Takes the letters of the process's present locale. Before the first name is looked up, and never again.
+    static void takeLocale();
 
   private:
-    static const std::array<unsigned char, 256>& table();
+    static std::array<unsigned char, 256> lower_;
 
     std::string_view text_;
 };
+
+namespace traiklofox::registry {
+
+/// A name with its hash, for those who look it up and then, perhaps, add it.
+struct HashedName {
+    explicit HashedName(std::string_view text) : name(text), hash(name.hash()) {}
+
+    CKZStringPc name;
+    std::uint32_t hash;
+};
+
+}  // namespace traiklofox::registry

@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "foundation/mutex.h"
+#include "foundation/small_mutex.h"
 
 namespace traiklofox::registry {
 
@@ -12,7 +13,7 @@ namespace {
 
 using foundation::LockGuard;
 
-constinit foundation::Mutex<foundation::LockRank::KeyNumbers> AllKeysLock;
+constinit foundation::SmallMutex<foundation::LockRank::KeyNumbers> AllKeysLock;
 
 /// How many keys have a number. Never destroyed: the tree outlives every exit.
 std::unordered_map<LONG, int>& AllKeysSet() TRAIKLOFOX_REQUIRES(AllKeysLock) {

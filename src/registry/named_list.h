@@ -1,8 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <iterator>
-#include <list>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -12,83 +10,105 @@
 
 namespace traiklofox::registry {
 
-/// Items in the order of their creation, found by name with letter case ignored. Items stay where they are until
-/// they are erased. `NameOf` gives an item's name.
+/// An item's place among those of its list.
+template <class Item>
+struct Listed {
+    Item* previous = nullptr;
+    Item* next = nullptr;
+};
+
+/// Items in the order of their creation, found by name with letter case ignored. The list owns its items, which stay
+/// where they are until they are taken out. `Traits` says of an item:
+///
+///     using Owner            what owns one outside of the list, with `get` and `release`
+///     Owner adopt(Item*)     the counterpart of `release`
+///     string_view name(const Item&)
+///     Listed<Item>& listed(Item&)
 ///
 /// A walk by index that goes one step at a time costs one step each time: the place of the last request is kept.
-template <class Item, class NameOf>
+template <class Item, class Traits>
 class NamedList {
-    struct Node {
-        Item item;
-        typename std::list<Node>::iterator self;
-    };
-
   public:
-    size_t size() const { return nodes_.size(); }
-    bool empty() const { return nodes_.empty(); }
+    using Owner = typename Traits::Owner;
 
-    Item* find(std::string_view name) const {
-        Node* found = nodeOf(name);
-        return found != nullptr ? &found->item : nullptr;
+    NamedList() = default;
+    NamedList(const NamedList&) = delete;
+    NamedList& operator=(const NamedList&) = delete;
+    ~NamedList() {
+        takeAll([](Owner) {});
     }
 
-    /// Appends an item whose name is not in the list.
-    Item& append(Item item) {
-        if (nodes_.empty()) sorted_ = true;
-        const std::string_view last = nodes_.empty() ? std::string_view() : nameOf(nodes_.back());
-        nodes_.push_back({std::move(item), {}});
-        Node& node = nodes_.back();
-        node.self = std::prev(nodes_.end());
-        index_.insert(CKZStringPc(nameOf(node)).hash(), &node);
-        if (CKZStringPc(nameOf(node)) < CKZStringPc(last)) sorted_ = false;
+    size_t size() const { return index_.size(); }
+    bool empty() const { return first_ == nullptr; }
+
+    Item* find(std::string_view name) const { return find(HashedName(name)); }
+    Item* find(HashedName wanted) const {
+        return index_.find(wanted.hash, [&](const Item& item) { return nameOf(item) == wanted.name; });
+    }
+
+    /// Has the processor fetch what the next `find` will look at first.
+    void prefetch() const { index_.prefetch(); }
+
+    /// Appends an item whose name, of this hash, is not in the list.
+    Item& append(Owner owner, std::uint32_t hash) {
+        Item& item = *owner.get();
+        const CKZStringPc name = nameOf(item);
+        index_.insert(hash, &item);
+        if (empty())
+            sorted_ = true;
+        else if (name < nameOf(*last_))
+            sorted_ = false;
         order_.clear();
-        return node.item;
+        Traits::listed(item) = {.previous = last_, .next = nullptr};
+        (empty() ? first_ : Traits::listed(*last_).next) = &item;
+        last_ = owner.release();
+        return item;
     }
 
-    /// Takes an item out, which must be there.
-    Item take(std::string_view name) {
-        Node& node = *nodeOf(name);
-        index_.erase(CKZStringPc(name).hash(), [&](const Node& other) { return &other == &node; });
-        Item taken = std::move(node.item);
-        forgetPlaces();
-        nodes_.erase(node.self);
-        return taken;
+    /// Takes an item of the list out.
+    Owner take(Item& item) {
+        index_.erase(nameOf(item).hash(), &item);
+        return unlink(item);
     }
 
     template <class Predicate>
     size_t eraseIf(Predicate predicate) {
         size_t erased = 0;
-        for (auto node = nodes_.begin(); node != nodes_.end();) {
-            if (!predicate(node->item)) {
-                ++node;
-                continue;
+        for (Item* item = first_; item != nullptr;) {
+            Item* const next = Traits::listed(*item).next;
+            if (predicate(*item)) {
+                (void)take(*item);
+                ++erased;
             }
-            index_.erase(CKZStringPc(nameOf(*node)).hash(),
-                         [&](const Node& other) { return &other == &*node; });
-            node = nodes_.erase(node);
-            ++erased;
+            item = next;
         }
-        if (erased > 0) forgetPlaces();
         return erased;
+    }
+
+    /// Empties the list, handing on each item.
+    template <class Visit>
+    void takeAll(Visit visit) {
+        index_ = {};
+        while (!empty()) visit(unlink(*first_));
     }
 
     /// The `index`-th item in the order of creation; null past the end.
     Item* at(size_t index) {
-        if (index >= nodes_.size()) return nullptr;
-        const auto node = index == nextIndex_ ? next_ : std::next(nodes_.begin(), static_cast<int>(index));
+        if (index >= size()) return nullptr;
+        Item* item = nextRequest_;
+        if (index != nextIndex_ || item == nullptr) {
+            item = first_;
+            for (size_t step = 0; step < index; ++step) item = Traits::listed(*item).next;
+        }
         // A step past the end is not kept: an item appended later would be missed.
-        next_ = std::next(node);
-        nextIndex_ = next_ != nodes_.end() ? index + 1 : kNone;
-        return &node->item;
+        nextRequest_ = Traits::listed(*item).next;
+        nextIndex_ = index + 1;
+        return item;
     }
 
     template <class Visit>
-    void inOrderOfCreation(Visit visit) {
-        for (Node& node : nodes_) visit(node.item);
-    }
-    template <class Visit>
     void inOrderOfCreation(Visit visit) const {
-        for (const Node& node : nodes_) visit(node.item);
+        for (Item* item = first_; item != nullptr; item = Traits::listed(*item).next) visit(*item);
     }
 
     /// The items by name. That of a file that was read is the order of creation too; otherwise it is found once, and
@@ -100,36 +120,33 @@ class NamedList {
             return;
         }
         if (order_.empty()) {
-            order_.reserve(nodes_.size());
-            for (Node& node : nodes_) order_.push_back(&node);
-            std::sort(order_.begin(), order_.end(), [](const Node* left, const Node* right) {
-                return CKZStringPc(nameOf(*left)) < CKZStringPc(nameOf(*right));
-            });
+            order_.reserve(size());
+            inOrderOfCreation([&](Item& item) { order_.push_back(&item); });
+            std::sort(order_.begin(), order_.end(),
+                      [](const Item* left, const Item* right) { return nameOf(*left) < nameOf(*right); });
         }
-        for (Node* node : order_) visit(node->item);
+        for (Item* item : order_) visit(*item);
     }
 
   private:
-    static constexpr size_t kNone = static_cast<size_t>(-1);
+    static CKZStringPc nameOf(const Item& item) { return CKZStringPc(Traits::name(item)); }
 
-    static std::string_view nameOf(const Node& node) { return NameOf{}(node.item); }
-
-    Node* nodeOf(std::string_view name) const {
-        return index_.find(CKZStringPc(name).hash(),
-                           [&](const Node& node) { return CKZStringPc(nameOf(node)) == CKZStringPc(name); });
-    }
-
-    void forgetPlaces() {
-        nextIndex_ = kNone;
+    Owner unlink(Item& item) {
+        const auto [previous, next] = Traits::listed(item);
+        (previous != nullptr ? Traits::listed(*previous).next : first_) = next;
+        (next != nullptr ? Traits::listed(*next).previous : last_) = previous;
+        nextRequest_ = nullptr;
         order_.clear();
+        return Traits::adopt(&item);
     }
 
-    std::list<Node> nodes_;
-    FlatIndex<Node> index_;
-    std::vector<Node*> order_;  // by name; empty: to be found
+    FlatIndex<Item> index_;
+    Item* first_ = nullptr;
+    Item* last_ = nullptr;
+    Item* nextRequest_ = nullptr;  // the item of nextIndex_; null: to be found
+    size_t nextIndex_ = 0;
+    std::vector<Item*> order_;  // by name; empty: to be found
     bool sorted_ = true;        // the order of creation is that of the names
-    size_t nextIndex_ = kNone;
-    typename std::list<Node>::iterator next_{};
 };
 
 }  // namespace traiklofox::registry

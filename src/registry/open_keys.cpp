@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "foundation/mutex.h"
+#include "foundation/small_mutex.h"
 #include "registry/flat_index.h"
 #include "registry/key_numbers.h"
 
@@ -11,7 +13,7 @@ namespace {
 
 using foundation::LockGuard;
 
-constinit foundation::Mutex<foundation::LockRank::OpenKeys> openKeysLock;
+constinit foundation::SmallMutex<foundation::LockRank::OpenKeys> openKeysLock;
 
 /// The open keys by number. A key's own entry is in the key, so that opening one allocates nothing.
 FlatIndex<RegKey>& OpenKeyMap() TRAIKLOFOX_REQUIRES(openKeysLock) {
@@ -62,7 +64,7 @@ KeyRef closeHandle(HKEY handle) {
     RegKey* key = findLocked(handle);
     if (key == nullptr) return KeyRef();
     if (--key->open.count > 0) return KeyRef(key);
-    OpenKeyMap().erase(hashOf(key->open.number), [=](const RegKey& other) { return &other == key; });
+    OpenKeyMap().erase(hashOf(key->open.number), key);
     return std::move(key->open.self);
 }
 

@@ -17,7 +17,7 @@ std::vector<KeyRef> allKeys() {
     for (size_t next = 0; next < keys.size(); ++next) {
         const KeyRef key = keys[next];
         const LockGuard guard(key->lock);
-        key->subkeys.inOrderOfCreation([&](const KeyRef& subkey) { keys.push_back(subkey); });
+        key->subkeys.inOrderOfCreation([&](RegKey& subkey) { keys.emplace_back(&subkey); });
     }
     return keys;
 }

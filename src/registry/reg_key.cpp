@@ -50,22 +50,13 @@ void appendKeyLine(std::string& text, std::string_view name, LONG number) {
 
 }  // namespace
 
-KeyRef::KeyRef(RegKey* key) : key_(key) {
-    if (key_ != nullptr) key_->references_.fetch_add(1, std::memory_order_relaxed);
-}
-
-KeyRef::~KeyRef() {
+void KeyRef::destroy(RegKey* key) {
     // A key that dies last lets its parent go, which may die in turn: a loop, since a path may be deep.
-    RegKey* key = key_;
-    while (key != nullptr && key->references_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        RegKey* up = std::exchange(key->parent_.key_, nullptr);
+    do {
+        RegKey* up = key->parent_.release();
         delete key;
         key = up;
-    }
-}
-
-std::string_view SubkeyName::operator()(const KeyRef& key) const {
-    return key->component;
+    } while (key != nullptr && key->references_.fetch_sub(1, std::memory_order_acq_rel) == 1);
 }
 
 void WriteBatch::commit() {
@@ -93,13 +84,13 @@ constinit std::atomic<DWORD> RegKey::Generation{1};
 
 RegKey::RegKey(KeyRef parentKey, std::string_view name, const Origin& origin)
     : component(name),
-      parent_(std::move(parentKey)),
-      generation_(currentGeneration()),
       sequence_(origin.sequence),
-      fullName_(origin.fullName),
       implicit_(origin.implicit),
       unsaved_(origin.fromFile || origin.implicit ? Mark::Clean : Mark::Set),
-      shadowsFile_(origin.shadowsFile ? Mark::Set : Mark::Clean) {
+      shadowsFile_(origin.shadowsFile ? Mark::Set : Mark::Clean),
+      parent_(std::move(parentKey)),
+      generation_(currentGeneration()),
+      fullName_(origin.fullName) {
     useKeyNumber(sequence_);
 }
 
@@ -141,13 +132,8 @@ void RegKey::becomeExplicit(std::string_view name) {
     fullName_.assign(name);
 }
 
-RegKey* RegKey::findSubkey(std::string_view name) {
-    KeyRef* found = subkeys.find(name);
-    return found != nullptr ? found->get() : nullptr;
-}
-
-RegKey& RegKey::addSubkey(std::string_view name, const Origin& origin) {
-    return *subkeys.append(KeyRef(new RegKey(KeyRef(this), name, origin)));
+RegKey& RegKey::addSubkey(HashedName name, const Origin& origin) {
+    return subkeys.append(KeyRef(new RegKey(KeyRef(this), name.name.text(), origin)), name.hash);
 }
 
 bool RegKey::wasDeleted(DeletedNames Deletions::*names, std::string_view name) const {
@@ -163,56 +149,52 @@ RegKey::Deletions& RegKey::deletions() {
     return *deletions_;
 }
 
-void RegKey::SetValue(RegValue value, bool& changed, bool fromFile) {
+void RegKey::SetValue(const ValueText& value, bool& changed, bool fromFile) {
     changed = false;
-    RegValue* present = values.find(value.name);
-    if (present != nullptr && *present == value) {
-        present->generation = currentGeneration();
+    const HashedName name(value.name);
+    StoredValue* stored = values.find(name);
+    if (stored != nullptr && (*stored == value || (fromFile && stored->dirty != Mark::Clean))) {
+        stored->generation = currentGeneration();
         return;
     }
-    if (fromFile) {
-        if (present != nullptr && present->dirty != Mark::Clean) {
-            present->generation = currentGeneration();
-            return;
-        }
-        if (present == nullptr && (shadowsFile_ != Mark::Clean || wasDeleted(&Deletions::values, value.name)))
-            return;
-    } else {
-        if (implicit_) {
-            becomeExplicit(place());
-            unsaved_ = Mark::Set;
-        }
-        value.dirty = Mark::Set;
-    }
-    value.generation = currentGeneration();
-    changed = true;
-    if (present == nullptr)
-        values.append(std::move(value));
+    if (fromFile && stored == nullptr &&
+        (shadowsFile_ != Mark::Clean || wasDeleted(&Deletions::values, value.name)))
+        return;
+    if (stored == nullptr)
+        stored = &values.append(std::make_unique<StoredValue>(value), name.hash);
     else
-        *present = std::move(value);  // the same name but for its letter case
+        stored->assign(value);
+    stored->generation = currentGeneration();
+    changed = true;
+    if (fromFile) return;
+    stored->dirty = Mark::Set;
+    if (implicit_) {
+        becomeExplicit(place());
+        unsaved_ = Mark::Set;
+    }
 }
 
 bool RegKey::DeleteValue(std::string_view name) {
-    if (values.find(name) == nullptr) return false;
-    (void)values.take(name);
+    StoredValue* stored = values.find(name);
+    if (stored == nullptr) return false;
     deletions().values[lowered(name)] = Mark::Set;
+    (void)values.take(*stored);
     return true;
 }
 
-KeyRef RegKey::takeSubkey(std::string_view name) {
-    KeyRef* found = subkeys.find(name);
-    if (found == nullptr) return KeyRef();
+KeyRef RegKey::takeSubkey(RegKey& subkey) {
     {
-        const LockGuard guard((*found)->lock);
-        (*found)->dead_ = true;
+        const LockGuard guard(subkey.lock);
+        subkey.dead_ = true;
     }
-    return subkeys.take(name);
+    return subkeys.take(subkey);
 }
 
 KeyRef RegKey::deleteSubkey(std::string_view name) {
-    KeyRef taken = takeSubkey(name);
-    if (taken) deletions().subkeys[lowered(name)] = Mark::Set;
-    return taken;
+    RegKey* subkey = subkeys.find(name);
+    if (subkey == nullptr) return KeyRef();
+    deletions().subkeys[lowered(name)] = Mark::Set;
+    return takeSubkey(*subkey);
 }
 
 void RegKey::dismantle(KeyRef removed) {
@@ -221,11 +203,9 @@ void RegKey::dismantle(KeyRef removed) {
     while (!left.empty()) {
         const KeyRef key = std::move(left.back());
         left.pop_back();
-        Subkeys below;
         const LockGuard guard(key->lock);
         key->dead_ = true;
-        std::swap(below, key->subkeys);
-        below.inOrderOfCreation([&](KeyRef& subkey) { left.push_back(std::move(subkey)); });
+        key->subkeys.takeAll([&](KeyRef subkey) { left.push_back(std::move(subkey)); });
     }
 }
 
@@ -233,11 +213,11 @@ KeyRef RegKey::purgeSubkey(RegKey& subkey) {
     {
         const LockGuard guard(subkey.lock);
         if (subkey.dead_ || !subkey.purge()) return KeyRef();
-        if (findSubkey(subkey.component) != &subkey) return KeyRef();  // this key is being dismantled itself
+        if (subkeys.find(subkey.component) != &subkey) return KeyRef();  // this key is being dismantled itself
         subkey.dead_ = true;
     }
     changeCount.fetch_add(1, std::memory_order_acq_rel);
-    return subkeys.take(subkey.component);
+    return subkeys.take(subkey);
 }
 
 /// Removes stale values. Returns true when nothing keeps the key.

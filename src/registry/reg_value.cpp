@@ -1,5 +1,6 @@
 #include "registry/reg_value.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <utility>
@@ -55,8 +56,28 @@ std::string_view typeWord(DWORD type) {
     return {};
 }
 
+std::optional<ValueText> parseValueLine(std::string_view line) {
+    const size_t colon = line.find(':');
+    if (colon == line.npos) return std::nullopt;
+    const size_t semicolon = line.find(';', colon);
+    if (semicolon == line.npos) return std::nullopt;
+
+    size_t word = skipBlanks(line, semicolon + 1);
+    // Data written with a ";" in them are cut there; what follows still ends in a tab and the type word.
+    if (line.find(';', word) != line.npos) {
+        const size_t tab = line.rfind('\t');
+        if (tab != line.npos && tab > semicolon) word = tab + 1;
+    }
+    const DWORD type = typeOf(line.substr(word));
+    if (type == REG_NONE) return std::nullopt;
+
+    const size_t start = std::min(skipBlanks(line, colon + 1), semicolon);
+    return ValueText{type, line.substr(0, colon), line.substr(start, semicolon - start)};
+}
+
 }  // namespace traiklofox::registry
 
+using traiklofox::viewOf;
 using namespace traiklofox::registry;
 
 RegValue::RegValue(DWORD newType, CKZString newName, CKZString newData)
@@ -69,32 +90,10 @@ void RegValue::SetValues(DWORD newType, CKZString newName, CKZString newData) {
 }
 
 int RegValue::FormatValue(const char* line) {
-    return line != nullptr && FormatValue(std::string_view(line));
-}
-
-bool RegValue::FormatValue(std::string_view line) {
-    const size_t colon = line.find(':');
-    if (colon == line.npos) return false;
-    const size_t semicolon = line.find(';', colon);
-    if (semicolon == line.npos) return false;
-
-    size_t word = skipBlanks(line, semicolon + 1);
-    // Data written with a ";" in them are cut there; what follows still ends in a tab and the type word.
-    if (line.find(';', word) != line.npos) {
-        const size_t tab = line.rfind('\t');
-        if (tab != line.npos && tab > semicolon) word = tab + 1;
-    }
-    const DWORD lineType = typeOf(line.substr(word));
-    if (lineType == REG_NONE) return false;
-
-    const size_t start = skipBlanks(line, colon + 1);
-    type = lineType;
-    name.assign(line, 0, colon);
-    if (start < semicolon)
-        data.assign(line, start, semicolon - start);
-    else
-        data.clear();
-    return true;
+    const auto parsed = parseValueLine(viewOf(line));
+    if (!parsed) return 0;
+    SetValues(parsed->type, std::string(parsed->name), std::string(parsed->data));
+    return 1;
 }
 
 void RegValue::appendLine(std::string& text) const {

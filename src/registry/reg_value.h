@@ -5,6 +5,7 @@
 #include <traiklofox/registry.h>
 #include <traiklofox/strings.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,16 @@ enum class Mark : unsigned char {
 /// The words for the three types that the file holds; empty for any other type.
 std::string_view typeWord(DWORD type);
 
+/// A value as it stands in somebody else's text.
+struct ValueText {
+    DWORD type = REG_NONE;
+    std::string_view name;
+    std::string_view data;  // in the file's text form
+};
+
+/// Takes one value line of the file apart; nothing when it is not a well-formed one.
+std::optional<ValueText> parseValueLine(std::string_view line);
+
 }  // namespace traiklofox::registry
 
 class RegValue {
@@ -38,7 +49,6 @@ class RegValue {
     /// Takes the value from one value line of the file. Returns 1, or 0 when it is not a well-formed one, and
     /// then changes nothing.
     int FormatValue(const char* line);
-    bool FormatValue(std::string_view line);
 
     /// Appends the value's line, with its line feed.
     void appendLine(std::string& text) const;
@@ -48,9 +58,14 @@ class RegValue {
 
     bool writable() const { return !traiklofox::registry::typeWord(type).empty(); }
 
-    friend bool operator==(const RegValue& left, const RegValue& right) {
-        return left.type == right.type && left.name == right.name && left.data == right.data;
+    traiklofox::registry::ValueText text() const { return {type, name, data}; }
+
+    friend bool operator==(const RegValue& left, const traiklofox::registry::ValueText& right) {
+        return left.type == right.type && left.name.size() == right.name.size() &&
+               left.data.size() == right.data.size() && std::string_view(left.name) == right.name &&
+               std::string_view(left.data) == right.data;
     }
+    friend bool operator==(const RegValue& left, const RegValue& right) { return left == right.text(); }
 
     DWORD generation = 0;  // of the read that last set or confirmed it
     DWORD type = REG_NONE;

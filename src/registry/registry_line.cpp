@@ -70,7 +70,7 @@ const char* defectOfValue(std::string_view line) {
 
 }  // namespace
 
-RegistryLine parseLine(std::string_view line, RegValue& value, bool wantsDefects) {
+RegistryLine parseLine(std::string_view line, bool wantsDefects) {
     const size_t nul = line.find('\0');
     const bool cut = nul != line.npos;
     line = line.substr(0, nul);
@@ -79,8 +79,9 @@ RegistryLine parseLine(std::string_view line, RegValue& value, bool wantsDefects
         parsed.kind = Kind::Nothing;
     } else if (line.find(kRootWord) != line.npos) {
         parsed = parseKey(line, wantsDefects);
-    } else if (value.FormatValue(line)) {
+    } else if (const auto value = parseValueLine(line)) {
         parsed.kind = Kind::Value;
+        parsed.value = *value;
         if (wantsDefects) parsed.defect = defectOfValue(line);
     } else {
         parsed.kind = Kind::Malformed;

@@ -12,17 +12,18 @@ struct RegistryLine {
     enum class Kind {
         Nothing,    // empty, or a comment
         Key,        // `keyName` and `number`
-        Value,      // the value that parseLine was given
+        Value,      // `value`
         Malformed,  // ignored by the reader
     };
     Kind kind = Kind::Nothing;
     std::string_view keyName;
     LONG number = 0;
+    ValueText value;
     const char* defect = nullptr;  // what is ignored, cut or taken otherwise than it looks; null for nothing
 };
 
-/// Takes one line, without its line feed, apart. `value` is filled by a value line; `wantsDefects` asks for those
-/// of lines that are used all the same, which the reader does not care for.
-RegistryLine parseLine(std::string_view line, RegValue& value, bool wantsDefects = false);
+/// Takes one line, without its line feed, apart: what is returned refers to it. `wantsDefects` asks for those of
+/// lines that are used all the same, which the reader does not care for.
+RegistryLine parseLine(std::string_view line, bool wantsDefects = false);
 
 }  // namespace traiklofox::registry

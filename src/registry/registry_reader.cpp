@@ -7,6 +7,7 @@
 #include <traiklofox/file_lock.h>
 #include <traiklofox/registry.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -27,23 +28,41 @@ constexpr int kReadMode = FileLock::in | FileLock::nocreate;
 class TreeReader {
   public:
     void take(std::string_view line) {
-        const RegistryLine parsed = parseLine(line, value_);
+        const RegistryLine parsed = parseLine(line);
         if (parsed.kind == RegistryLine::Kind::Key)
-            key_ = FindKey(RegKey::root(), parsed.keyName, Walk::FromFile, parsed.number).key;
+            takeKey(parsed.keyName, parsed.number);
         else if (parsed.kind == RegistryLine::Kind::Value && key_)
-            takeValue();
+            takeValue(parsed.value);
     }
 
   private:
-    void takeValue() {
+    void takeKey(std::string_view name, LONG number) {
+        KeyRef found = findFromLast(name, number);
+        key_ = found ? std::move(found) : FindKey(RegKey::root(), name, Walk::FromFile, number).key;
+        name_.assign(name);
+    }
+
+    /// Most keys are near the one before them in the file: the walk goes up to where their paths part, and down from
+    /// there. Null when that leads nowhere.
+    KeyRef findFromLast(std::string_view name, LONG number) {
+        if (!key_) return KeyRef();
+        const auto parting = std::mismatch(name_.begin(), name_.end(), name.begin(), name.end()).second;
+        const size_t slash = name.substr(0, static_cast<size_t>(parting - name.begin())).rfind('\\');
+        if (slash == name.npos) return KeyRef();
+        RegKey* start = key_.get();
+        for (size_t up = depthOf(std::string_view(name_).substr(slash)); up > 0; --up) start = start->parent();
+        return FindKeyBehind(*start, name, slash, Walk::FromFile, number).key;
+    }
+
+    void takeValue(const ValueText& value) {
         const foundation::LockGuard guard(key_->lock);
         bool changed = false;
-        key_->SetValue(value_, changed, /*fromFile=*/true);
+        key_->SetValue(value, changed, /*fromFile=*/true);
         if (changed) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
     }
 
-    KeyRef key_;      // that of the last key line; null before the first, and below one that was deleted here
-    RegValue value_;  // reused, for its buffers
+    KeyRef key_;  // that of the last key line; null before the first, and below one that was deleted here
+    std::string name_;  // its path
 };
 
 /// Says that the file cannot be read beyond `line`; `error` is 0 when the line is too long. A file that stays

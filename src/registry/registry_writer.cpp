@@ -70,7 +70,7 @@ bool printTree(FileLock& file, WriteBatch& batch) {
             if (key->isDead()) continue;
             key->print(text, batch);
             const size_t before = left.size();
-            key->subkeys.inOrderOfNames([&](const KeyRef& subkey) { left.push_back(subkey); });
+            key->subkeys.inOrderOfNames([&](RegKey& subkey) { left.emplace_back(&subkey); });
             std::reverse(left.begin() + static_cast<std::ptrdiff_t>(before),
                          left.end());  // the first is next
         }

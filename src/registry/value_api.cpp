@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "registry/name_rules.h"
@@ -21,16 +22,16 @@ bool isWritable(HKEY handle) {
 }
 
 /// Sets values that have been checked, under the key's lock.
-LONG setValues(RegKey& key, std::vector<RegValue>& values) TRAIKLOFOX_REQUIRES(key.lock) {
-    for (RegValue& value : values) {
+LONG setValues(RegKey& key, std::span<const RegValue> values) TRAIKLOFOX_REQUIRES(key.lock) {
+    for (const RegValue& value : values) {
         bool changed = false;
-        key.SetValue(std::move(value), changed, /*fromFile=*/false);
+        key.SetValue(value.text(), changed, /*fromFile=*/false);
         if (changed) key.noteChange();
     }
     return ERROR_SUCCESS;
 }
 
-LONG setValues(const char* function, HKEY handle, std::vector<RegValue> values) {
+LONG setValues(const char* function, HKEY handle, std::span<const RegValue> values) {
     for (const RegValue& value : values)
         if (!valueCanBeWritten(function, value)) return kRegistryFailure;
     return onOpenKey(handle,
@@ -62,9 +63,7 @@ LONG RegSetValueEx(HKEY hKey, const char* lpValueName, DWORD, DWORD dwType, cons
         if (!isWritable(hKey)) return kRegistryFailure;
         RegValue value(dwType, lpValueName, "");
         if (!formDataText(dwType, lpData, cbData, value.data)) return kRegistryFailure;
-        std::vector<RegValue> values;
-        values.push_back(std::move(value));
-        return setValues("RegSetValueEx", hKey, std::move(values));
+        return setValues("RegSetValueEx", hKey, {&value, 1});
     });
 }
 
@@ -85,7 +84,7 @@ LONG RegBatchSetValueEx(HKEY hKey, std::vector<RegValueList> values) {
         checked.reserve(values.size());
         for (RegValueList& entry : values)
             checked.emplace_back(entry.type, std::move(entry.name), std::move(entry.data));
-        return setValues("RegBatchSetValueEx", hKey, std::move(checked));
+        return setValues("RegBatchSetValueEx", hKey, checked);
     });
 }
 

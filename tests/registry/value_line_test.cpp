@@ -71,7 +71,7 @@ TEST(ValueLine, PrintedAndReadIsTheSame) {
                 const std::string line = lineOf(value);
                 EXPECT_EQ(value.lineLength(), line.size());
                 RegValue read;
-                EXPECT_EQ(read.FormatValue(line), 1) << line;
+                EXPECT_EQ(read.FormatValue(line.c_str()), 1) << line;
                 EXPECT_EQ(read, value) << line;
             }
         }
@@ -86,7 +86,7 @@ TEST(ValueLine, NeverGrowsTooLongToBeReadAgain) {
         const std::string line = lineOf({REG_SZ, "n", data});
         EXPECT_LE(line.size(), kLongestLine) << slack;
         RegValue read;
-        EXPECT_EQ(read.FormatValue(line), 1) << slack;
+        EXPECT_EQ(read.FormatValue(line.c_str()), 1) << slack;
         EXPECT_EQ(read, RegValue(REG_SZ, "n", data)) << slack;
     }
 }
