@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "support/floor.h"
 #include "support/registry_installation.h"
@@ -52,9 +53,11 @@ void holdValues(std::int64_t values) {
     const size_t before = mallinfo2().uordblks;
     installation.hold(textOf(values));
     const size_t used = mallinfo2().uordblks - before;
-    std::printf("%lld values in memory: %.0f bytes each\n", static_cast<long long>(values),
-                static_cast<double>(used) / static_cast<double>(values));
     held = values;
+    static std::map<std::int64_t, size_t> told;
+    if (!std::exchange(told[values], used))
+        std::printf("%lld values in memory: %zu bytes each\n", static_cast<long long>(values),
+                    used / static_cast<size_t>(values));
 }
 
 void countBytes(benchmark::State& state) {
@@ -92,7 +95,8 @@ void readLines(benchmark::State& state) {
     RegistryInstallation& installation = RegistryInstallation::get();
     holdValues(state.range(0));
     for (auto _ : state) {
-        auto keys = std::make_unique<std::unordered_map<std::string, std::unordered_map<std::string, std::string>>>();
+        auto keys =
+            std::make_unique<std::unordered_map<std::string, std::unordered_map<std::string, std::string>>>();
         std::unordered_map<std::string, std::string>* current = nullptr;
         std::ifstream file(installation.path("tw.registry"));
         std::string line;
@@ -146,10 +150,12 @@ void putInPlace(benchmark::State& state, const std::string& text) {
     RegistryInstallation& installation = RegistryInstallation::get();
     const std::string temporary = installation.path("bench.tmp");
     const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) state.SkipWithError("short write");
+    if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        state.SkipWithError("short write");
     fsync(fd);
     close(fd);
-    if (rename(temporary.c_str(), installation.path("bench.out").c_str()) != 0) state.SkipWithError("not renamed");
+    if (rename(temporary.c_str(), installation.path("bench.out").c_str()) != 0)
+        state.SkipWithError("not renamed");
 }
 
 void writeText(benchmark::State& state) {

@@ -89,7 +89,10 @@ const Comparison kLookUp{{
     .floor = "one hash look-up and copy under one mutex",
     .floorBody = hashLookUp,
     .aim = 3,
-    .configure = [](benchmark::internal::Benchmark& it) { for (const int keys : kSizes) it.Arg(keys); },
+    .configure =
+        [](benchmark::internal::Benchmark& it) {
+            for (const int keys : kSizes) it.Arg(keys);
+        },
 }};
 
 void query(benchmark::State& state) {

@@ -1,7 +1,10 @@
 # What every target of the project is compiled with. Word size, sanitizers and compiler come from the presets.
 add_library(traiklofox_flags INTERFACE)
 target_compile_definitions(traiklofox_flags INTERFACE _GNU_SOURCE)
-target_compile_options(traiklofox_flags INTERFACE -Wall -Wextra -Wshadow -Wconversion -fno-omit-frame-pointer)
+target_compile_options(traiklofox_flags INTERFACE -Wall -Wextra -Wshadow -Wconversion)
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")  # for their reports; elsewhere it costs 32-bit code one of its few registers
+  target_compile_options(traiklofox_flags INTERFACE -fno-omit-frame-pointer)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(traiklofox_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()

@@ -7,17 +7,26 @@
 
 namespace traiklofox::bench {
 
+namespace {
+
+void appendColumn(std::string& text, const std::string& field) {
+    constexpr size_t kColumn = 22;
+    text += field;
+    if (field.size() < kColumn) text.append(kColumn - field.size(), ' ');
+    text += '\t';
+}
+
+}  // namespace
+
 std::string RegistryShape::text() const {
     const std::string top = "hkey_local_machine\\" + topKey();
     std::string text = top + ":1\n";
-    char line[256];
     for (int key = 0; key < keys; ++key) {
         text += top + "\\" + keyName(key) + ":" + std::to_string(key + 2) + "\n";
         for (int value = 0; value < valuesPerKey; ++value) {
-            const std::string name = "value" + std::to_string(value) + ":";
-            const std::string data = "some text of key " + std::to_string(key) + ";";
-            std::snprintf(line, sizeof line, "%-22s\t%-22s\tREG_SZ\n", name.c_str(), data.c_str());
-            text += line;
+            appendColumn(text, "value" + std::to_string(value) + ":");
+            appendColumn(text, "some text of key " + std::to_string(key) + ";");
+            text += "REG_SZ\n";
         }
     }
     return text;
@@ -44,7 +53,8 @@ void RegistryInstallation::hold(const std::string& text) {
 
 HKEY openOrAbort(const std::string& key) {
     HKEY handle = 0;
-    if (RegOpenKeyEx(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_ALL_ACCESS, &handle) != ERROR_SUCCESS) std::abort();
+    if (RegOpenKeyEx(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_ALL_ACCESS, &handle) != ERROR_SUCCESS)
+        std::abort();
     return handle;
 }
 

@@ -22,8 +22,8 @@ class TRAIKLOFOX_CAPABILITY("mutex") SmallMutex {
 
     void lock() TRAIKLOFOX_ACQUIRE() {
         std::int32_t free = kFree;
-        if (!word_.compare_exchange_strong(free, kTaken, std::memory_order_acquire, std::memory_order_relaxed))
-            [[unlikely]]
+        if (!word_.compare_exchange_strong(free, kTaken, std::memory_order_acquire,
+                                           std::memory_order_relaxed)) [[unlikely]]
             waitAndLock();
         noteLockAcquired(Rank, this);
     }

@@ -27,14 +27,9 @@ bool isLast(std::string_view rest) {
 /// excepted.
 class Walker {
   public:
-    Walker(RegKey& start, std::string_view path, size_t passed, Walk walk,
-           LONG sequence) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS : path_(path),
-                                                                 rest_(path.substr(passed)),
-                                                                 walk_(walk),
-                                                                 sequence_(sequence),
-                                                                 key_(&start) {
-        key_->lock.lock();
-    }
+    /// `start` is locked.
+    Walker(RegKey& start, std::string_view path, size_t passed, Walk walk, LONG sequence)
+        : path_(path), rest_(path.substr(passed)), walk_(walk), sequence_(sequence), key_(&start) {}
     ~Walker() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS { key_->lock.unlock(); }
     Walker(const Walker&) = delete;
     Walker& operator=(const Walker&) = delete;
@@ -55,6 +50,7 @@ class Walker {
             if (walk_ == Walk::FromFile) key_->stamp();
             if (isLast(rest_)) {
                 if (!made) arriveAtExisting();
+                key_->values.prefetch();  // most who open a key then ask for a value
                 return {KeyRef(key_), made};
             }
         }
@@ -71,10 +67,10 @@ class Walker {
         if (fromFile) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
         const CKZString fullName = normalizedPath(path_);
         return &key_->addSubkey(name, {.fullName = fullName,
-                                            .sequence = sequence_,
-                                            .implicit = !isLast(rest_),
-                                            .fromFile = fromFile,
-                                            .shadowsFile = ignored});
+                                       .sequence = sequence_,
+                                       .implicit = !isLast(rest_),
+                                       .fromFile = fromFile,
+                                       .shadowsFile = ignored});
     }
 
     void arriveAtExisting() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
@@ -101,7 +97,13 @@ FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence)
     return FindKeyBehind(start, path, 0, walk, sequence);
 }
 
-FoundKey FindKeyBehind(RegKey& start, std::string_view path, size_t passed, Walk walk, LONG sequence) {
+KeyRef lookUpFromLocked(RegKey& start, std::string_view path) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+    return Walker(start, path, 0, Walk::LookUp, -1).run().key;
+}
+
+FoundKey FindKeyBehind(RegKey& start, std::string_view path, size_t passed, Walk walk,
+                       LONG sequence) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+    start.lock.lock();
     Walker walker(start, path, passed, walk, sequence);
     return walker.run();
 }

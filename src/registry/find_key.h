@@ -26,7 +26,10 @@ struct FoundKey {
 /// they get `sequence`, and the whole path as their name; with -1 the walk draws one, which all keys that it makes share.
 FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence = -1);
 
-/// The same walk along the part of `path` behind its first `passed` characters, which lead from the root to `start`.
+/// A look-up from a key that is locked and not dead, whose lock it lets go.
+KeyRef lookUpFromLocked(RegKey& start, std::string_view path) TRAIKLOFOX_RELEASE(start.lock);
+
+/// The same walk as FindKey's along the part of `path` behind its first `passed` characters, which lead from the root to `start`.
 FoundKey FindKeyBehind(RegKey& start, std::string_view path, size_t passed, Walk walk, LONG sequence = -1);
 
 /// How many components a path has.

@@ -11,6 +11,7 @@ namespace traiklofox::registry {
 template <class Item>
 class FlatIndex {
   public:
+    constexpr FlatIndex() = default;
     std::uint32_t size() const { return size_; }
 
     template <class Matches>

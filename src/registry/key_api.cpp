@@ -35,12 +35,12 @@ bool isBackslashesAlone(const char* path) {
 
 /// The key that a path below a handle leads to; null when there is none. The walk starts where the handle is: its
 /// key's place is where its full name leads.
-KeyRef lookUp(HKEY hKey, const char* subKey) {
+KeyRef lookUp(HKEY hKey, const char* subKey) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
     if (hKey == HKEY_LOCAL_MACHINE)
         return FindKey(RegKey::root(), RegFormatKey(subKey, hKey), Walk::LookUp).key;
-    KeyRef start = keyOf(hKey);
-    if (!start || isBackslashesAlone(subKey)) return start;
-    return FindKey(*start, subKey, Walk::LookUp).key;
+    if (isBackslashesAlone(subKey)) return keyOf(hKey);
+    RegKey* start = lockKeyOf(hKey);
+    return start != nullptr ? lookUpFromLocked(*start, subKey) : KeyRef();
 }
 
 LONG openKey(HKEY hKey, const char* subKey, REGSAM access, PHKEY result) {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "foundation/mutex.h"
+#include "foundation/never_destroyed.h"
 #include "foundation/small_mutex.h"
 #include "registry/flat_index.h"
 #include "registry/key_numbers.h"
@@ -15,10 +16,11 @@ using foundation::LockGuard;
 
 constinit foundation::SmallMutex<foundation::LockRank::OpenKeys> openKeysLock;
 
+constinit foundation::NeverDestroyed<FlatIndex<RegKey>> openKeys;
+
 /// The open keys by number. A key's own entry is in the key, so that opening one allocates nothing.
 FlatIndex<RegKey>& OpenKeyMap() TRAIKLOFOX_REQUIRES(openKeysLock) {
-    static auto& map = *new FlatIndex<RegKey>;
-    return map;
+    return openKeys.value;
 }
 
 std::uint32_t hashOf(LONG number) {
@@ -73,17 +75,14 @@ KeyRef keyOf(HKEY handle) {
     return KeyRef(findLocked(handle));
 }
 
-KeyRef lockKeyOf(HKEY handle) {
-    KeyRef key;
-    {
-        const LockGuard guard(openKeysLock);
-        key = KeyRef(findLocked(handle));
-        if (!key) return key;
-        key->lock.lock();
-    }
+RegKey* lockKeyOf(HKEY handle) {
+    const LockGuard guard(openKeysLock);
+    RegKey* key = findLocked(handle);
+    if (key == nullptr) return nullptr;
+    key->lock.lock();
     if (!key->isDead()) return key;
     key->lock.unlock();
-    return KeyRef();
+    return nullptr;
 }
 
 void lockOpenKeysForFork() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {

@@ -26,21 +26,22 @@ KeyRef closeHandle(HKEY handle);
 KeyRef keyOf(HKEY handle);
 
 /// The key behind a handle, locked, which the caller unlocks; null (and nothing locked) when the handle is
-/// unknown or the key is dead.
-KeyRef lockKeyOf(HKEY handle) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS;
+/// unknown or the key is dead. Without a reference: a key lives while it is locked and not dead, because whoever lets
+/// it go for its parent locks it first, to mark it dead.
+RegKey* lockKeyOf(HKEY handle) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS;
 
 /// Runs `body` on the key behind a handle, with the key's lock held. Returns its result, or -1 for an unknown
 /// handle or a dead key.
 template <class Body>
 LONG onOpenKey(HKEY handle, Body body) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
     struct Unlock {
-        KeyRef key;
+        RegKey* key;
         ~Unlock() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
-            if (key) key->lock.unlock();
+            if (key != nullptr) key->lock.unlock();
         }
     };
     const Unlock locked{lockKeyOf(handle)};
-    if (!locked.key) return -1;
+    if (locked.key == nullptr) return -1;
     return body(*locked.key);
 }
 

@@ -213,7 +213,8 @@ KeyRef RegKey::purgeSubkey(RegKey& subkey) {
     {
         const LockGuard guard(subkey.lock);
         if (subkey.dead_ || !subkey.purge()) return KeyRef();
-        if (subkeys.find(subkey.component) != &subkey) return KeyRef();  // this key is being dismantled itself
+        if (subkeys.find(subkey.component) != &subkey)
+            return KeyRef();  // this key is being dismantled itself
         subkey.dead_ = true;
     }
     changeCount.fetch_add(1, std::memory_order_acq_rel);

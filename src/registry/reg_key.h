@@ -57,7 +57,8 @@ class KeyRef {
 };
 
 struct StoredValue : RegValue {
-    explicit StoredValue(const ValueText& text) : RegValue(text.type, std::string(text.name), std::string(text.data)) {}
+    explicit StoredValue(const ValueText& text)
+        : RegValue(text.type, std::string(text.name), std::string(text.data)) {}
 
     /// Takes a text of the same name but for its letter case.
     void assign(const ValueText& text) {

@@ -50,7 +50,8 @@ class TreeReader {
         const size_t slash = name.substr(0, static_cast<size_t>(parting - name.begin())).rfind('\\');
         if (slash == name.npos) return KeyRef();
         RegKey* start = key_.get();
-        for (size_t up = depthOf(std::string_view(name_).substr(slash)); up > 0; --up) start = start->parent();
+        for (size_t up = depthOf(std::string_view(name_).substr(slash)); up > 0; --up)
+            start = start->parent();
         return FindKeyBehind(*start, name, slash, Walk::FromFile, number).key;
     }
 
