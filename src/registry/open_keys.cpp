@@ -1,9 +1,9 @@
 #include "registry/open_keys.h"
 
+#include <memory>
 #include <utility>
 
 #include "foundation/mutex.h"
-#include "foundation/never_destroyed.h"
 #include "foundation/small_mutex.h"
 #include "registry/flat_index.h"
 #include "registry/key_numbers.h"
@@ -16,11 +16,11 @@ using foundation::LockGuard;
 
 constinit foundation::SmallMutex<foundation::LockRank::OpenKeys> openKeysLock;
 
-constinit foundation::NeverDestroyed<FlatIndex<RegKey>> openKeys;
-
 /// The open keys by number. A key's own entry is in the key, so that opening one allocates nothing.
 FlatIndex<RegKey>& OpenKeyMap() TRAIKLOFOX_REQUIRES(openKeysLock) {
-    return openKeys.value;
+    static constinit FlatIndex<RegKey>* map = nullptr;  // made once, never destroyed
+    if (map == nullptr) map = std::make_unique<FlatIndex<RegKey>>().release();
+    return *map;
 }
 
 std::uint32_t hashOf(LONG number) {
