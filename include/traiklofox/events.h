@@ -14,6 +14,7 @@ class MultiEvent;
 namespace traiklofox::kernel {
 class EventGuard;
 class WaiterCount;
+class PostedWaits;
 struct MultiWaitEntry;
 void wakeSleepers(Event& event);
 }  // namespace traiklofox::kernel
@@ -122,13 +123,14 @@ class TRAIKLOFOX_API MultiEvent : public Handle {
 
   private:
     friend class Event;
+    friend class traiklofox::kernel::PostedWaits;
 
     DWORD waitForEvents(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds, BOOL alertable);
     void prepare(DWORD count, Handle** handles);
     DWORD enrollAll(BOOL waitAll);
     DWORD sleepUntilPosted(const timespec* deadline, BOOL alertable);
     void leaveAll(DWORD result, BOOL waitAll);
-    void post(LONG index);
+    bool post(LONG index);
 
     Event event;
     DWORD capacity;

@@ -15,14 +15,15 @@
 // `Set`. A plain load would not do: producer and consumer could each miss the other's store.
 //
 // An event may be closed as soon as a wait for it returned, even while the `Set` that woke the wait is still
-// running: the short way never touches the event after its one step, the long way ends with the unlock that
-// the destructor waits for.
+// running: the short way never touches the event after its one step, and the long way never after the unlock that
+// the destructor waits for. What it still wakes then are multiple waits, of each of which it has a reference.
 
 #include <traiklofox/critical_section.h>
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
 
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -41,6 +42,7 @@ using traiklofox::foundation::LockRank;
 using traiklofox::kernel::AlertableSleep;
 using traiklofox::kernel::EventGuard;
 using traiklofox::kernel::MultiWaitEntry;
+using traiklofox::kernel::PostedWaits;
 using traiklofox::kernel::WaiterCount;
 
 namespace {
@@ -86,6 +88,36 @@ class WaiterCount {
 
   private:
     Event& event_;
+};
+
+/// The multiple waits that a `Set` has posted to. Its destructor wakes them, once the event's lock is free: a thread
+/// that woke sooner would only wait for that lock.
+class PostedWaits {
+  public:
+    PostedWaits() = default;
+    ~PostedWaits() {
+        for (size_t i = 0; i < count_; ++i) {
+            waits_[i]->event.Set();
+            waits_[i]->DecRefCount();
+        }
+    }
+    PostedWaits(const PostedWaits&) = delete;
+    PostedWaits& operator=(const PostedWaits&) = delete;
+
+    void post(const MultiWaitEntry& entry) {
+        if (!entry.owner->post(entry.index)) return;
+        if (count_ == kRoom) {
+            entry.owner->event.Set();
+            return;
+        }
+        entry.owner->IncRefCount();
+        waits_[count_++] = entry.owner;
+    }
+
+  private:
+    static constexpr size_t kRoom = 8;  // more are woken under the lock
+    std::array<MultiEvent*, kRoom> waits_;
+    size_t count_ = 0;
 };
 
 void wakeSleepers(Event& event) {
@@ -175,10 +207,10 @@ BOOL Event::Set() {
             return 1;
     }
 
+    PostedWaits posted;
     const EventGuard guard(*this);
     if (!(state.fetch_or(kSignaled, std::memory_order_acq_rel) & kSignaled)) {
-        for (MultiWaitEntry* entry = multiWaiters; entry != nullptr; entry = entry->next)
-            entry->owner->post(entry->index);
+        for (MultiWaitEntry* entry = multiWaiters; entry != nullptr; entry = entry->next) posted.post(*entry);
         if (waiters > 0) (void)(manualReset ? pthread_cond_broadcast(&cond) : pthread_cond_signal(&cond));
     }
     return 1;

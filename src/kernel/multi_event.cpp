@@ -3,10 +3,11 @@
 // A wait copies its array and clears its index, then takes each event's lock once: in one section it registers
 // and then looks for the signal, in this order, because a `Set` that takes the short way holds no lock: it
 // either sees that the event is watched, or its signal is there to be seen. `Event::Set` on the long way stores
-// the signal and posts to the registered waits in one section of the same lock, and the wait leaves each event
-// under it again. So an event is either found signalled or posts, and nothing posts into a later wait. What may
-// outlive a wait is a wake-up of the embedded event that nobody slept for: a wait that wakes with no index
-// posted sleeps on.
+// the signal and posts its index to the registered waits in one section of the same lock, and the wait leaves each
+// event under it again. So an event is either found signalled or posts, and nothing posts into a later wait.
+//
+// Whoever posts the first index wakes the wait, after it has let the event's lock go. So a wake-up may come when
+// the wait is over, and be found by a later one: a wait that wakes with no index posted sleeps on.
 
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
@@ -44,17 +45,17 @@ DWORD MultiEvent::What() const {
     return HANDLE_KIND_MULTI_EVENT;
 }
 
-void MultiEvent::post(LONG index) {
+/// True when it is the wait's first, which the caller then wakes.
+bool MultiEvent::post(LONG index) {
     LONG none = -1;
-    signaledIndex.compare_exchange_strong(none, index, std::memory_order_relaxed);
-    event.Set();
+    return signaledIndex.compare_exchange_strong(none, index, std::memory_order_relaxed);
 }
 
 BOOL MultiEvent::PostEvent(Event* posting) {
     if (count == 0) return 0;
     for (DWORD i = 0; i < count; ++i) {
         if (entries[i].event != posting) continue;
-        post(static_cast<LONG>(i));
+        if (post(static_cast<LONG>(i))) event.Set();
         break;
     }
     return 1;
@@ -153,8 +154,9 @@ DWORD Event::WaitForMultipleHandles(DWORD count, Handle** handles, BOOL waitAll,
     for (DWORD i = 0; i < count; ++i) {
         if (isNone(handles[i])) continue;
         auto* event = static_cast<Event*>(handles[i]);
+        if (!event->EventIsSignaled()) continue;
         if (waitAll) {
-            signaledCount += static_cast<DWORD>(event->EventIsSignaled());
+            ++signaledCount;
         } else if (event->consume()) {
             return i;
         }

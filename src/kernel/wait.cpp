@@ -4,6 +4,7 @@
 #include <traiklofox/wait.h>
 
 #include <array>
+#include <typeinfo>
 
 #include "kernel/handle_arguments.h"
 
@@ -18,9 +19,18 @@ Handle* firstOf(DWORD count, Handle** handles) {
     return nullptr;
 }
 
-bool allOfKind(DWORD kind, DWORD count, Handle** handles) {
-    for (DWORD i = 0; i < count; ++i)
-        if (!isNone(handles[i]) && handles[i]->What() != kind) return false;
+/// The first entry from `from` on whose class is not `known`; `count` when there is none.
+DWORD findOtherClass(const std::type_info& known, DWORD from, DWORD count, Handle** handles) {
+    while (from < count && (isNone(handles[from]) || &typeid(*handles[from]) == &known)) ++from;
+    return from;
+}
+
+/// Handles of one class are of one kind, and to read an object's class takes two loads; so only another class is
+/// asked for its kind, in a virtual call.
+bool allOfKind(const Handle& first, DWORD count, Handle** handles) {
+    const std::type_info& known = typeid(first);
+    for (DWORD i = 0; (i = findOtherClass(known, i, count, handles)) < count; ++i)
+        if (handles[i]->What() != first.What()) return false;
     return true;
 }
 
@@ -60,7 +70,7 @@ DWORD WaitForMultipleObjectsEx(DWORD count, Handle** handles, BOOL waitAll, DWOR
     if (count == 0 || handles == nullptr) return WAIT_FAILED;
     Handle* first = firstOf(count, handles);
     if (first == nullptr) return WAIT_FAILED;
-    if (!allOfKind(first->What(), count, handles))
+    if (!allOfKind(*first, count, handles))
         return waitMixed(count, handles, waitAll, milliseconds, alertable);
     return first->WaitForMultipleHandles(count, handles, waitAll, milliseconds, alertable);
 }
