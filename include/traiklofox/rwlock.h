@@ -24,8 +24,8 @@
 /// deliberately.
 ///
 /// A wait is a cancellation point (`pthread_cancel`); a thread that is cancelled there leaves without a lock.
-/// An uncontended operation costs one mutex operation pair. Nothing allocates but the constructor. No member
-/// touches `errno`.
+/// While nobody waits, taking and releasing the lock are one atomic step each. Nothing allocates but the
+/// constructor. No member touches `errno`.
 class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("reader-writer lock's mutex") RWLock {
   public:
     /// What the operations that acquire return.
@@ -94,27 +94,22 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("reader-writer lock's mutex") RWLock 
     class WaitingReader;
     class WaitingWriter;
 
-    bool readerMayEnter() const TRAIKLOFOX_REQUIRES(this) {
-        return writer.load(std::memory_order_relaxed) == 0 && (waitingWriters == 0 || readerPriority);
-    }
-    bool writerMayEnter() const TRAIKLOFOX_REQUIRES(this) {
-        return writer.load(std::memory_order_relaxed) == 0 && readers == 0 && !handoff;
-    }
-    void enterAsWriter() TRAIKLOFOX_REQUIRES(this) {
-        writer.store(pthread_self(), std::memory_order_relaxed);
-        writeDepth = 1;
-    }
+    bool readerMayEnter() const TRAIKLOFOX_REQUIRES(this);
+    bool writerMayEnter() const TRAIKLOFOX_REQUIRES(this);
+    bool tryEnterAsReader();
+    bool tryEnterAsWriter();
+    void becomeWriter();
     bool WaitReader(DWORD milliseconds) TRAIKLOFOX_REQUIRES(this);
     bool WaitWriter(DWORD milliseconds) TRAIKLOFOX_REQUIRES(this);
     bool sleep(pthread_cond_t& condition, const timespec* deadline) TRAIKLOFOX_REQUIRES(this);
     void wakeThoseWhoMayEnter() TRAIKLOFOX_REQUIRES(this);
 
     [[maybe_unused]] DWORD initialised = 1;
-    DWORD readers TRAIKLOFOX_GUARDED_BY(this) = 0;  // read locks held
-    DWORD writeDepth = 0;                           // touched by the thread that writes alone
+    std::atomic<DWORD> state = 0;  // who holds the lock; see rwlock.cpp
+    DWORD writeDepth = 0;          // touched by the thread that writes alone
     DWORD waitingReaders TRAIKLOFOX_GUARDED_BY(this) = 0;
     DWORD waitingWriters TRAIKLOFOX_GUARDED_BY(this) = 0;
-    std::atomic<pthread_t> writer = 0;  // changes under the mutex; only its own thread can find itself there
+    std::atomic<pthread_t> writer = 0;  // only its own thread can find itself there
     const bool readerPriority;
     [[maybe_unused]] const bool spare;
     bool handoff TRAIKLOFOX_GUARDED_BY(this) = false;    // readers that a downgrade let in have yet to enter

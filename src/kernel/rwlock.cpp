@@ -1,4 +1,15 @@
-// rwlock.cpp: the reader-writer lock: one mutex over all state, one condition for readers, one for writers.
+// rwlock.cpp: the reader-writer lock: a word that says who holds it, and for those who wait one mutex, a
+// condition for readers and one for writers.
+//
+// `state` counts the read locks, and holds kWriter while somebody writes and kGuarded while the mutex guards it.
+// With kGuarded clear nobody waits, so that whoever finds the lock free enters, and whoever leaves wakes nobody:
+// both are one compare-and-exchange. Whatever else there is to do takes the mutex and sets kGuarded; from then on
+// such an exchange fails, and `state` changes under the mutex alone, until its holder leaves with nobody waiting.
+// Entering acquires what leaving released: through `state`, all of whose changes are read-modify-writes, so that
+// none of them breaks the chain.
+//
+// A thread may destroy the lock as soon as it has left it: its last step may have been an exchange that another
+// thread allowed by clearing kGuarded, just before unlocking the mutex. The destructor waits for that unlock.
 //
 // Nobody is stranded: whenever somebody who waits may enter, somebody who may has been woken and has yet to
 // run, or has just been told so. Each change that can let others in therefore ends with
@@ -18,15 +29,26 @@
 
 using traiklofox::foundation::LockRank;
 
-/// Holds the lock's mutex for a scope.
+namespace {
+
+constexpr DWORD kWriter = 0x8000'0000;
+constexpr DWORD kGuarded = 0x4000'0000;
+constexpr DWORD kReaders = kGuarded - 1;  // the count's bits
+
+}  // namespace
+
+/// Holds the lock's mutex, and `state` with it, for a scope.
 class TRAIKLOFOX_SCOPED_CAPABILITY RWLock::Section {
   public:
     explicit Section(RWLock& lock) TRAIKLOFOX_ACQUIRE(lock) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
         : lock_(lock) {
         pthread_mutex_lock(&lock_.lock);
         traiklofox::foundation::noteLockAcquired(LockRank::Leaf, &lock_);
+        lock_.state.fetch_or(kGuarded, std::memory_order_acq_rel);
     }
     ~Section() TRAIKLOFOX_RELEASE() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        if (lock_.waitingReaders == 0 && lock_.waitingWriters == 0)  // a handoff's readers wait, too
+            lock_.state.fetch_and(~kGuarded, std::memory_order_acq_rel);
         traiklofox::foundation::noteLockReleased(LockRank::Leaf, &lock_);
         pthread_mutex_unlock(&lock_.lock);
     }
@@ -106,18 +128,50 @@ RWLock::RWLock(bool prefersReaders, const char* givenName, bool spareFlag)
       name(givenName != nullptr ? givenName : "UNNAMED LOCK") {}
 
 RWLock::~RWLock() {
+    { const Section waitForTheLastUnlock(*this); }
     pthread_cond_destroy(&writeCond);
     pthread_cond_destroy(&readCond);
     pthread_mutex_destroy(&lock);
 }
 
+bool RWLock::readerMayEnter() const {
+    return !(state.load(std::memory_order_relaxed) & kWriter) && (waitingWriters == 0 || readerPriority);
+}
+
+bool RWLock::writerMayEnter() const {
+    return !(state.load(std::memory_order_relaxed) & (kWriter | kReaders)) && !handoff;
+}
+
+bool RWLock::tryEnterAsReader() {
+    DWORD seen = state.load(std::memory_order_relaxed);
+    while (!(seen & (kWriter | kGuarded))) {
+        if (state.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire, std::memory_order_relaxed))
+            return true;
+    }
+    return false;
+}
+
+bool RWLock::tryEnterAsWriter() {
+    DWORD free = 0;
+    if (!state.compare_exchange_strong(free, kWriter, std::memory_order_acquire, std::memory_order_relaxed))
+        return false;
+    becomeWriter();
+    return true;
+}
+
+void RWLock::becomeWriter() {
+    writer.store(pthread_self(), std::memory_order_relaxed);
+    writeDepth = 1;
+}
+
 DWORD RWLock::ReadLockPrim(bool tryOnly, DWORD milliseconds, void*) {
+    if (tryEnterAsReader()) return Acquired;
     const Section section(*this);
     if (!readerMayEnter()) {
         if (tryOnly) return Busy;
         if (!WaitReader(milliseconds)) return TimedOut;
     }
-    ++readers;
+    state.fetch_add(1, std::memory_order_acq_rel);
     return Acquired;
 }
 
@@ -126,37 +180,53 @@ DWORD RWLock::WriteLockPrim(bool tryOnly, DWORD milliseconds, void*) {
         ++writeDepth;
         return Acquired;
     }
+    if (tryEnterAsWriter()) return Acquired;
     const Section section(*this);
     if (!writerMayEnter()) {
         if (tryOnly) return Busy;
         if (!WaitWriter(milliseconds)) return TimedOut;
     }
-    enterAsWriter();
+    state.fetch_or(kWriter, std::memory_order_acq_rel);
+    becomeWriter();
     return Acquired;
 }
 
 bool RWLock::ReadUnlock() {
+    DWORD seen = state.load(std::memory_order_relaxed);
+    while (!(seen & kGuarded)) {
+        if ((seen & kReaders) == 0) return true;
+        if (state.compare_exchange_weak(seen, seen - 1, std::memory_order_release, std::memory_order_relaxed))
+            return true;
+    }
     const Section section(*this);
-    if (readers > 0 && --readers == 0) wakeThoseWhoMayEnter();
+    const DWORD readers = state.load(std::memory_order_relaxed) & kReaders;
+    if (readers == 0) return true;
+    state.fetch_sub(1, std::memory_order_acq_rel);
+    if (readers == 1) wakeThoseWhoMayEnter();
     return true;
 }
 
 bool RWLock::WriteUnlock() {
     if (!IsWriteLockedByMe()) return false;
+    if (--writeDepth > 0) return true;
+    writer.store(0, std::memory_order_relaxed);
+    DWORD alone = kWriter;
+    if (state.compare_exchange_strong(alone, 0, std::memory_order_release, std::memory_order_relaxed))
+        return true;
     const Section section(*this);
-    if (--writeDepth == 0) {
-        writer.store(0, std::memory_order_relaxed);
-        wakeThoseWhoMayEnter();
-    }
+    state.fetch_and(~kWriter, std::memory_order_acq_rel);
+    wakeThoseWhoMayEnter();
     return true;
 }
 
 DWORD RWLock::UpgradeLock(DWORD milliseconds) {
     const Section section(*this);
-    if (writer.load(std::memory_order_relaxed) != 0 || waitingWriters > 0) return Busy;
-    if (readers > 0) --readers;
+    const DWORD seen = state.load(std::memory_order_relaxed);
+    if ((seen & kWriter) || waitingWriters > 0) return Busy;
+    if (seen & kReaders) state.fetch_sub(1, std::memory_order_acq_rel);
     if (!writerMayEnter() && !WaitWriter(milliseconds)) return TimedOut;
-    enterAsWriter();
+    state.fetch_or(kWriter, std::memory_order_acq_rel);
+    becomeWriter();
     return Acquired;
 }
 
@@ -166,7 +236,7 @@ bool RWLock::DowngradeLock() {
     if (writeDepth > 1) return false;
     writeDepth = 0;
     writer.store(0, std::memory_order_relaxed);
-    ++readers;
+    state.fetch_add(1 - kWriter, std::memory_order_acq_rel);
     if (waitingReaders > 0) {
         handoff = true;
         handoffCount = waitingReaders;
@@ -219,7 +289,7 @@ void RWLock::wakeThoseWhoMayEnter() {
 }
 
 void RWLock::ResetInChild() {
-    readers = 0;
+    state.store(0, std::memory_order_relaxed);
     writeDepth = 0;
     waitingReaders = 0;
     waitingWriters = 0;
