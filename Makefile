@@ -3,6 +3,7 @@
 #   make demo      builds, and shows several processes that share one registry
 #   make test      builds and runs every test              PRESET=amd64 etc. for another build
 #   make check     the tests, again under the sanitizers, and clang's analysis of the locks
+#   make soak      the kernel's stress tests at full length: 10 million signals a lane, about half an hour
 #   make bench     every benchmark beside its floor        PRESET=amd64 for 64-bit
 #   make install   into PREFIX (/usr/local), below DESTDIR
 #   make package   a Debian package, in build/package
@@ -17,7 +18,7 @@ SUITE_SECONDS ?= 1500
 BUILD = build/$(PRESET)
 export PRESET
 
-.PHONY: all demo test check bench install package docs format lint clean build
+.PHONY: all demo test check soak bench install package docs format lint clean build
 
 all: build
 
@@ -47,6 +48,9 @@ check:
 	$(MAKE) test PRESET=i386-asan
 	$(MAKE) test PRESET=amd64-tsan
 	$(MAKE) build PRESET=amd64-clang
+
+soak: build
+	TRAIKLOFOX_SOAK=10000000 $(BUILD)/tests/kernel_tests --gtest_filter='*LosesNoSignal*:*KeepTheInvariants*'
 
 bench:
 	@scripts/bootstrap build test bench

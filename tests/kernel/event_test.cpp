@@ -138,37 +138,26 @@ TEST(Event, SetEndsEveryKindOfWait) {
     }
 }
 
-TEST(Event, EachSetOfAnAutoResetEventReleasesOneWaiter) {
+TEST(Event, SetReleasesOneWaiterOfAnAutoResetEventAndEverybodyOfAManualResetOne) {
     constexpr int kWaiters = 4;
-    const auto event = makeEvent(Kind::Auto);
-    std::atomic<int> released = 0;
-    std::vector<std::unique_ptr<Worker>> waiters;
-    for (int i = 0; i < kWaiters; ++i) {
-        waiters.push_back(std::make_unique<Worker>([&] {
-            EXPECT_EQ(WaitForSingleObject(event.get(), kBound), WAIT_OBJECT_0);
-            ++released;
-        }));
+    for (const Kind kind : {Kind::Auto, Kind::Manual}) {
+        const auto event = makeEvent(kind);
+        std::atomic<int> released = 0;
+        std::vector<std::unique_ptr<Worker>> waiters;
+        for (int i = 0; i < kWaiters; ++i) {
+            waiters.push_back(std::make_unique<Worker>([&, timeout = i % 2 == 0 ? kBound : INFINITE] {
+                EXPECT_EQ(WaitForSingleObject(event.get(), timeout), WAIT_OBJECT_0);
+                ++released;
+            }));
+        }
+        for (const auto& waiter : waiters) EXPECT_TRUE(waiter->fallsAsleep());
+        const int each = kind == Kind::Auto ? 1 : kWaiters;
+        for (int awaited = each; awaited <= kWaiters; awaited += each) {
+            SetEvent(event.get());
+            EXPECT_TRUE(withinSeconds(kBoundSeconds, [&] { return released == awaited; }));
+            EXPECT_EQ(isSet(event), kind == Kind::Manual);
+        }
     }
-    for (const auto& waiter : waiters) EXPECT_TRUE(waiter->fallsAsleep());
-    for (int sets = 1; sets <= kWaiters; ++sets) {
-        SetEvent(event.get());
-        EXPECT_TRUE(withinSeconds(kBoundSeconds, [&] { return released == sets; }));
-        EXPECT_FALSE(isSet(event));
-    }
-}
-
-TEST(Event, OneSetOfAManualResetEventReleasesEverybody) {
-    const auto event = makeEvent(Kind::Manual);
-    std::vector<std::unique_ptr<Worker>> waiters;
-    for (int i = 0; i < 6; ++i) {
-        waiters.push_back(std::make_unique<Worker>([&, timeout = i % 2 == 0 ? kBound : INFINITE] {
-            EXPECT_EQ(WaitForSingleObject(event.get(), timeout), WAIT_OBJECT_0);
-        }));
-    }
-    for (const auto& waiter : waiters) EXPECT_TRUE(waiter->fallsAsleep());
-    SetEvent(event.get());
-    waiters.clear();
-    EXPECT_TRUE(isSet(event));
 }
 
 TEST(Event, ResetLetsTheThreadsLeaveThatASetReleases) {
@@ -203,52 +192,41 @@ TEST(Event, DuplicateIsTheSameObjectAndKeepsItAlive) {
     EXPECT_EQ(deaths, 1);
 }
 
-TEST(EventData, AttachmentHoldsOneReferenceHoweverOftenItIsReplaced) {
-    std::atomic<int> deaths = 0;
-    auto* event = new MortalEvent(Kind::Auto, deaths);
-    EXPECT_EQ(event->GetEventData(), -1);
-    EXPECT_EQ(event->SetEventData(-1), 0);  // nobody owns it
-    EXPECT_EQ(event->SetEventData(7), 1);
-    EXPECT_EQ(event->SetEventData(8), 1);
-    EXPECT_EQ(event->GetEventData(), 8);
-    EXPECT_EQ(event->GetRefCount(), 2);
-    EXPECT_EQ(event->SetEventData(-1), 1);
-    EXPECT_EQ(event->GetEventData(), -1);
-    EXPECT_EQ(event->GetRefCount(), 1);
-
-    event->SetEventData(9);
-    CloseHandle(event);
-    EXPECT_EQ(deaths, 0) << "the attachment holds it";
-    EXPECT_EQ(event->SetEventData(-1), 1);
-    EXPECT_EQ(deaths, 1);
-}
-
-TEST(EventData, OnlyItsOwnerDetachesIt) {
-    const auto handle = makeEvent(Kind::Auto);
-    auto* event = static_cast<Event*>(handle.get());
-    event->SetEventData(7);
-    std::thread([&] { EXPECT_EQ(event->SetEventData(-1), 0); }).join();
-    EXPECT_EQ(event->GetEventData(), 7);
-    std::thread([&] {
-        EXPECT_EQ(event->SetEventData(8), 1);  // who replaces it is the new owner
-    }).join();
-    EXPECT_EQ(event->SetEventData(-1), 0);
-    std::thread([&] { event->SetEventData(9); }).join();
-    EXPECT_EQ(event->SetEventData(10), 1);
-    EXPECT_EQ(event->SetEventData(-1), 1);
-    EXPECT_EQ(event->GetRefCount(), 1);
-}
-
-TEST(EventData, DataFromTheConstructorHoldsNoReferenceUntilItIsReplaced) {
-    std::atomic<int> deaths = 0;
-    auto* event = new MortalEvent(Kind::Auto, deaths, /*initialData=*/5);
-    EXPECT_EQ(event->SetEventData(-1), 0);
-    event->SetEventData(6);
-    EXPECT_EQ(event->GetRefCount(), 2);
-    EXPECT_EQ(event->SetEventData(-1), 1);
-    ASSERT_EQ(deaths, 0);
-    CloseHandle(event);
-    EXPECT_EQ(deaths, 1);
+TEST(EventData, AttachmentHoldsOneReferenceUntilItsOwnerDetachesIt) {
+    const struct {
+        const char* name;
+        LONG initially;
+        std::vector<LONG> attachedHere;
+        std::vector<LONG> attachedByAnother;  // then
+        BOOL detaches;                        // here
+        LONG references;                      // before
+    } cases[] = {
+        {"nothing", -1, {}, {}, 0, 1},          {"own, replaced", -1, {7, 8}, {}, 1, 2},
+        {"another's", -1, {}, {7}, 0, 2},       {"own, replaced by another", -1, {7}, {8}, 0, 2},
+        {"the constructor's", 5, {}, {}, 0, 1}, {"the constructor's, replaced", 5, {6}, {}, 1, 2},
+    };
+    for (const auto& with : cases) {
+        std::atomic<int> deaths = 0;
+        auto* event = new MortalEvent(Kind::Auto, deaths, with.initially);
+        LONG data = with.initially;
+        for (const LONG attached : with.attachedHere) EXPECT_EQ(event->SetEventData(data = attached), 1);
+        std::thread([&] {
+            EXPECT_EQ(event->SetEventData(-1), 0) << with.name << ": not this thread's";
+            for (const LONG attached : with.attachedByAnother) event->SetEventData(data = attached);
+        }).join();
+        EXPECT_EQ(event->GetEventData(), data) << with.name;
+        EXPECT_EQ(event->GetRefCount(), with.references) << with.name;
+        EXPECT_EQ(event->SetEventData(-1), with.detaches) << with.name;
+        if (!with.detaches && with.references == 2) {  // it keeps the event alive
+            CloseHandle(event);
+            EXPECT_EQ(deaths, 0) << with.name;
+            event->SetEventData(9);  // whoever replaces it is its owner
+            event->SetEventData(-1);
+        } else {
+            CloseHandle(event);
+        }
+        EXPECT_EQ(deaths, 1) << with.name;
+    }
 }
 
 TEST(EventData, RevisionStampCopiesTheDataOnlyOnDemand) {

@@ -12,26 +12,34 @@
 #include <thread>
 #include <vector>
 
+#include "kernel/worker.h"
+
 namespace {
+
+using namespace traiklofox::test;
 
 /// What the lock guards, and what its users count as they go in and out.
 struct Guarded {
     explicit Guarded(bool readerPriority) : lock(readerPriority, "stress") {}
 
-    void readOnce() {
+    void readOnce(std::minstd_rand& random) {
         readers.fetch_add(1, std::memory_order_relaxed);
         EXPECT_EQ(writers.load(std::memory_order_relaxed), 0) << "a reader beside a writer";
-        std::this_thread::yield();  // so that others come while the lock is held
+        sometimesLetOthersCome(random);
         EXPECT_EQ(number, mirror);
         readers.fetch_sub(1, std::memory_order_relaxed);
     }
-    void writeOnce() {
+    void writeOnce(std::minstd_rand& random) {
         EXPECT_EQ(writers.fetch_add(1, std::memory_order_relaxed), 0) << "two writers";
         EXPECT_EQ(readers.load(std::memory_order_relaxed), 0) << "a writer beside a reader";
         ++number;
-        std::this_thread::yield();
+        sometimesLetOthersCome(random);
         ++mirror;
         writers.fetch_sub(1, std::memory_order_relaxed);
+    }
+
+    static void sometimesLetOthersCome(std::minstd_rand& random) {
+        if (random() % 8 == 0) std::this_thread::yield();
     }
 
     RWLock lock;
@@ -50,11 +58,11 @@ long useOnce(Guarded& guarded, std::minstd_rand& random) {
     const DWORD timeout = kTimeouts[random() % kTimeouts.size()];
     long written = 0;
     const auto write = [&] {
-        guarded.writeOnce();
+        guarded.writeOnce(random);
         ++written;
     };
     const auto readAndLeave = [&] {
-        guarded.readOnce();
+        guarded.readOnce(random);
         lock.ReadUnlock();
     };
     const auto upgradeAndLeave = [&] {
@@ -100,7 +108,7 @@ long useOnce(Guarded& guarded, std::minstd_rand& random) {
             break;
         case 5:
             if (lock.ReadLock(timeout) != RWLock::Acquired) break;
-            guarded.readOnce();
+            guarded.readOnce(random);
             upgradeAndLeave();
             break;
     }
@@ -114,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Priorities, RWLockStress, testing::Bool(), [](const aut
 
 TEST_P(RWLockStress, MixedUsesKeepTheInvariantsAndStrandNobody) {
     constexpr unsigned kThreads = 8;
-    constexpr int kRounds = 4000;
+    const int each = roundsOrSoak(80'000) / static_cast<int>(kThreads);
     Guarded guarded(GetParam());
     std::atomic<long> written = 0;
     std::latch start(kThreads);
@@ -125,13 +133,13 @@ TEST_P(RWLockStress, MixedUsesKeepTheInvariantsAndStrandNobody) {
                 std::minstd_rand random(seed);
                 long mine = 0;
                 start.arrive_and_wait();
-                for (int round = 0; round < kRounds; ++round) mine += useOnce(guarded, random);
+                for (int round = 0; round < each; ++round) mine += useOnce(guarded, random);
                 written += mine;
             });
         }
     }
     EXPECT_EQ(guarded.number, written);
-    EXPECT_GT(written, kRounds);
+    EXPECT_GT(written, each);
     EXPECT_TRUE(guarded.lock.TryWriteLock()) << "a count was left behind";
 }
 

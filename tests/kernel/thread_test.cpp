@@ -43,43 +43,27 @@ class HeldThread {
 
 TEST(CreateThread, GivesTheNewThreadItsArgumentItsHandleAndItsId) {
     struct Seen {
-        ULONG_PTR idAtStart = 0;  // what `CreateThread` stored, as the new thread finds it
-        ULONG_PTR ownId = 0;
+        ULONG_PTR id = 0;         // as `CreateThread` stores it ...
+        ULONG_PTR idAtStart = 0;  // ... before the thread starts
         Handle* handle = nullptr;
-    } seen;
+        ULONG_PTR ownId = 0;
+    };
     const auto start = [](void* argument) -> DWORD {
-        auto& found = *static_cast<Seen*>(argument);
-        found.ownId = GetCurrentThreadId();
-        found.handle = GetCurrentThread();
+        auto& seen = *static_cast<Seen*>(argument);
+        seen.idAtStart = seen.id;
+        seen.ownId = GetCurrentThreadId();
+        seen.handle = GetCurrentThread();
         return 0;
     };
-    for (int round = 0; round < rounds(200); ++round) {
-        seen = {};
-        ULONG_PTR id = 0;
-        const OwnedHandle thread{CreateThread(nullptr, 0, start, &seen, 0, &id)};
+    for (int round = 0; round < rounds(500); ++round) {
+        Seen seen;
+        const OwnedHandle thread{CreateThread(nullptr, 0, start, &seen, 0, &seen.id)};
         ASSERT_NE(thread, nullptr);
         EXPECT_EQ(thread->What(), HANDLE_KIND_THREAD);
         ASSERT_EQ(WaitForSingleObject(thread.get(), kBound), WAIT_OBJECT_0);
         EXPECT_EQ(seen.handle, thread.get());
-        EXPECT_EQ(seen.ownId, id);
-    }
-}
-
-TEST(CreateThread, StoresTheIdBeforeTheThreadStarts) {
-    struct Ids {
-        std::atomic<ULONG_PTR> asStarted = 0;
-        ULONG_PTR stored = 0;
-    };
-    const auto start = [](void* argument) -> DWORD {
-        auto& ids = *static_cast<Ids*>(argument);
-        ids.asStarted = ids.stored;
-        return 0;
-    };
-    for (int round = 0; round < rounds(500); ++round) {
-        Ids ids;
-        const OwnedHandle thread{CreateThread(nullptr, 0, start, &ids, 0, &ids.stored)};
-        ASSERT_EQ(WaitForSingleObject(thread.get(), kBound), WAIT_OBJECT_0);
-        ASSERT_EQ(ids.asStarted, ids.stored) << "round " << round;
+        ASSERT_EQ(seen.idAtStart, seen.id) << "round " << round;
+        EXPECT_EQ(seen.ownId, seen.id);
     }
 }
 
@@ -172,12 +156,14 @@ TEST(Thread, HandleIsSharedAndClosedWhileTheThreadEnds) {
     }
 }
 
-TEST(Thread, SignalOfARunningThreadHidesNoEnd) {
+TEST(Thread, RunsOnAfterASignalAndATermination) {
     HeldThread held;
     EXPECT_EQ(WaitForSingleObject(held.handle(), 1), WAIT_TIMEOUT);
     EXPECT_EQ(held.thread().Signal(), 1);
     EXPECT_EQ(WaitForSingleObject(held.handle(), 1), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(held.handle(), 1), WAIT_TIMEOUT) << "a signal of the caller's counts once";
+    EXPECT_EQ(TerminateThread(held.handle(), 1), 1);
+    EXPECT_EQ(WaitForSingleObject(held.handle(), 5), WAIT_TIMEOUT);
 }
 
 TEST(Thread, OnceEndedRefusesWhatNeedsARunningOne) {
@@ -205,12 +191,6 @@ TEST(Thread, FunctionsRefuseWhatIsNoThread) {
         EXPECT_EQ(TerminateThread(none, 1), 1);
     }
     EXPECT_EQ(QueueUserAPC(nullptr, GetCurrentThread(), 0), 0xFFFFFFFFu);
-}
-
-TEST(Thread, TerminateLeavesItRunning) {
-    HeldThread held;
-    EXPECT_EQ(TerminateThread(held.handle(), 1), 1);
-    EXPECT_EQ(WaitForSingleObject(held.handle(), 5), WAIT_TIMEOUT);
 }
 
 TEST(Thread, ExitUnwindsItsStack) {

@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -37,6 +38,12 @@ constexpr int rounds(int plain) {
 #else
     return plain;
 #endif
+}
+
+/// The same where the environment does not say how many (`make soak` does).
+inline int roundsOrSoak(int plain) {
+    const char* soak = std::getenv("TRAIKLOFOX_SOAK");
+    return soak != nullptr ? std::atoi(soak) : rounds(plain);
 }
 
 struct HandleCloser {
@@ -130,8 +137,7 @@ class Worker {
     long blockedIn() const {
         std::ifstream call("/proc/self/task/" + std::to_string(tid_.load()) + "/syscall");
         long number = -1;
-        call >> number;
-        return number;
+        return call >> number ? number : -1;  // "running" otherwise
     }
 
     std::atomic<pid_t> tid_{0};

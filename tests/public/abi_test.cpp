@@ -44,6 +44,10 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
     };
     constexpr Known kKnown[] = {
         {"Handle", 12, 24},
+        {"Event", 176, 224},
+        {"MultiEvent", 208, 272},
+        {"Thread", 52, 96},
+        {"RWLock", 180, 216},
         {"CKZString", 24, 32},
         {"ThreadContext", 16, 32},
         {"_FILETIME", 8, 8},
