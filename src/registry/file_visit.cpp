@@ -20,10 +20,10 @@ class LineTeller {
         const RegistryLine parsed = parseLine(line, /*wantsDefects=*/true);
         if (parsed.defect != nullptr) visitor_.onDefect(number, parsed.defect);
         if (parsed.kind == Kind::Key) {
-            hasKey_ = true;
-            visitor_.onKey(number, CKZString(std::string(parsed.keyName)), parsed.number);
+            hasKey_ = namesKey(parsed.keyName);
+            if (hasKey_) visitor_.onKey(number, CKZString(std::string(parsed.keyName)), parsed.number);
         } else if (parsed.kind == Kind::Value && !hasKey_) {
-            visitor_.onDefect(number, "a value before any key");
+            visitor_.onDefect(number, "a value without a key");
         } else if (parsed.kind == Kind::Value) {
             const auto& [type, name, data] = parsed.value;
             visitor_.onValue(number, {std::string(name), type, std::string(data)});

@@ -2,17 +2,17 @@
 
 #include <cstdio>
 
+#include "registry/registry_line.h"
+
 namespace traiklofox::registry {
 
 namespace {
-
-constexpr size_t kLongestNumber = 10;  // behind a key's colon
 
 /// Null when there is nothing wrong.
 const char* troubleWithKey(std::string_view name) {
     if (name.find('\n') != name.npos) return "a line feed in its name";
     if (name.find(':') != name.npos) return "a colon in its name";
-    if (name.size() + 1 + kLongestNumber > kLongestLine) return "its name is too long for a line of the file";
+    if (keyLineLength(name) > kLongestLine) return "its name is too long for a line of the file";
     return nullptr;
 }
 

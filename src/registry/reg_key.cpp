@@ -1,10 +1,9 @@
 #include "registry/reg_key.h"
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 
 #include "registry/key_numbers.h"
+#include "registry/registry_line.h"
 
 namespace traiklofox::registry {
 
@@ -35,17 +34,6 @@ bool carryAll(DeletedNames& names) {
 void endCarried(DeletedNames& names, Mark becomes) {
     for (auto& [name, mark] : names) endCarried(mark, becomes);
     std::erase_if(names, [](const auto& entry) { return entry.second == Mark::Clean; });
-}
-
-void appendKeyLine(std::string& text, std::string_view name, LONG number) {
-    std::array<char, 16> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
-    text.append(name).push_back(':');
-    // A name from a line that a hand wrote may leave no room for the number that the key has been given since;
-    // without one it gets another when it is opened.
-    if (name.size() + 1 + static_cast<size_t>(end - digits.data()) <= kLongestLine)
-        text.append(digits.data(), end);
-    text.push_back('\n');
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <strings.h>
 
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <string>
 
@@ -13,6 +15,21 @@ namespace traiklofox::registry {
 namespace {
 
 using Kind = RegistryLine::Kind;
+
+constexpr std::string_view kUpperRootWord = "HKEY_LOCAL_MACHINE";
+constexpr size_t kLongestNumber = 10;
+
+/// What must stand in front of a key's name, lest its line be a comment.
+std::string_view markInFront(std::string_view name) {
+    return name.starts_with('#') ? "\\" : "";
+}
+
+/// What must stand behind a key's number to make a key's line of it: the reader looks for the root word in the whole
+/// line, so that a name may have come without it.
+std::string_view markBehind(std::string_view name) {
+    const bool isPlain = name.find(kRootWord) != name.npos || name.starts_with(kUpperRootWord);
+    return isPlain ? std::string_view() : kRootWord;
+}
 
 /// The number behind a key's name, in any base that C knows.
 LONG numberOf(std::string_view text, bool& whole) {
@@ -25,6 +42,7 @@ LONG numberOf(std::string_view text, bool& whole) {
 }
 
 const char* defectOfKey(std::string_view name, LONG number, bool numberIsWhole) {
+    if (!namesKey(name)) return "a key's line that names no key";
     if (!name.starts_with(kRootWord))
         return "taken for a key's line, because it has \"hkey_local_machine\" in it";
     if (name.size() > kRootWord.size() && name[kRootWord.size()] != '\\')
@@ -69,6 +87,25 @@ const char* defectOfValue(std::string_view line) {
 }
 
 }  // namespace
+
+void appendKeyLine(std::string& text, std::string_view name, LONG number) {
+    std::array<char, 16> room{};
+    const auto end = std::to_chars(room.data(), room.data() + room.size(), number).ptr;
+    const std::string_view digits(room.data(), static_cast<size_t>(end - room.data()));
+    const std::string_view front = markInFront(name);
+    const std::string_view behind = markBehind(name);
+    text.append(front).append(name).push_back(':');
+    const size_t needed = front.size() + name.size() + 1 + behind.size();
+    if (needed + digits.size() + (behind.empty() ? 0 : 1) <= kLongestLine)
+        text.append(digits).append(behind.empty() ? "" : " ");
+    text.append(behind).push_back('\n');
+}
+
+size_t keyLineLength(std::string_view name) {
+    const std::string_view behind = markBehind(name);
+    return markInFront(name).size() + name.size() + 1 + kLongestNumber +
+           (behind.empty() ? 0 : behind.size() + 1);
+}
 
 RegistryLine parseLine(std::string_view line, bool wantsDefects) {
     const size_t nul = line.find('\0');

@@ -15,7 +15,7 @@ TEST_F(KzregCheck, NamesEachBadLineAndNoOther) {
     };
     const Line lines[] = {
         {"# a comment", nullptr},
-        {"early: 1; REG_SZ", "a value before any key"},
+        {"early: 1; REG_SZ", "a value without a key"},
         {"hkey_local_machine:12", nullptr},
         {"hkey_local_machine\\a:0x1F", nullptr},
         {"", nullptr},
@@ -44,6 +44,8 @@ TEST_F(KzregCheck, NamesEachBadLineAndNoOther) {
         {"HKEY_LOCAL_MACHINE\\g:5", "a key's name must begin with \"hkey_local_machine\" in lower case"},
         {"hkey_local_machine\\A:31", "the key of line 4 again; its number is ignored"},
         {"text: one; REG_SZ", nullptr},
+        {"\\:hkey_local_machine", "a key's line that names no key"},
+        {"nobody's: 1; REG_SZ", "a value without a key"},
         {std::string(4096, 'x'), "longer than 4095 characters; nothing from here on is read"},
         {"not read", nullptr},
     };
