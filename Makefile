@@ -5,6 +5,7 @@
 #   make check     the tests, again under the sanitizers, and clang's analysis of the locks
 #   make soak      the kernel's stress tests at full length: 10 million signals a lane, about half an hour
 #   make bench     every benchmark beside its floor        PRESET=amd64 for 64-bit
+#   make fuzz      each parser against made-up inputs      FUZZ_SECONDS=600 for each target
 #   make install   into PREFIX (/usr/local), below DESTDIR
 #   make package   a Debian package, in build/package
 #   make docs      the reference of the public headers, in build/docs
@@ -14,11 +15,13 @@ PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 # A test that hangs is stopped by its own time-out; this bounds the whole run.
 SUITE_SECONDS ?= 1500
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= $(patsubst fuzz/%_fuzz.cpp,%,$(wildcard fuzz/*_fuzz.cpp))
 
 BUILD = build/$(PRESET)
 export PRESET
 
-.PHONY: all demo test check soak bench install package docs format lint clean build
+.PHONY: all demo test check soak bench fuzz install package docs format lint clean build
 
 all: build
 
@@ -57,6 +60,20 @@ bench:
 	cmake --preset $(PRESET) -DTRAIKLOFOX_BENCH=ON
 	cmake --build $(BUILD) --parallel $(JOBS) --target benchmarks
 	cmake --build $(BUILD) --target bench
+
+# What it comes upon besides findings is kept in build/fuzz/corpus, for the next run to start from.
+fuzz:
+	@scripts/bootstrap build fuzz
+	cmake --preset fuzz
+	cmake --build build/fuzz --parallel $(JOBS) --target fuzzers
+	@mkdir -p build/fuzz/findings
+	@set -e; for target in $(FUZZ_TARGETS); do \
+	  echo "$$target: $(FUZZ_SECONDS) seconds"; \
+	  mkdir -p build/fuzz/corpus/$$target; \
+	  UBSAN_OPTIONS=print_stacktrace=1 build/fuzz/fuzz/$${target}_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
+	    -timeout=20 -dict=fuzz/$$target.dict -artifact_prefix=build/fuzz/findings/$$target- -close_fd_mask=3 \
+	    -verbosity=0 -print_final_stats=1 build/fuzz/corpus/$$target fuzz/corpus/$$target; \
+	done
 
 install:
 	@scripts/bootstrap build

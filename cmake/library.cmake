@@ -45,3 +45,6 @@ endif()
 add_library(traiklofox_static STATIC $<TARGET_OBJECTS:traiklofox_objects>)
 target_include_directories(traiklofox_static INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
 target_compile_definitions(traiklofox_static INTERFACE _FILE_OFFSET_BITS=64)
+if(TRAIKLOFOX_CHECK_LOCK_ORDER)  # inline functions of the library's own headers have it in them
+  target_compile_definitions(traiklofox_static INTERFACE TRAIKLOFOX_CHECK_LOCK_ORDER)
+endif()
