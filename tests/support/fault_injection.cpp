@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <optional>
 #include <stdexcept>
 
 #include "support/fault_rules.h"
@@ -24,12 +26,15 @@ namespace {
 constexpr size_t kRules = 8;
 constexpr size_t kLongestPattern = 256;
 
+enum class Effect { Count, Fail, DieBefore, DieAfter };
+
 // The plain fields change only while `active` is false and no reader is inside the table.
 struct Rule {
     std::atomic<bool> active;
     bool taken;
+    bool anyCall;
     Call call;
-    bool fails;
+    Effect effect;
     int error;
     int onCall;
     bool andAllLater;
@@ -61,7 +66,7 @@ bool descriptorIsAt(int fd, const char* pattern) {
 }
 
 bool matches(const Rule& rule, Call call, const Target& target) {
-    if (rule.call != call) return false;
+    if (rule.anyCall ? call == Call::Malloc : rule.call != call) return false;
     if (rule.thread != 0 && rule.thread != ::gettid()) return false;
     if (rule.path[0] == '\0') return true;
     return contains(target.path, rule.path) || contains(target.secondPath, rule.path) ||
@@ -70,12 +75,15 @@ bool matches(const Rule& rule, Call call, const Target& target) {
 
 void apply(Rule& rule, Verdict& verdict) {
     const int number = rule.calls.fetch_add(1) + 1;
-    if (!rule.fails) return;
+    if (rule.effect == Effect::Count) return;
     const bool first = number == rule.onCall;
     const bool later = number > rule.onCall && rule.andAllLater;
     if (!first && !later) return;
     rule.fired.fetch_add(1);
-    if (first && rule.transferAtMost != SIZE_MAX) {
+    if (rule.effect == Effect::DieBefore) die();
+    if (rule.effect == Effect::DieAfter) {
+        verdict.thenDies = true;
+    } else if (first && rule.transferAtMost != SIZE_MAX) {
         verdict.transferAtMost = rule.transferAtMost;
     } else {
         verdict.fails = true;
@@ -94,6 +102,12 @@ void forgetReaders() {
 
 }  // namespace
 
+void die() {
+    // The system calls themselves, because `kill` is one of the wrapped functions.
+    (void)::syscall(SYS_kill, ::getpid(), SIGKILL);
+    for (;;) ::pause();
+}
+
 Verdict judge(Call call, const Target& target) {
     Verdict verdict;
     if (activeRules.load() == 0) return verdict;
@@ -109,15 +123,19 @@ Verdict judge(Call call, const Target& target) {
 
 namespace {
 
-int addRule(Call call, bool fails, int error, const Options& options) {
+/// A rule that is about the n-th call of whatever kind.
+constexpr std::optional<Call> kAnyCall;
+
+int addRule(std::optional<Call> call, Effect effect, int error, const Options& options) {
     [[maybe_unused]] static const int handlersSet = ::pthread_atfork(nullptr, nullptr, forgetReaders);
     if (options.path.size() >= kLongestPattern) throw std::invalid_argument("fault: the path is too long");
     for (size_t slot = 0; slot < kRules; ++slot) {
         Rule& rule = rules[slot];
         if (rule.taken) continue;
         rule.taken = true;
-        rule.call = call;
-        rule.fails = fails;
+        rule.anyCall = !call;
+        rule.call = call.value_or(Call{});
+        rule.effect = effect;
         rule.error = error;
         rule.onCall = options.onCall;
         rule.andAllLater = options.andAllLater;
@@ -135,6 +153,18 @@ int addRule(Call call, bool fails, int error, const Options& options) {
 
 constexpr int kOnlyCount = 0;
 
+Effect effectOf(int error, const Options& options) {
+    return error != kOnlyCount || options.transferAtMost != SIZE_MAX ? Effect::Fail : Effect::Count;
+}
+
+void endRule(int slot) {
+    Rule& rule = rules[static_cast<size_t>(slot)];
+    activeRules.fetch_sub(1);
+    rule.active.store(false);
+    waitForReaders();
+    rule.taken = false;
+}
+
 }  // namespace
 
 }  // namespace faults
@@ -143,15 +173,19 @@ FailCall::FailCall(faults::Call call, int error, int onCall)
     : FailCall(call, error, faults::Options{.onCall = onCall}) {}
 
 FailCall::FailCall(faults::Call call, int error, const faults::Options& options)
-    : slot_(faults::addRule(call, /*fails=*/error != faults::kOnlyCount || options.transferAtMost != SIZE_MAX,
-                            error, options)) {}
+    : slot_(faults::addRule(call, faults::effectOf(error, options), error, options)) {}
 
 FailCall::~FailCall() {
-    faults::Rule& rule = faults::rules[static_cast<size_t>(slot_)];
-    faults::activeRules.fetch_sub(1);
-    rule.active.store(false);
-    faults::waitForReaders();
-    rule.taken = false;
+    faults::endRule(slot_);
+}
+
+KillAtCall::KillAtCall(Moment moment, int onCall)
+    : slot_(faults::addRule(faults::kAnyCall,
+                            moment == Moment::Before ? faults::Effect::DieBefore : faults::Effect::DieAfter,
+                            /*error=*/0, {.onCall = onCall})) {}
+
+KillAtCall::~KillAtCall() {
+    faults::endRule(slot_);
 }
 
 int FailCall::calls() const {

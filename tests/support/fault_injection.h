@@ -26,11 +26,12 @@ enum class Call {
     Fopen,
     // With a descriptor, or a stream over one:
     Close, Read, Write, Lseek, Ftruncate, Fdatasync, Fsync, Lockf, Flock, Fcntl, Fstat, Fchmod, Fchown,
-    Readdir, Mmap, Fdopen, Fwrite, Fputs, Fgets, Fflush, Fclose,
+    Readdir, Closedir, Mmap, Fdopen, Fwrite, Fputs, Fgets, Fflush, Fclose,
     // With neither:
     Semget, Semop, Semctl, Shmget, Shmctl, Shmat, Munmap, Malloc, PthreadCreate, Fork, Pipe2, Waitpid, Kill,
-    Nanosleep,
+    Nanosleep, Getrandom,
 };
+constexpr int kCallKinds = static_cast<int>(Call::Getrandom) + 1;
 // clang-format on
 
 /// Which calls a rule is about, and what becomes of them.
@@ -47,8 +48,8 @@ struct Options {
 
 }  // namespace faults
 
-/// While it lives, the call that it names fails. A failing call does nothing: a failing `close` keeps the
-/// descriptor open, a failing `fclose` the stream.
+/// While it lives, the call that it names fails. A failing call does nothing, except that one that closes has
+/// closed all the same, as on Linux.
 class FailCall {
   public:
     FailCall(faults::Call call, int error, int onCall = 1);
@@ -74,6 +75,20 @@ class CountCalls {
 
   private:
     FailCall rule_;
+};
+
+/// While it lives, the process kills itself with SIGKILL at its n-th call of whatever kind (malloc is not
+/// counted), before the call or when it has been made.
+class KillAtCall {
+  public:
+    enum class Moment { Before, After };
+    KillAtCall(Moment moment, int onCall);
+    KillAtCall(const KillAtCall&) = delete;
+    KillAtCall& operator=(const KillAtCall&) = delete;
+    ~KillAtCall();
+
+  private:
+    int slot_;
 };
 
 /// Runs `body` with the first matching call failing, then with the second, and so on, until a run in which

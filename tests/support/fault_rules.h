@@ -22,10 +22,14 @@ struct Verdict {
     bool fails = false;
     int error = 0;
     size_t transferAtMost = SIZE_MAX;
+    bool thenDies = false;
 };
 
-/// Counts the call with every matching rule.
+/// Counts the call with every matching rule, and ends the process where one says so.
 Verdict judge(Call call, const Target& target);
+
+/// Ends the process by SIGKILL.
+[[noreturn]] void die();
 
 /// The wall clock's reading when a FakeTime rules, from the real one.
 timespec fakeWallClock(const timespec& real);

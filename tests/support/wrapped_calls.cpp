@@ -26,6 +26,7 @@
 #include "support/fault_rules.h"
 
 using traiklofox::test::faults::Call;
+using traiklofox::test::faults::die;
 using traiklofox::test::faults::judge;
 using traiklofox::test::faults::Target;
 
@@ -46,9 +47,13 @@ constexpr Target kNowhere{};
 template <class Real, class Result = decltype(std::declval<Real>()())>
 Result pass(Call call, const Target& target, Real real, Result failure) {
     const auto verdict = judge(call, target);
-    if (!verdict.fails) return real();
-    errno = verdict.error;
-    return failure;
+    if (verdict.fails) {
+        errno = verdict.error;
+        return failure;
+    }
+    const Result result = real();
+    if (verdict.thenDies) die();
+    return result;
 }
 template <class Real>
 auto pass(Call call, const Target& target, Real real) {
@@ -59,7 +64,22 @@ auto pass(Call call, const Target& target, Real real) {
 template <class Real>
 ssize_t transfer(Call call, int fd, size_t size, Real real) {
     const auto verdict = judge(call, at(fd));
-    if (!verdict.fails) return real(std::min(size, verdict.transferAtMost));
+    if (verdict.fails) {
+        errno = verdict.error;
+        return -1;
+    }
+    const ssize_t result = real(std::min(size, verdict.transferAtMost));
+    if (verdict.thenDies) die();
+    return result;
+}
+
+/// The same for what closes: a failure is reported when it is done.
+template <class Real>
+int closing(Call call, const Target& target, Real real) {
+    const auto verdict = judge(call, target);
+    const int result = real();
+    if (verdict.thenDies) die();
+    if (!verdict.fails) return result;
     errno = verdict.error;
     return -1;
 }
@@ -153,6 +173,7 @@ int __real_fstat64(int, struct stat*);
 int __real_fchmod(int, mode_t);
 int __real_fchown(int, uid_t, gid_t);
 struct dirent* __real_readdir64(DIR*);
+int __real_closedir(DIR*);
 void* __real_mmap64(void*, size_t, int, int, int, off_t);
 FILE* __real_fdopen(int, const char*);
 size_t __real_fwrite(const void*, size_t, size_t, FILE*);
@@ -162,7 +183,7 @@ int __real_fflush(FILE*);
 int __real_fclose(FILE*);
 
 int __wrap_close(int fd) {
-    return pass(Call::Close, at(fd), [&] { return __real_close(fd); });
+    return closing(Call::Close, at(fd), [&] { return __real_close(fd); });
 }
 ssize_t __wrap_read(int fd, void* buffer, size_t size) {
     return transfer(Call::Read, fd, size, [&](size_t most) { return __real_read(fd, buffer, most); });
@@ -208,6 +229,9 @@ struct dirent* __wrap_readdir64(DIR* directory) {
     return pass(Call::Readdir, at(::dirfd(directory)), [&] { return __real_readdir64(directory); },
                 static_cast<struct dirent*>(nullptr));
 }
+int __wrap_closedir(DIR* directory) {
+    return closing(Call::Closedir, at(::dirfd(directory)), [&] { return __real_closedir(directory); });
+}
 void* __wrap_mmap64(void* address, size_t size, int protection, int flags, int fd, off_t offset) {
     const auto map = [&] { return __real_mmap64(address, size, protection, flags, fd, offset); };
     return pass(Call::Mmap, at(fd), map, MAP_FAILED);
@@ -231,7 +255,7 @@ int __wrap_fflush(FILE* stream) {
     return pass(Call::Fflush, target, [&] { return __real_fflush(stream); }, EOF);
 }
 int __wrap_fclose(FILE* stream) {
-    return pass(Call::Fclose, at(stream), [&] { return __real_fclose(stream); }, EOF);
+    return closing(Call::Fclose, at(stream), [&] { return __real_fclose(stream); });
 }
 
 int __real_semget(key_t, int, int);
@@ -248,6 +272,7 @@ int __real_pipe2(int*, int);
 pid_t __real_waitpid(pid_t, int*, int);
 int __real_kill(pid_t, int);
 int __real_nanosleep(const struct timespec*, struct timespec*);
+ssize_t __real_getrandom(void*, size_t, unsigned int);
 
 int __wrap_semget(key_t key, int count, int flags) {
     return pass(Call::Semget, kNowhere, [&] { return __real_semget(key, count, flags); });
@@ -281,7 +306,9 @@ void* __wrap_malloc(size_t size) {
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument) {
     const auto verdict = judge(Call::PthreadCreate, kNowhere);
-    return verdict.fails ? verdict.error : __real_pthread_create(thread, attributes, body, argument);
+    const int error = verdict.fails ? verdict.error : __real_pthread_create(thread, attributes, body, argument);
+    if (verdict.thenDies) die();
+    return error;
 }
 pid_t __wrap_fork() {
     return pass(Call::Fork, kNowhere, [&] { return __real_fork(); });
@@ -297,6 +324,10 @@ int __wrap_kill(pid_t pid, int signal) {
 }
 int __wrap_nanosleep(const struct timespec* duration, struct timespec* remaining) {
     return pass(Call::Nanosleep, kNowhere, [&] { return __real_nanosleep(duration, remaining); });
+}
+
+ssize_t __wrap_getrandom(void* buffer, size_t size, unsigned int flags) {
+    return pass(Call::Getrandom, kNowhere, [&] { return __real_getrandom(buffer, size, flags); });
 }
 
 int __real_clock_gettime(clockid_t, struct timespec*);

@@ -3,7 +3,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <thread>
@@ -18,7 +20,9 @@ struct FaultInjection : testing::Test {
     TempDir directory;
     std::string path = directory / "file";
     int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    ~FaultInjection() override { ::close(fd); }
+    ~FaultInjection() override {
+        if (fd >= 0) ::close(fd);
+    }
 };
 
 TEST_F(FaultInjection, OnlyTheChosenCallFails) {
@@ -75,6 +79,30 @@ TEST_F(FaultInjection, EveryCallIsMadeToFailOnce) {
     });
     EXPECT_EQ(runs, 3);
     EXPECT_EQ(failedAt, (std::vector<int>{11, 22, 33}));
+}
+
+TEST_F(FaultInjection, WhatFailsToCloseIsClosed) {
+    const FailCall fails{Call::Close, EIO};
+    EXPECT_EQ(::close(fd), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(::close(std::exchange(fd, -1)), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(FaultInjection, AProcessDiesBeforeOrAfterTheChosenCall) {
+    for (const auto moment : {KillAtCall::Moment::Before, KillAtCall::Moment::After}) {
+        ASSERT_EQ(::ftruncate(fd, 0) + ::lseek(fd, 0, SEEK_SET), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            const KillAtCall death{moment, /*onCall=*/2};
+            for (const char* text : {"a", "b", "c"}) (void)!::write(fd, text, 1);
+            ::_exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        EXPECT_EQ(readText(path), moment == KillAtCall::Moment::Before ? "a" : "ab");
+    }
 }
 
 TEST_F(FaultInjection, EveryListedFunctionPassesThroughUnharmed) {
