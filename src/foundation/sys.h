@@ -123,11 +123,30 @@ inline int unlink(const char* path) {
     return ::unlink(path);
 }
 
+inline DIR* opendir(const char* path) {
+    return ::opendir(path);
+}
+inline dirent* readdir(DIR* directory) {
+    return ::readdir(directory);
+}
+inline int closedir(DIR* directory) {
+    return ::closedir(directory);
+}
+
+inline int kill(pid_t process, int signal) {
+    return ::kill(process, signal);
+}
+
 inline int semget(key_t key, int count, int flags) {
     return ::semget(key, count, flags);
 }
 inline int semop(int set, struct sembuf* operation) {
     return retryInterrupted([&] { return ::semop(set, operation, 1); });
+}
+/// `argument` is the union that the system call takes.
+template <class Argument>
+int semctl(int set, int number, int command, Argument argument) {
+    return ::semctl(set, number, command, argument);
 }
 inline int shmget(key_t key, size_t size, int flags) {
     return ::shmget(key, size, flags);

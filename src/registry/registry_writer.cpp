@@ -10,7 +10,6 @@
 #include <traiklofox/temp_name.h>
 
 #include <dirent.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -181,11 +180,11 @@ int writeTree() {
 
 void removeStaleTemporaryFiles() {
     const CKZString directory = registryDirectory();
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(sys::opendir(directory.c_str()), sys::closedir);
     if (entries == nullptr) return;
-    while (const dirent* entry = readdir(entries.get())) {
+    while (const dirent* entry = sys::readdir(entries.get())) {
         const auto maker = files::processOfTemporaryName(entry->d_name);
-        if (!maker || *maker == getpid() || kill(*maker, 0) == 0 || errno != ESRCH) continue;
+        if (!maker || *maker == getpid() || sys::kill(*maker, 0) == 0 || errno != ESRCH) continue;
         (void)sys::unlink((directory + entry->d_name).c_str());  // tried again by the next write
     }
 }

@@ -35,7 +35,7 @@ union SemaphoreArgument {
 };
 
 int controlSemaphore(int set, int command, SemaphoreArgument argument) {
-    return ::semctl(set, 0, command, argument);
+    return sys::semctl(set, 0, command, argument);
 }
 
 int semaphoreOperation(int set, sembuf operation) {
