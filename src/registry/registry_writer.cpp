@@ -107,12 +107,26 @@ void countWrite() {
     MyVersionStamp.store(stamp, std::memory_order_release);
 }
 
+/// Gives the file the template's owner and mode; false, with errno, when others could read what they may not. On a
+/// file system that knows no modes the template is as open.
+bool closeToOthers(FileLock& file) {
+    // Only root may give a file away; others own it already or must live with that.
+    (void)sys::fchown(file.GetFileDescriptor(), KzUserId, KzGroupId);
+    if (sys::fchmod(file.GetFileDescriptor(), KzFileMode) == 0) return true;
+    const int error = errno;
+    struct stat status {};
+    const bool closed = file.FileStat(&status) == 0 && (status.st_mode & 07777 & ~KzFileMode) == 0;
+    errno = error;
+    return closed;
+}
+
 /// Writes the whole text and puts it on the disk.
 bool fillTemporary(FileLock& file, const CKZString& name, WriteBatch& batch) {
-    // First, so that nobody reads what he may not. Only root may give a file away; others own it already or must
-    // live with that.
-    (void)sys::fchown(file.GetFileDescriptor(), KzUserId, KzGroupId);
-    (void)sys::fchmod(file.GetFileDescriptor(), KzFileMode);
+    if (!closeToOthers(file)) {
+        unix_err("WriteRegistry: Unable to set mode of temp file - %s.  errno = %s\n", name.c_str(),
+                 std::strerror(errno));
+        return false;
+    }
     if (!printTree(file, batch) || !file.Flush()) {
         unix_err("WriteRegistry: Unable to write temp file - %s.  errno = %s\n", name.c_str(),
                  std::strerror(errno));
