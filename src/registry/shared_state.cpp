@@ -178,8 +178,9 @@ void takeSemaphore() {
 
 void giveSemaphore() {
     ShmStruct()->lockHolder.store(0, std::memory_order_seq_cst);
-    (void)semaphoreOperation(RegSemId.load(std::memory_order_acquire),
-                             kSemUnlock);  // removed: the next lock sees to it
+    const bool given = semaphoreOperation(RegSemId.load(std::memory_order_acquire), kSemUnlock) == 0;
+    // Removed: the next lock sees to it. Otherwise it is kept, which would block everybody, this process included.
+    if (!given && errno != EIDRM && errno != EINVAL) abortOver("semop()", "semaphore");
 }
 
 }  // namespace traiklofox::registry
