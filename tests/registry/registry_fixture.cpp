@@ -28,13 +28,11 @@ std::string takeColumn(std::string_view& rest, std::string_view line, size_t len
 }
 
 Names split(const std::string& text, char separator) {
-    Names parts(1);
-    for (const char c : text) {
-        if (c == separator)
-            parts.emplace_back();
-        else
-            parts.back() += c;
-    }
+    Names parts;
+    size_t begin = 0;
+    for (size_t end = 0; (end = text.find(separator, begin)) != text.npos; begin = end + 1)
+        parts.push_back(text.substr(begin, end - begin));
+    parts.push_back(text.substr(begin));
     return parts;
 }
 

@@ -92,50 +92,6 @@ TEST_F(Writing, AFullDiskLeavesTheOldFileWholeAndTheChangesForTheNextWrite) {
     for (int i = 0; i < 20; ++i) EXPECT_EQ(keys.at(kExamplePath).at("v" + std::to_string(i)).data, text);
 }
 
-// Whatever call fails: a flush that succeeded has put its value in the file; one that failed has left a whole file, and
-// the next flush carries the value.
-TEST_F(Writing, NoCallThatFailsLosesWhatWasAcknowledged) {
-    struct Row {
-        Call call;
-        int error;
-        size_t transferAtMost = SIZE_MAX;
-    };
-    const Row rows[] = {
-        {Call::Open, ENOSPC},     {Call::Open, EACCES},  {Call::Write, ENOSPC},   {Call::Write, EIO},
-        {Call::Write, ENOSPC, 7}, {Call::Write, EINTR},  {Call::Fdatasync, EIO},  {Call::Fsync, EIO},
-        {Call::Fstat, EIO},       {Call::Fchown, EPERM}, {Call::Fchmod, EPERM},   {Call::Rename, ENOSPC},
-        {Call::Lockf, ENOLCK},    {Call::Lockf, EINTR},  {Call::Access, EACCES},  {Call::Unlink, EACCES},
-        {Call::Close, EIO},       {Call::Semop, EINTR},  {Call::Opendir, EMFILE}, {Call::Readdir, EIO},
-    };
-    int count = 0;
-    int failures = 0;
-    const CapturedStderr quiet;
-    for (const Row& row : rows) {
-        faults::Options options;
-        options.transferAtMost = row.transferAtMost;
-        options.andAllLater = row.transferAtMost != SIZE_MAX;
-        const auto flush = [&](const FailCall& fault, int onCall) {
-            SCOPED_TRACE("kind " + std::to_string(static_cast<int>(row.call)) + ", call " +
-                         std::to_string(onCall));
-            const std::string before = fileText();
-            const std::string name = "v" + std::to_string(++count % 10);
-            const std::string text = std::to_string(count);
-            ASSERT_EQ(setText(key, name, text), 0);
-            const bool acknowledged = RegFlushKey(key) == 0;
-            EXPECT_TRUE(acknowledged || fault.fired() > 0);
-            failures += !acknowledged;
-            EXPECT_TRUE(inFile(name) == text || (!acknowledged && fileText() == before)) << fileText();
-        };
-        failEveryCall(row.call, row.error, flush, options);
-        ASSERT_EQ(RegFlushKey(key), 0) << "what a failed write left is carried by the next";
-        EXPECT_EQ(inFile("v" + std::to_string(count % 10)), std::to_string(count));
-    }
-    EXPECT_GE(failures, 7);
-    EXPECT_LE(otherFiles().size(), 1u) << "one could not be removed when Unlink failed";
-    Peer peer;
-    EXPECT_EQ(peer.get("v" + std::to_string(count % 10)), std::to_string(count));
-}
-
 TEST_F(Writing, AFailedWriteKeepsEveryKindOfChangeForTheNext) {
     OpenKey::createBelow(key, "doomed");
     setText(key, "gone", "1");
