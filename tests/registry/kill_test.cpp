@@ -1,104 +1,294 @@
-// Writers that are killed at any moment lose nothing that was acknowledged, and block nobody.
+// Writers that are killed, at any system call or at any moment, lose nothing that was acknowledged, and block nobody.
 
+#include <sched.h>
+#include <sys/ipc.h>
+#include <sys/mount.h>
+#include <sys/sem.h>
+
+#include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <thread>
 
 #include "registry/registry_fixture.h"
+#include "registry/shared_state.h"
+#include "support/bounded_wait.h"
+#include "support/fault_injection.h"
 
 namespace traiklofox::test {
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using Moment = KillAtCall::Moment;
+using registry::ShmStruct;
+namespace fs = std::filesystem;
 
-constexpr unsigned kWriters = 8;
-constexpr int kKills = kSanitized ? 15 : 50;
-constexpr int kSlots = 20;  // values of one writer, which it sets by turns
+/// The lines of the file that its reader would not take as they look.
+class BadLines : public RegFileVisitor {
+  public:
+    explicit BadLines(const std::string& path) { EXPECT_EQ(RegVisitFile(path.c_str(), *this), 1); }
+    void onKey(DWORD, const CKZString&, LONG) override {}
+    void onValue(DWORD, const RegValueList&) override {}
+    void onDefect(DWORD line, const char* what) override {
+        all_ += std::to_string(line) + ": " + what + "\n";
+    }
+    const std::string& all() const { return all_; }
 
-/// Sets its values to ever higher numbers, each written before the next, and tells which are.
+  private:
+    std::string all_;
+};
+
+class Killing : public StartedRegistryTest {
+  protected:
+    /// What must hold whoever was killed at whatever moment.
+    void expectWholeAndFree() const {
+        (void)fileKeys();  // throws unless every line is laid out as it should be
+        EXPECT_EQ(BadLines(file()).all(), "");
+        const int semaphore = ::semget(::ftok("/usr/lib/tarnwell/twml_data.dat", 1), 1, 0);
+        EXPECT_EQ(::semctl(semaphore, 0, GETVAL), 1);
+        setText(key, "survivor", std::to_string(++writes_));
+        ASSERT_EQ(RegFlushKey(key), 0);
+        EXPECT_EQ(inFile("survivor"), std::to_string(writes_));
+        EXPECT_EQ(otherFiles(), Names{}) << "a write removes the temporary files of the dead";
+    }
+
+  private:
+    mutable int writes_ = 0;
+};
+
+/// Writes one value; then dies at the call number `args[1]` of writing another.
+TEST_ROLE(diesWhileItWrites) {
+    const OpenKey key(kExample);
+    if (setText(key, "acknowledged", args.at(1)) != 0 || RegFlushKey(key) != 0) return 1;
+    setText(key, "asked", args.at(1));
+    const KillAtCall death(args.at(0) == "before" ? Moment::Before : Moment::After, std::stoi(args.at(1)));
+    return RegFlushKey(key) == 0 ? 0 : 1;
+}
+
+TEST_F(Killing, AtAnySystemCallOfAWriteLosesNothingAcknowledged) {
+    std::string asked = "none";
+    for (const char* moment : {"before", "after"}) {
+        int onCall = 1;
+        for (bool killed = true; killed; ++onCall) {
+            const std::string number = std::to_string(onCall);
+            SCOPED_TRACE(moment + (" call " + number));
+            RoleProcess writer("diesWhileItWrites", {moment, number});
+            const ExitStatus status = writer.wait();
+            killed = status == ExitStatus::killedBy(SIGKILL);
+            EXPECT_TRUE(killed || status == ExitStatus::exited(0)) << status;
+            EXPECT_EQ(inFile("acknowledged"), number);
+            const std::string found = inFile("asked").value_or("none");
+            EXPECT_TRUE(found == number || (killed && found == asked)) << found;
+            asked = found;
+            EXPECT_EQ(textAt(kExample, "asked").value_or("none"), found) << "the file that is there is read";
+            expectWholeAndFree();
+        }
+        EXPECT_GT(onCall, 20);
+    }
+}
+
+/// Makes an installation's shared objects and its file, and dies on the way at the call number `args[0]`.
+TEST_ROLE(diesWhileItStarts) {
+    const KillAtCall death(Moment::Before, std::stoi(args.at(0)));
+    InitRegistry(REG_INIT_BACKUP, /*create=*/true);
+    return 0;
+}
+
+constexpr int kNobodyDied = 2;
+
+/// On a machine of its own, so that several work at once: most wait for a while for a creator that is dead.
+TEST_ROLE(startsAfterOneThatDied) {
+    if (::unshare(CLONE_NEWIPC | CLONE_NEWNS) != 0 ||
+        ::mount("tmpfs", "/usr/lib/tarnwell", "tmpfs", MS_NOSUID, nullptr) != 0)
+        return 1;
+    ::setenv("TWHOME", args.at(1).c_str(), /*overwrite=*/1);
+    RoleProcess first("diesWhileItStarts", {args.at(0)});
+    const ExitStatus status = first.wait();
+    std::vector<Peer> next(2);
+    next[0].tell({"setMany", kExample, "a", "20"});
+    next[1].tell({"setMany", kExample, "b", "20"});
+    for (Peer& peer : next) EXPECT_EQ(peer.answer(), "0");
+    const FileKeys keys = parseRegistry(readText(args.at(1) + "/registry/tw.registry"));
+    EXPECT_EQ(keys.at(kExamplePath).size(), 41u);  // with the template's one
+    for (const auto& entry : fs::directory_iterator(args.at(1) + "/registry"))
+        EXPECT_EQ(entry.path().filename().string().find("tw.registry"), 0u) << entry;
+    EXPECT_TRUE(status == ExitStatus::killedBy(SIGKILL) || status == ExitStatus::exited(0)) << status;
+    return status == ExitStatus::exited(0) ? kNobodyDied : 0;
+}
+
+class KillingAtTheStart : public RegistryTest {};
+
+TEST_F(KillingAtTheStart, AtAnySystemCallLeavesAnInstallationThatStarts) {
+    constexpr int kAtOnce = 10;
+    int onCall = 1;
+    for (bool killed = true; killed;) {
+        std::vector<RoleProcess> successors;
+        for (int i = 0; i < kAtOnce; ++i, ++onCall) {
+            const std::string number = std::to_string(onCall);
+            const std::string ownHome = home() + "/" + number;
+            writeText(ownHome + "/registry/tw.registry.template", readText(templateFile()));
+            successors.emplace_back("startsAfterOneThatDied", RoleArguments{number, ownHome});
+        }
+        for (RoleProcess& successor : successors) {
+            const ExitStatus status = successor.wait();
+            EXPECT_TRUE(status == ExitStatus::exited(0) || status == ExitStatus::exited(kNobodyDied))
+                << status;
+            killed = status == ExitStatus::exited(0);
+        }
+    }
+    EXPECT_GT(onCall, 30);
+}
+
+constexpr int kWriters = 8;
+constexpr int kKills = kSanitized ? 100 : 500;
+constexpr int kSlots = 20;   // values of one writer, which it sets by turns
+constexpr int kSubkeys = 4;  // keys of one writer, of which it makes one and deletes another by turns
+
+std::string slotOf(int step) {
+    return "v" + std::to_string(step % kSlots);
+}
+std::string subkeyOf(int step) {
+    return "k" + std::to_string(step % kSubkeys);
+}
+
+/// Each step changes several things and is acknowledged as a whole.
+bool takeStep(HKEY key, int step) {
+    const std::string number = std::to_string(step);
+    if (setText(key, slotOf(step), number) != 0) return false;
+    if (step % 5 == 0) {
+        const OpenKey made = OpenKey::createBelow(key, subkeyOf(step));
+        if (setText(made, "step", number) != 0) return false;
+        (void)RegDeleteKey(key, subkeyOf(step + 2).c_str());  // there is none at first
+    }
+    return RegFlushKey(key) == 0;
+}
+
+/// What the file then holds of the writer: by value's name, or by key and name.
+using State = std::map<std::string, std::string>;
+
+State stateAfter(int lastStep) {
+    State state;
+    for (int step = 1; step <= lastStep; ++step) {
+        state[slotOf(step)] = std::to_string(step);
+        if (step % 5 != 0) continue;
+        state[subkeyOf(step)] = std::to_string(step);
+        state.erase(subkeyOf(step + 2));
+    }
+    return state;
+}
+
 TEST_ROLE(writesAndTells) {
     const OpenKey own = OpenKey::createBelow(OpenKey(kExample), args.at(0));
-    tellTest("ready");
-    for (int i = 1; hearTest(0ms) != "stop"; ++i) {
-        if (setText(own, "v" + std::to_string(i % kSlots), std::to_string(i)) != 0 || RegFlushKey(own) != 0)
-            return 1;
-        tellTest(std::to_string(i));
+    for (int step = std::stoi(args.at(1)); hearTest(0ms) != "stop"; ++step) {
+        if (!takeStep(own, step)) return 1;
+        tellTest(std::to_string(step));
     }
     return 0;
 }
 
 class Writer {
   public:
-    explicit Writer(const std::string& name) : name_(name), process_("writesAndTells", {name}) {
-        EXPECT_EQ(process_.readLine(), "ready");
+    explicit Writer(int number) : name_("w" + std::to_string(number)) { start(); }
+
+    void start() {
+        process_ =
+            std::make_unique<RoleProcess>("writesAndTells", RoleArguments{name_, std::to_string(last_ + 1)});
     }
+    pid_t pid() const { return process_->pid(); }
     /// Takes down what it has told until now; with a `wait`, until its end.
     void listen(std::chrono::milliseconds wait = 0ms) {
-        while (const auto line = process_.readLine(wait)) last_ = std::stoi(*line);
+        while (const auto line = process_->readLine(wait)) last_ = std::stoi(*line);
     }
-    void kill() {
-        process_.kill(SIGKILL);
-        EXPECT_EQ(process_.wait(), ExitStatus::killedBy(SIGKILL));
+    void killAndRestart() {
+        process_->kill(SIGKILL);
+        EXPECT_EQ(process_->wait(), ExitStatus::killedBy(SIGKILL)) << name_ << " failed";
         listen(kPeerTimeout);
+        start();
     }
     void stop() {
-        EXPECT_TRUE(process_.writeLine("stop"));
+        EXPECT_TRUE(process_->writeLine("stop"));
         listen(kPeerTimeout);
-        EXPECT_EQ(process_.wait(), ExitStatus::exited(0)) << name_ << " was blocked or failed";
+        EXPECT_EQ(process_->wait(), ExitStatus::exited(0)) << name_ << " was blocked or failed";
     }
-    /// Each of its last numbers is in its slot, or a later one whose telling its end forestalled.
+    /// Everything is as after its last step, or as after one more, whose telling its end forestalled.
     void check(const FileKeys& keys) const {
-        for (int i = std::max(1, last_ - kSlots + 1); i <= last_; ++i) {
-            const std::string name = "v" + std::to_string(i % kSlots);
-            const int found = std::stoi(keys.at(std::string(kExamplePath) + "\\" + name_).at(name).data);
-            EXPECT_TRUE(found == i || found == last_ + 1) << name_ << " lost " << i << ", has " << found;
+        const State told = stateAfter(last_);
+        const State oneMore = stateAfter(last_ + 1);
+        const State found = stateIn(keys);
+        State names = told;
+        names.insert(oneMore.begin(), oneMore.end());
+        names.insert(found.begin(), found.end());
+        for (const auto& [name, any] : names) {
+            const std::string text = textIn(found, name);
+            EXPECT_TRUE(text == textIn(told, name) || text == textIn(oneMore, name))
+                << name_ << ", told step " << last_ << ": " << name << " is " << text;
         }
     }
     int last() const { return last_; }
 
   private:
+    static std::string textIn(const State& state, const std::string& name) {
+        const auto entry = state.find(name);
+        return entry != state.end() ? entry->second : "(none)";
+    }
+    State stateIn(const FileKeys& keys) const {
+        const std::string own = std::string(kExamplePath) + "\\" + name_;
+        State state;
+        if (!keys.contains(own)) return state;
+        for (const auto& [name, value] : keys.at(own)) state[name] = value.data;
+        for (int i = 0; i < kSubkeys; ++i)
+            if (const auto key = keys.find(own + "\\" + subkeyOf(i)); key != keys.end())
+                state[subkeyOf(i)] =
+                    key->second.contains("step") ? key->second.at("step").data : "(no value)";
+        return state;
+    }
+
     std::string name_;
-    RoleProcess process_;
+    std::unique_ptr<RoleProcess> process_;
     int last_ = 0;
 };
 
-class Killing : public RegistryTest {};
-
-TEST_F(Killing, LosesNothingAcknowledgedAndBlocksNobody) {
+TEST_F(Killing, AtAnyMomentLosesNothingAcknowledgedAndBlocksNobody) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
     Random random(seed);
-    std::vector<std::unique_ptr<Writer>> writers;  // the last kWriters of them are alive
-    const auto addWriter = [&] {
-        writers.push_back(std::make_unique<Writer>("w" + std::to_string(writers.size())));
-    };
-    while (writers.size() < kWriters) addWriter();
-    for (int i = 0; i < kKills; ++i) {
-        const auto firstAlive = writers.end() - kWriters;
-        const auto moment = Clock::now() + std::chrono::microseconds{random.below(30'000)};
-        while (Clock::now() < moment) {
-            for (auto writer = firstAlive; writer != writers.end(); ++writer) (*writer)->listen();
+    std::vector<Writer> writers;
+    for (int i = 0; i < kWriters; ++i) writers.emplace_back(i);
+    int holders = 0;
+    for (int kills = 0; kills < kKills; ++kills) {
+        const auto moment = Clock::now() + std::chrono::microseconds{random.below(20'000)};
+        do {
+            for (Writer& writer : writers) writer.listen();
             std::this_thread::sleep_for(1ms);  // leaves the processors to the writers until the random moment
+        } while (Clock::now() < moment);
+        auto victim = writers.begin() + random.below(kWriters);
+        if (random.below(2) == 0) {  // rather the one that has the lock
+            const auto findHolder = [&] {
+                const auto holder = static_cast<pid_t>(ShmStruct()->lockHolder.load());
+                victim = std::ranges::find(writers, holder, &Writer::pid);
+                return victim != writers.end();
+            };
+            if (!within(1s, findHolder)) victim = writers.begin();
+            ++holders;
         }
-        std::iter_swap(firstAlive, firstAlive + random.below(kWriters));
-        (*firstAlive)->kill();
+        victim->killAndRestart();
         (void)fileKeys();  // throws unless the file is whole
-        addWriter();
+        EXPECT_LE(otherFiles().size(), 2u * kWriters);
+        if (HasFailure()) return;
     }
-    for (auto writer = writers.end() - kWriters; writer != writers.end(); ++writer) (*writer)->stop();
-    EXPECT_LE(otherFiles().size(), kWriters);
-    int acknowledged = 0;
+    for (Writer& writer : writers) writer.stop();
+    int steps = 0;
     const FileKeys keys = fileKeys();
-    for (const auto& writer : writers) {
-        writer->check(keys);
-        acknowledged += writer->last();
+    for (const Writer& writer : writers) {
+        writer.check(keys);
+        steps += writer.last();
     }
-    std::cout << acknowledged << " changes by " << writers.size() << " writers, " << kKills
-              << " of them killed\n";
-    EXPECT_GT(acknowledged, 100);
-    ASSERT_EQ(WriteRegistry(), 1);
-    EXPECT_EQ(otherFiles(), Names{}) << "a later write tidies up";
+    std::cout << steps << " steps by " << kWriters << " writers, " << kKills << " of them killed, " << holders
+              << " with the lock\n";
+    EXPECT_GT(steps, kKills);
+    expectWholeAndFree();
     EXPECT_EQ(textAt(kExample, "Name"), "primary");
 }
 

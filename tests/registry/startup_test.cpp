@@ -151,17 +151,6 @@ TEST_F(Startup, OtherThreadsWaitUntilTheFirstHasRead) {
     second.join();
 }
 
-TEST_F(Startup, ACreatorThatDiedHalfWayIsStoodInFor) {
-    writeText(kLockFile, "");
-    const int half = ::semget(::ftok(kLockFile, 1), 1, IPC_CREAT | IPC_EXCL | 0660);
-    ASSERT_NE(half, -1);
-    std::vector<Peer> peers(2);
-    for (size_t i = 0; i < 2; ++i) peers[i].tell({"setMany", kExample, i == 0 ? "a" : "b", "20"});
-    for (Peer& peer : peers) EXPECT_EQ(peer.answer(), "0");
-    EXPECT_EQ(fileKeys().at(kExamplePath).size(), 41u);
-    EXPECT_EQ(::semctl(half, 0, GETVAL), 1);
-}
-
 TEST_F(Startup, TheLockFileIsMadeWhenMissingAndNeverReplaced) {
     const auto inode = [] {
         struct stat status {};
