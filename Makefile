@@ -33,7 +33,7 @@ build:
 demo:
 	@scripts/bootstrap build test
 	cmake --preset $(PRESET)
-	cmake --build $(BUILD) --parallel $(JOBS) --target appserver
+	cmake --build $(BUILD) --parallel $(JOBS) --target appserver kzreg
 	$(BUILD)/examples/appserver demo
 
 # Under the thread sanitizer a process has a second thread from the start, and only root may then leave the machine

@@ -1,9 +1,9 @@
-// main.cpp: a small application server, an example of what the library is for. One program, several
-// processes:
+// main.cpp: a small application server, an example of what the library is for. One program, several processes:
 //
-//     appserver demo [--template FILE]   starts the others on a fresh installation and gives an account of
-//     them appserver server                   the server appserver connector NAME           a web server's
-//     connector to it appserver admin [COMMAND ...]      the administration tool
+//     appserver demo [--template FILE]    starts the others on a fresh installation and gives an account of them
+//     appserver server                    the server
+//     appserver connector NAME            a web server's connector to it
+//     appserver admin [COMMAND ...]       an administrator, who works with kzreg
 //
 // The last three use the registry of the installation that the environment variable TWHOME names.
 

@@ -16,7 +16,7 @@ int runServer();
 /// settings below "connectors".
 int runConnector(const std::string& name);
 
-/// The administration tool. With words it carries them out as one command; without, it reads commands.
+/// An administrator, who works with kzreg. With words it carries them out as one command; without, it reads commands.
 int runAdmin(const Words& words);
 
 }  // namespace appserver

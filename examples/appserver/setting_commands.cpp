@@ -15,10 +15,6 @@
 namespace appserver {
 namespace {
 
-bool isNumber(const std::string& text) {
-    return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
-}
-
 void get(const Words& arguments) {
     const RegistryKey key = RegistryKey::open(arguments[0]);
     std::printf("pid %u reads %s\n", static_cast<unsigned>(GetCurrentProcessId()),
@@ -51,22 +47,30 @@ long long nowUs() {
     return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-/// Sets PREFIX-001 = 1, PREFIX-002 = 2 and so on, each on disk before the next is begun. Prints when it began
-/// and ended, on the clock that all processes of a machine share.
 void fill(const Words& arguments) {
-    const unsigned long last = std::stoul(arguments[2]);
-    const long long begun = nowUs();
     RegistryKey key = RegistryKey::openOrCreate(arguments[0]);
-    for (unsigned long i = 1; i <= last; ++i) {
-        char name[64];
-        std::snprintf(name, sizeof name, "%.40s-%03lu", arguments[1].c_str(), i);
-        key.writeNumber(name, static_cast<DWORD>(i));
+    fillNumbers(arguments, [&](const std::string& name, DWORD number) {
+        key.writeNumber(name, number);
         key.flush();
-    }
-    std::printf("from %lld to %lld\n", begun, nowUs());
+    });
 }
 
 }  // namespace
+
+bool isNumber(const std::string& text) {
+    return !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+void fillNumbers(const Words& arguments, const std::function<void(const std::string&, DWORD)>& set) {
+    const unsigned long last = std::stoul(arguments[2]);
+    const long long begun = nowUs();
+    for (unsigned long i = 1; i <= last; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "%.40s-%03lu", arguments[1].c_str(), i);
+        set(name, static_cast<DWORD>(i));
+    }
+    std::printf("from %lld to %lld\n", begun, nowUs());
+}
 
 void addSettingCommands(Conversation& conversation) {
     conversation.add("get KEY NAME", get);

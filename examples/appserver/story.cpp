@@ -85,8 +85,8 @@ void checkCount(const Lines& answer, std::size_t keys, std::size_t values) {
     check(onlyLine(answer) == expected, "a walk that finds " + expected + ", not " + onlyLine(answer));
 }
 
-void setTimeout(ChildProcess& process, unsigned timeout) {
-    process.ask(std::string("set ") + kListener + " " + kSetting + " " + std::to_string(timeout));
+Lines setTimeout(ChildProcess& process, unsigned timeout) {
+    return process.ask(std::string("set ") + kListener + " " + kSetting + " " + std::to_string(timeout));
 }
 
 void checkReadsTimeout(ChildProcess& process, unsigned expected) {
@@ -96,17 +96,19 @@ void checkReadsTimeout(ChildProcess& process, unsigned expected) {
     say("%-14s %s", process.title().c_str(), line.c_str());
 }
 
-/// The number at the end of one of the lines that `RegDumpVersion` prints.
-unsigned long versionField(ChildProcess& admin, const std::string& label) {
-    for (const std::string& line : admin.ask("version")) {
-        if (line.starts_with(label)) return std::stoul(line.substr(label.size()));
+/// The number in one of the lines that `kzreg status` prints; 0 where it says "none".
+unsigned long statusField(ChildProcess& admin, const std::string& label) {
+    for (const std::string& line : admin.ask("status")) {
+        if (!line.starts_with(label)) continue;
+        const std::size_t digits = line.find_first_of("0123456789", label.size());
+        return digits != std::string::npos ? std::stoul(line.substr(digits)) : 0;
     }
     check(false, "a line \"" + label + "\"");
     return 0;
 }
 
 unsigned long versionStamp(ChildProcess& admin) {
-    return versionField(admin, "Registry version stamp: ");
+    return statusField(admin, "version stamp:");
 }
 
 Team startFromTemplate(const Installation& installation) {
@@ -165,9 +167,9 @@ void changeSetting(Team& team, const Installation& installation) {
     const unsigned long stampBefore = versionStamp(team.admin);
 
     const Clock::time_point begin = Clock::now();
-    setTimeout(team.admin, kSecondTimeout);
-    say("administration sets %s to %u; on disk after %.1f ms.", kSetting, kSecondTimeout,
-        millisecondsSince(begin));
+    const std::string command = onlyLine(setTimeout(team.admin, kSecondTimeout));
+    say("  $ %s", command.c_str());
+    say("On disk after %.1f ms.", millisecondsSince(begin));
     const std::string noticed = onlyLine(team.server.ask("await-change"));
     check(noticed == "noticed " + std::to_string(kSecondTimeout),
           "the server's watching thread to notice the change, not \"" + noticed + "\"");
@@ -233,7 +235,9 @@ double writeBurst(Team& team) {
     check(writes >= 4 * kValuesEach, "a write for each of the values");
 
     const double writeMs = wholeMs / static_cast<double>(writes);
-    say("Each sets %u values in one new key, and flushes after each value.", kValuesEach);
+    say("Each sets %u values in one new key, each on disk before the next: the administration process by",
+        kValuesEach);
+    say("a run of kzreg for each value, the others by a flush.");
     say("With the making of the key that is %lu writes of the file in %.0f ms, %.1f ms a write.", writes,
         wholeMs, writeMs);
     say("For %.0f ms all four were at it.", togetherMs);
@@ -294,7 +298,7 @@ void killLockHolder(Team& team) {
     holder.awaitAnswer();
     holder.ask("hold-lock");
     const pid_t holderPid = holder.pid();
-    check(versionField(team.admin, "Lock owner PID: ") == static_cast<unsigned long>(holderPid),
+    check(statusField(team.admin, "lock owner:") == static_cast<unsigned long>(holderPid),
           "a lock held by the process that took it");
     team.web1.send(std::string("set ") + kListener + " " + kSetting + " " + std::to_string(kThirdTimeout));
     check(!team.web1.speaksWithin(kProofOfWaiting), "a writer that waits for the lock");
@@ -326,6 +330,8 @@ void endAll(Team& team, const Installation& installation) {
     check(lines.size() == original.size() + newKeys + newValues, "a file that has grown by what was set");
     say("The file has %zu keys and %zu values: the template's, and the %zu and %zu that were set.", keys,
         lines.size() - keys, newKeys, newValues);
+    team.admin.ask("check " + installation.registryFile().string());
+    say("kzreg check finds no bad line in it.");
     for (ChildProcess* process : team.all()) check(process->finish() == 0, process->title() + " ends well");
     check(installation.fileNames() == Lines({"tw.registry", "tw.registry.bak", "tw.registry.template"}),
           "a directory without temporary files");
