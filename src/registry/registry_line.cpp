@@ -5,9 +5,9 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <string>
 
+#include "registry/file_number.h"
 #include "registry/key_numbers.h"
 
 namespace traiklofox::registry {
@@ -31,12 +31,12 @@ std::string_view markBehind(std::string_view name) {
     return isPlain ? std::string_view() : kRootWord;
 }
 
-/// The number behind a key's name, in any base that C knows.
+/// The number behind a key's name.
 LONG numberOf(std::string_view text, bool& whole) {
     const std::string number(text);
     char* end = nullptr;
     errno = 0;
-    const unsigned long value = std::strtoul(number.c_str(), &end, 0);
+    const std::uint32_t value = readNumber(number.c_str(), &end);
     whole = end != number.c_str() && *end == '\0' && errno == 0;
     return static_cast<LONG>(value);
 }
@@ -47,6 +47,8 @@ const char* defectOfKey(std::string_view name, LONG number, bool numberIsWhole) 
         return "taken for a key's line, because it has \"hkey_local_machine\" in it";
     if (name.size() > kRootWord.size() && name[kRootWord.size()] != '\\')
         return "the key's name does not go on with a backslash";
+    if (name.ends_with('\\') || name.find("\\\\") != name.npos)
+        return "the key's name has a backslash too many, which is passed over";
     if (!numberIsWhole) return "what follows the key's name is no number";
     if (!isHandleNumber(number))
         return "the key's number is outside 1 to 1073741822; it will be given another";

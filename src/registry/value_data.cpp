@@ -1,8 +1,9 @@
 #include "registry/value_data.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
+
+#include "registry/file_number.h"
 
 namespace traiklofox::registry {
 
@@ -15,7 +16,7 @@ LONG copyNumber(const RegValue& value, LPBYTE data, LPDWORD size) {
         if (tooSmall) return ERROR_MORE_DATA;
     }
     if (data == nullptr) return ERROR_SUCCESS;
-    const auto number = static_cast<DWORD>(std::strtoul(value.data.c_str(), nullptr, 0));
+    const DWORD number = readNumber(value.data.c_str(), /*end=*/nullptr);
     std::memcpy(data, &number, sizeof number);  // the caller's buffer need not be aligned
     return ERROR_SUCCESS;
 }
