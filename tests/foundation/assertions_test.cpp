@@ -3,49 +3,37 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include "support/captured_output.h"
 
-using namespace traiklofox::test;
+namespace traiklofox::test {
+namespace {
+
 using ::testing::KilledBySignal;
 using ::testing::MatchesRegex;
 
-namespace {
-
-using File = std::unique_ptr<FILE, decltype(&fclose)>;
-
 /// Runs a failing AssertPrompt that reads `answers`; returns what it wrote to its output.
-std::string prompt(const std::string& answers) {
-    const File in(tmpfile(), fclose);
-    fputs(answers.c_str(), in.get());
-    rewind(in.get());
-    char* text = nullptr;
-    size_t size = 0;
-    File out(open_memstream(&text, &size), fclose);
+std::string prompt(std::string answers) {
+    using File = std::unique_ptr<FILE, decltype(&fclose)>;
+    const File in(fmemopen(answers.data(), answers.size(), "r"), fclose);
+    std::string written(1000, '\0');
+    File out(fmemopen(written.data(), written.size(), "w"), fclose);
     AssertPrompt(false, "a == b", "file.cpp", 7, in.get(), out.get());
     out.reset();
-    std::string written(text, size);
-    free(text);
-    return written;
+    return written.c_str();
 }
 
-TEST(AssertPrompt, TrueConditionIsSilent) {
-    EXPECT_NO_FATAL_FAILURE(AssertPrompt(true, "a == b", "file.cpp", 7, nullptr, nullptr));
-}
-
-TEST(AssertPrompt, AsksUntilYesIsAnswered) {
-    struct Case {
-        const char *answers, *standardOutput;
-        int questions;
-    };
+TEST(AssertPrompt, AsksUntilYesIsAnsweredWhenTheConditionIsFalse) {
+    AssertPrompt(true, "a == b", "file.cpp", 7, nullptr, nullptr);
     for (const auto& [answers, standardOutput, questions] :
-         {Case{"y\n", "", 1}, Case{"Yes, go on\n", "", 1}, Case{"y", "", 1},
-          Case{"x\ny\n", "Unsupported response. ", 2},
-          Case{" y\n\xff\nY\n", "Unsupported response. Unsupported response. ", 3}}) {
+         {std::tuple{"y\n", "", 1},
+          {"Yes, go on\n", "", 1},
+          {"y", "", 1},
+          {"x\ny\n", "Unsupported response. ", 2},
+          {" y\n\xff\nY\n", "Unsupported response. Unsupported response. ", 3}}) {
         const CapturedStdout captured;
         const std::string written = prompt(answers);
         EXPECT_EQ(captured.text(), standardOutput) << answers;
@@ -66,31 +54,25 @@ TEST(AssertPromptDeathTest, AbortsOnNoAnEmptyLineAndTheEnd) {
     }
 }
 
-TEST(AbortDeathTest, AssertionTellsWhereAndAborts) {
-    EXPECT_EXIT(kz_assert("a < b", "file.cpp", 12), KilledBySignal(SIGABRT),
-                "^assertion \"a < b\" failed: file \"file.cpp\", line 12\n$");
-}
-
-TEST(AbortDeathTest, AbortsAlthoughTheSignalIsBlockedOrIgnored) {
-    const auto run = [] {
+TEST(AbortDeathTest, NothingKeepsItFromEndingTheProcess) {
+    const auto blockedAndIgnored = [] {
         sigset_t all;
         sigfillset(&all);
         sigprocmask(SIG_SETMASK, &all, nullptr);
         signal(SIGABRT, SIG_IGN);
         kz_abort();
     };
-    EXPECT_EXIT(run(), KilledBySignal(SIGABRT), "");
-}
-
-TEST(AbortDeathTest, HandlerRunsFirstWithAllOtherSignalsBlocked) {
-    const auto run = [] {
+    const auto handled = [] {
         signal(SIGABRT, [](int) {
             (void)!write(STDERR_FILENO, "handled", 7);
             raise(SIGTERM);  // must stay pending
         });
         kz_abort();
     };
-    EXPECT_EXIT(run(), KilledBySignal(SIGABRT), "^handled$");
+    EXPECT_EXIT(blockedAndIgnored(), KilledBySignal(SIGABRT), "");
+    EXPECT_EXIT(handled(), KilledBySignal(SIGABRT), "^handled$");
+    EXPECT_EXIT(kz_assert("a < b", "file.cpp", 12), KilledBySignal(SIGABRT),
+                "^assertion \"a < b\" failed: file \"file.cpp\", line 12\n$");
 }
 
 TEST(Beep, IsWrittenToStandardError) {
@@ -99,23 +81,18 @@ TEST(Beep, IsWrittenToStandardError) {
     EXPECT_EQ(captured.text(), "Beep( 440, -1 ) consider yourself \x07 beeped\n");
 }
 
-TEST(CKZIException, RespondsWithContextOnlyWhenThereIsOne) {
-    const std::string longText(200, 'x');
+TEST(CKZIException, RespondsWithContextOnlyWhenThereIsOneAndCutsBoth) {
+    const std::string text(200, 'x');
     const std::string kept(80, 'x');
-    struct Case {
-        const char *message, *context;
-        std::string response;
-    };
-    for (const auto& [message, context, response] :
-         {Case{"bad-date", "", "CKZIException: bad-date\n"},
-          Case{"bad-date", "parse", "CKZIException: parse: bad-date\n"},
-          Case{longText.c_str(), longText.c_str(), "CKZIException: " + kept + ": " + kept + "\n"},
-          Case{nullptr, nullptr, "CKZIException: \n"}}) {
-        const CKZIException exception(message, context);
+    for (const auto& [message, context, response] : {std::tuple{"bad-date", "", std::string("bad-date")},
+                                                     {"bad-date", "parse", "parse: bad-date"},
+                                                     {text.c_str(), text.c_str(), kept + ": " + kept},
+                                                     {nullptr, nullptr, ""}}) {
         const CapturedStderr captured;
-        exception.response();
-        EXPECT_EQ(captured.text(), response);
+        CKZIException(message, context).response();
+        EXPECT_EQ(captured.text(), "CKZIException: " + response + "\n");
     }
 }
 
 }  // namespace
+}  // namespace traiklofox::test

@@ -8,12 +8,11 @@
 namespace {
 
 TEST(Atomics, ReturnOldOrNewValueAsEachPromises) {
-    struct Case {
+    const struct {
         const char* call;
         LONG (*run)(LONG* target);
         LONG result, left;
-    };
-    const Case cases[] = {
+    } kCases[] = {
         {"AtomicAdd32 old", [](LONG* p) { return AtomicAdd32(p, 5, 1); }, 10, 15},
         {"AtomicAdd32 new", [](LONG* p) { return AtomicAdd32(p, -5, 0); }, 5, 5},
         {"AtomicExchange32", [](LONG* p) { return AtomicExchange32(p, 3); }, 10, 3},
@@ -24,29 +23,29 @@ TEST(Atomics, ReturnOldOrNewValueAsEachPromises) {
         {"CompareExchange equal", [](LONG* p) { return InterlockedCompareExchange(p, 3, 10); }, 10, 3},
         {"CompareExchange unequal", [](LONG* p) { return InterlockedCompareExchange(p, 3, 4); }, 10, 10},
     };
-    for (const Case& each : cases) {
+    for (const auto& row : kCases) {
         LONG target = 10;
-        EXPECT_EQ(each.run(&target), each.result) << each.call;
-        EXPECT_EQ(target, each.left) << each.call;
+        EXPECT_EQ(row.run(&target), row.result) << row.call;
+        EXPECT_EQ(target, row.left) << row.call;
     }
 }
 
 TEST(Atomics, NoUpdateOfSeveralThreadsIsLost) {
-    constexpr int kThreads = 4;
     constexpr LONG kRounds = 50'000;
     LONG sum = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            for (LONG round = 0; round < kRounds; ++round) {
-                InterlockedIncrement(&sum);
-                AtomicAdd32(&sum, 3, round % 2);
-                InterlockedDecrement(&sum);
-            }
-        });
+    {
+        std::vector<std::jthread> threads(4);
+        for (std::jthread& thread : threads) {
+            thread = std::jthread([&] {
+                for (LONG round = 0; round < kRounds; ++round) {
+                    InterlockedIncrement(&sum);
+                    AtomicAdd32(&sum, 3, round % 2);
+                    InterlockedDecrement(&sum);
+                }
+            });
+        }
     }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(InterlockedExchange(&sum, 0), 3 * kThreads * kRounds);
+    EXPECT_EQ(InterlockedExchange(&sum, 0), 3 * 4 * kRounds);
 }
 
 }  // namespace

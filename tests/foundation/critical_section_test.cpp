@@ -17,18 +17,12 @@ int tryEnterFromAnotherThread(_critsection& section) {
     return entered;
 }
 
-TEST(CriticalSection, ZeroFilledMemoryIsAFreeSection) {
+TEST(CriticalSection, IsHeldUntilEveryEnterIsLeft) {
     const pthread_mutex_t free = PTHREAD_MUTEX_INITIALIZER;
-    const pthread_mutex_t zero{};
-    EXPECT_EQ(memcmp(&free, &zero, sizeof zero), 0);
-
     _critsection section;
     memset(&section, 0, sizeof section);
+    EXPECT_EQ(memcmp(&free, &section.mutex, sizeof free), 0) << "zero-filled memory is a free one";
     EXPECT_EQ(tryEnterFromAnotherThread(section), 1);
-}
-
-TEST(CriticalSection, StaysHeldUntilEveryEnterIsLeft) {
-    _critsection section{};
     EXPECT_EQ(EnterCriticalSection(&section), 0);
     EXPECT_EQ(EnterCriticalSection(&section), 0);
     EXPECT_EQ(TryEnterCriticalSection(&section), 1);
@@ -38,6 +32,12 @@ TEST(CriticalSection, StaysHeldUntilEveryEnterIsLeft) {
     EXPECT_EQ(tryEnterFromAnotherThread(section), 0);
     EXPECT_EQ(LeaveCriticalSection(&section), 0);
     EXPECT_EQ(tryEnterFromAnotherThread(section), 1);
+    EXPECT_EQ(LeaveCriticalSection(&section), 0) << "of a free one";
+    EXPECT_EQ(EnterCriticalSection(&section), 0);
+    EXPECT_EQ(tryEnterFromAnotherThread(section), 0);
+    EXPECT_EQ(LeaveCriticalSection(&section), 0);
+    EXPECT_EQ(
+        EnterCriticalSection(nullptr) + TryEnterCriticalSection(nullptr) + LeaveCriticalSection(nullptr), 0);
 }
 
 // The thread sanitizer rightly takes an unlock by a thread that never locked for a fault.
@@ -54,40 +54,27 @@ TEST(CriticalSection, LeaveByAnotherThreadFreesItAtAnyDepth) {
 }
 #endif
 
-TEST(CriticalSection, LeaveOfAFreeSectionLeavesItFree) {
-    _critsection section{};
-    EXPECT_EQ(LeaveCriticalSection(&section), 0);
-    EXPECT_EQ(EnterCriticalSection(&section), 0);
-    EXPECT_EQ(tryEnterFromAnotherThread(section), 0);
-    LeaveCriticalSection(&section);
-}
-
 TEST(CriticalSection, GuardsWhatItsThreadsShare) {
-    constexpr int kThreads = 4;
     constexpr int kRounds = 20'000;
     _critsection section{};
     int guarded = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < kRounds; ++round) {
-                if (round % 2 == 0 || TryEnterCriticalSection(&section) == 0) EnterCriticalSection(&section);
-                EnterCriticalSection(&section);
-                ++guarded;
-                LeaveCriticalSection(&section);
-                ++guarded;
-                LeaveCriticalSection(&section);
-            }
-        });
+    {
+        std::vector<std::jthread> threads(4);
+        for (std::jthread& thread : threads) {
+            thread = std::jthread([&] {
+                for (int round = 0; round < kRounds; ++round) {
+                    if (round % 2 == 0 || TryEnterCriticalSection(&section) == 0)
+                        EnterCriticalSection(&section);
+                    EnterCriticalSection(&section);
+                    ++guarded;
+                    LeaveCriticalSection(&section);
+                    ++guarded;
+                    LeaveCriticalSection(&section);
+                }
+            });
+        }
     }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(guarded, 2 * kThreads * kRounds);
-}
-
-TEST(CriticalSection, NullIsTolerated) {
-    EXPECT_EQ(EnterCriticalSection(nullptr), 0);
-    EXPECT_EQ(TryEnterCriticalSection(nullptr), 0);
-    EXPECT_EQ(LeaveCriticalSection(nullptr), 0);
+    EXPECT_EQ(guarded, 2 * 4 * kRounds);
 }
 
 }  // namespace

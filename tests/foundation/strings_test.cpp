@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <stdexcept>
+#include <tuple>
 
 namespace {
 
@@ -14,7 +15,7 @@ class BothStrings : public ::testing::Test {};
 using StringTypes = ::testing::Types<CKZString, CString>;
 TYPED_TEST_SUITE(BothStrings, StringTypes);
 
-TYPED_TEST(BothStrings, NullTextIsTheEmptyStringEverywhere) {
+TYPED_TEST(BothStrings, NullIsTheEmptyStringAndAPartOfItselfIsTaken) {
     const char* const null = nullptr;
     TypeParam text = null;
     EXPECT_TRUE(text.empty());
@@ -33,6 +34,13 @@ TYPED_TEST(BothStrings, NullTextIsTheEmptyStringEverywhere) {
     EXPECT_TRUE(text.empty());
     text.Format(null);
     EXPECT_TRUE(text.empty());
+    text = "some longer text that lives on the heap";
+    text = text.c_str() + 5;  // a part of itself
+    EXPECT_EQ(text, "longer text that lives on the heap");
+    text += text;
+    EXPECT_EQ(text, "longer text that lives on the heaplonger text that lives on the heap");
+    text = 'c';
+    EXPECT_EQ(text, "c");
 }
 
 TYPED_TEST(BothStrings, CompareBytesUnsignedThenLengths) {
@@ -65,19 +73,16 @@ TYPED_TEST(BothStrings, SumsJoinLeftAndRightInEveryCombination) {
     EXPECT_EQ(text + std::string("cd"), "abcd");
     EXPECT_EQ(text + text, "abab");
     EXPECT_EQ(text, "ab");
+    // Of two classes the left one's is the sum's.
+    const CKZString ours = "a";
+    const CString mfc = "b";
+    static_assert(std::is_same_v<decltype(ours + mfc), CKZString> &&
+                  std::is_same_v<decltype(mfc + ours), CString>);
+    EXPECT_EQ(ours + mfc, "ab");
+    EXPECT_TRUE(ours < mfc && mfc > ours && ours != mfc);
 }
 
-TYPED_TEST(BothStrings, AssignmentTakesAPartOfTheStringItself) {
-    TypeParam text = "some longer text that lives on the heap";
-    text = text.c_str() + 5;
-    EXPECT_EQ(text, "longer text that lives on the heap");
-    text += text;
-    EXPECT_EQ(text, "longer text that lives on the heaplonger text that lives on the heap");
-    text = 'c';
-    EXPECT_EQ(text, "c");
-}
-
-TYPED_TEST(BothStrings, FormatGivesWhatPrintfDoes) {
+TYPED_TEST(BothStrings, FormatGivesWhatPrintfDoesOrKeepsTheString) {
     TypeParam text = "old";
     text.Format("%-6s|%+05d|%#x|%.*f|%*c|%%|%lld", "ab", 42, 255, 2, 3.14159, 3, 'z', -9000000000LL);
     EXPECT_EQ(text, "ab    |+0042|0xff|3.14|  z|%|-9000000000");
@@ -87,34 +92,26 @@ TYPED_TEST(BothStrings, FormatGivesWhatPrintfDoes) {
         text.Format("%*s", length, "");
         EXPECT_EQ(text, std::string(static_cast<size_t>(length), ' '));
     }
-}
-
-TYPED_TEST(BothStrings, FormatTakesTheStringItselfAsArgument) {
-    for (const size_t length : {3u, 2000u}) {
+    for (const size_t length : {3u, 2000u}) {  // the string itself as an argument
         const std::string before(length, 'a');
-        TypeParam text = before;
+        text = before;
         text.Format("<%s%s>", text.c_str(), text.c_str());
         EXPECT_EQ(text, "<" + before + before + ">");
     }
-}
-
-TYPED_TEST(BothStrings, FormatThatFailsKeepsTheString) {
-    TypeParam text = "kept";
+    const TypeParam kept = text;
     text.Format("%ls", L"\x263a");  // no such character in the "C" locale
     EXPECT_EQ(errno, EILSEQ);
-    EXPECT_EQ(text, "kept");
+    EXPECT_EQ(text, kept);
     const std::string tooWide = "%2147483648d";
     EXPECT_THROW(text.Format(tooWide.c_str(), 1), std::length_error);
-    EXPECT_EQ(text, "kept");
+    EXPECT_EQ(text, kept);
 }
 
 TYPED_TEST(BothStrings, TrimmingRemovesBlanksOfAllKindsFromOneEnd) {
-    struct Case {
-        const char *text, *left, *right;
-    };
-    for (const auto& [text, left, right] :
-         {Case{"", "", ""}, Case{" \t\r\n\v\f ", "", ""}, Case{" a b ", "a b ", " a b"},
-          Case{"\xa0 a \xff", "\xa0 a \xff", "\xa0 a \xff"}, Case{"none", "none", "none"}}) {
+    for (const auto& [text, left, right] : {std::tuple{"", "", ""},
+                                            {" \t\r\n\v\f ", "", ""},
+                                            {" a b ", "a b ", " a b"},
+                                            {"\xa0 a \xff", "\xa0 a \xff", "\xa0 a \xff"}}) {
         TypeParam trimmed = text;
         trimmed.TrimLeft();
         EXPECT_EQ(trimmed, left) << "left of \"" << text << '"';
@@ -124,30 +121,20 @@ TYPED_TEST(BothStrings, TrimmingRemovesBlanksOfAllKindsFromOneEnd) {
     }
 }
 
-TEST(Strings, MixedOperandsGiveTheLeftOnesClass) {
-    const CKZString ours = "a";
-    const CString mfc = "b";
-    static_assert(std::is_same_v<decltype(ours + mfc), CKZString>);
-    static_assert(std::is_same_v<decltype(mfc + ours), CString>);
-    EXPECT_EQ(ours + mfc, "ab");
-    EXPECT_TRUE(ours < mfc && mfc > ours && ours != mfc);
-}
-
 TEST(CKZString, ReplaceTakesOccurrencesFromLeftToRightOnce) {
-    struct Case {
-        const char *text, *from, *to, *result;
-    };
-    for (const auto& [text, from, to, result] :
-         {Case{"aaaa", "aa", "b", "bb"}, Case{"aaa", "aa", "b", "ba"}, Case{"aa", "a", "aa", "aaaa"},
-          Case{"xabyabz", "ab", "", "xyz"}, Case{"abc", "d", "e", "abc"}, Case{"abc", "abcd", "e", "abc"},
-          Case{"abc", "", "x", "abc"}, Case{"", "a", "b", ""}, Case{"abc", "abc", "", ""}}) {
+    for (const auto& [text, from, to, result] : {std::tuple{"aaaa", "aa", "b", "bb"},
+                                                 {"aaa", "aa", "b", "ba"},
+                                                 {"aa", "a", "aa", "aaaa"},
+                                                 {"xabyabz", "ab", "", "xyz"},
+                                                 {"abc", "d", "e", "abc"},
+                                                 {"abc", "abcd", "e", "abc"},
+                                                 {"abc", "", "x", "abc"},
+                                                 {"", "a", "b", ""},
+                                                 {"abc", "abc", "", ""}}) {
         CKZString replaced = text;
         replaced.replace(from, to);
         EXPECT_EQ(replaced, result) << text << ": " << from << " -> " << to;
     }
-}
-
-TEST(CKZString, ReplaceTakesCharactersAndTheStringItself) {
     CKZString text = "a.b.c";
     text.replace('.', "--").replace("--", '+').replace('+', '.');
     EXPECT_EQ(text, "a.b.c");
@@ -155,43 +142,39 @@ TEST(CKZString, ReplaceTakesCharactersAndTheStringItself) {
     EXPECT_EQ(text, "aa.b.cba.b.cc");
     text.replace(text, text);
     EXPECT_EQ(text, "aa.b.cba.b.cc");
-    text.replace(0, 12, "standard ");
-    EXPECT_EQ(text, "standard c");
+    text.replace(0, 12, "standard \\");
+    EXPECT_EQ(text.MakeForwardSlash(), "standard /c");
+    EXPECT_EQ(text, "standard /c");
 }
 
-TEST(CKZString, MakeForwardSlashChangesTheStringAndReturnsACopy) {
-    CKZString path = "a\\b\\c";
-    EXPECT_EQ(path.MakeForwardSlash(), "a/b/c");
-    EXPECT_EQ(path, "a/b/c");
-}
-
-TEST(CString, SubstringsCutWhatRunsOutOfTheText) {
+TEST(CString, SubstringsAndDeletionsCutWhatRunsOutOfTheText) {
     const CString text = "hello";
-    struct Case {
-        CString actual;
-        const char* expected;
-    };
-    for (const auto& [actual, expected] :
-         {Case{text.Mid(-2, 3), "hel"}, Case{text.Mid(3, 100), "lo"}, Case{text.Mid(0, 5), "hello"},
-          Case{text.Mid(5, 1), ""}, Case{text.Mid(6, 1), ""}, Case{text.Mid(1, -1), ""},
-          Case{text.Mid(INT_MAX, INT_MAX), ""}, Case{text.Mid(2), "llo"}, Case{text.Mid(INT_MIN), "hello"},
-          Case{text.Mid(9), ""}, Case{text.Left(2), "he"}, Case{text.Left(-1), ""},
-          Case{text.Left(6), "hello"}, Case{text.Right(2), "lo"}, Case{text.Right(-1), ""},
-          Case{text.Right(6), "hello"}})
+    for (const auto& [actual, expected] : {std::pair{text.Mid(-2, 3), "hel"},
+                                           {text.Mid(3, 100), "lo"},
+                                           {text.Mid(0, 5), "hello"},
+                                           {text.Mid(5, 1), ""},
+                                           {text.Mid(6, 1), ""},
+                                           {text.Mid(1, -1), ""},
+                                           {text.Mid(INT_MAX, INT_MAX), ""},
+                                           {text.Mid(2), "llo"},
+                                           {text.Mid(INT_MIN), "hello"},
+                                           {text.Mid(9), ""},
+                                           {text.Left(2), "he"},
+                                           {text.Left(-1), ""},
+                                           {text.Left(6), "hello"},
+                                           {text.Right(2), "lo"},
+                                           {text.Right(-1), ""},
+                                           {text.Right(6), "hello"}})
         EXPECT_EQ(actual, expected);
-}
-
-TEST(CString, DeleteRemovesWhatThereIs) {
-    struct Case {
-        int index, count;
-        const char* left;
-    };
-    for (const auto& [index, count, left] :
-         {Case{1, 3, "ho"}, Case{-1, 2, "llo"}, Case{3, 100, "hel"}, Case{5, 1, "hello"},
-          Case{100, 1, "hello"}, Case{0, -1, "hello"}}) {
-        CString text = "hello";
-        EXPECT_EQ(text.Delete(index, count), static_cast<int>(std::string_view(left).size()));
-        EXPECT_EQ(text, left) << index << ", " << count;
+    for (const auto& [index, count, left] : {std::tuple{1, 3, "ho"},
+                                             {-1, 2, "llo"},
+                                             {3, 100, "hel"},
+                                             {5, 1, "hello"},
+                                             {100, 1, "hello"},
+                                             {0, -1, "hello"}}) {
+        CString cut = text;
+        EXPECT_EQ(cut.Delete(index, count), static_cast<int>(std::string_view(left).size()));
+        EXPECT_EQ(cut, left) << index << ", " << count;
     }
 }
 
@@ -215,23 +198,17 @@ TEST(CString, BufferHoldsTheTextAndWhatIsWritten) {
     EXPECT_TRUE(text.empty());
 }
 
-TEST(CString, ConcatCopyJoinsCountedPiecesOfItselfToo) {
+TEST(CString, IsBuiltFromCountedPiecesAndBytesAndChangesInPlace) {
+    const unsigned char bytes[] = {0xe4, 'b', 0};
+    EXPECT_EQ(CString(bytes), "\xe4\x62");
+    EXPECT_EQ(CString(static_cast<const unsigned char*>(nullptr)), "");
+    EXPECT_EQ(CString("abc", 2), "ab");
     CString text = "0123456789";
     text.ConcatCopy(3, text.c_str() + 7, 4, text.c_str());
     EXPECT_EQ(text, "7890123");
     text.ConcatCopy(3, "a\0b", 0, nullptr);
     EXPECT_EQ(text, std::string("a\0b", 3));
-}
-
-TEST(CString, BuildsFromUnsignedAndCountedText) {
-    const unsigned char bytes[] = {0xe4, 'b', 0};
-    EXPECT_EQ(CString(bytes), "\xe4\x62");
-    EXPECT_EQ(CString(static_cast<const unsigned char*>(nullptr)), "");
-    EXPECT_EQ(CString("abc", 2), "ab");
-}
-
-TEST(CString, CaseAndOrderChangeInPlace) {
-    CString text = "aBc\xe4";
+    text = "aBc\xe4";
     text.MakeUpper();
     EXPECT_EQ(text, "ABC\xe4");
     text.MakeReverse();
