@@ -6,7 +6,6 @@
 #include <traiklofox/file_lock.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -14,6 +13,7 @@
 #include <latch>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/bounded_wait.h"
@@ -129,7 +129,7 @@ TEST_F(FileLockOpening, MapsEachModeToItsFlags) {
     }
 }
 
-TEST_F(FileLockOpening, LocksInSevenModesOnlyAndSaysSo) {
+TEST_F(FileLockOpening, LocksInSevenModesOnlyUntilItIsClosed) {
     LockProbe probe;
     for (int mode = 0; mode < 128; ++mode) {
         SCOPED_TRACE(mode);
@@ -150,12 +150,8 @@ TEST_F(FileLockOpening, LocksInSevenModesOnlyAndSaysSo) {
         EXPECT_TRUE(file.CloseAndUnLockFile());
         EXPECT_EQ(probe(path_), "free");
     }
-}
-
-TEST_F(FileLockOpening, TheConstructorOpensAndTheDestructorUnlocks) {
-    LockProbe probe;
     {
-        const FileLock file(path_.c_str(), FileLock::in);
+        const FileLock constructed(path_.c_str(), FileLock::in);
         EXPECT_EQ(probe(path_), "locked");
     }
     EXPECT_EQ(probe(path_), "free");
@@ -177,97 +173,55 @@ TEST_F(FileLockOpening, WaitsForTheHolderAndEmptiesOnlyThen) {
     EXPECT_EQ(holder.wait(), ExitStatus::exited(0));
 }
 
-// Enters a place where only one process may be, again and again, and fails when it meets another.
-TEST_ROLE(entersUnderALock) {
-    const std::string marker = args.at(0) + ".inside";
-    for (int round = 0; round < 200; ++round) {
-        FileLock file;
-        if (!file.OpenAndLockFile(args.at(0).c_str(), FileLock::in, nullptr, 0)) return 1;
-        const int fd = ::open(marker.c_str(), O_CREAT | O_EXCL | O_CLOEXEC | O_WRONLY, 0600);
-        if (fd < 0) return 2;
-        ::close(fd);
-        std::this_thread::yield();
-        ::unlink(marker.c_str());
-        if (!file.CloseAndUnLockFile()) return 3;
-    }
-    return 0;
-}
-
-TEST_F(FileLockOpening, ProcessesExcludeEachOther) {
-    std::vector<RoleProcess> processes;
-    for (int i = 0; i < 4; ++i) processes.emplace_back("entersUnderALock", RoleArguments{path_});
-    for (RoleProcess& process : processes) EXPECT_EQ(process.wait(), ExitStatus::exited(0));
-}
-
-TEST_F(FileLockOpening, CountedOpensNeedAsManyCloses) {
+TEST_F(FileLockOpening, CountedOpensNeedAsManyClosesAndUncountedOnesReplaceEachOther) {
     LockProbe probe;
+    const std::string other = directory_ / "other";
     FileLock file;
-    int already = 0;
-    ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, &already, 1));
-    EXPECT_EQ(already, 0);
+    const auto open = [&](const std::string& path, int count) {
+        int already = 0;
+        EXPECT_TRUE(file.OpenAndLockFile(path.c_str(), FileLock::in, &already, count));
+        return already;
+    };
+    const int before = openDescriptors();
+    EXPECT_EQ(open(path_, 1), 0);
     const int fd = file.GetFileDescriptor();
-    ASSERT_TRUE(file.OpenAndLockFile("ignored", 0, &already, 0));
-    EXPECT_EQ(already, 1);
+    EXPECT_EQ(open("ignored", 0), 1);
     EXPECT_EQ(file.GetFileDescriptor(), fd);
-
     EXPECT_TRUE(file.CloseAndUnLockFile());
     EXPECT_EQ(probe(path_), "locked");
     EXPECT_TRUE(file.CloseAndUnLockFile());
     EXPECT_EQ(probe(path_), "free");
     EXPECT_EQ(file.GetFileDescriptor(), -1);
     EXPECT_FALSE(file.CloseAndUnLockFile());
-}
-
-TEST_F(FileLockOpening, UncountedOpensCloseAtOnceAndReplaceEachOther) {
-    LockProbe probe;
-    const std::string other = directory_ / "other";
-    const int before = openDescriptors();
-    FileLock file;
-    ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, nullptr, 0));
-    ASSERT_TRUE(file.OpenAndLockFile(other.c_str(), FileLock::in, nullptr, 0));
-    EXPECT_EQ(probe(path_), "free");
-    EXPECT_EQ(probe(other), "locked");
+    for (const bool unlocked : {false, true}) {  // closing at once forgets the count
+        EXPECT_EQ(open(path_, 1) + open(path_, 1), 1);
+        if (unlocked)
+            EXPECT_TRUE(file.CloseFileUnLocked());
+        else
+            file.CloseFile();
+        EXPECT_EQ(file.GetFileDescriptor(), -1);
+    }
+    EXPECT_EQ(open(path_, 0) + open(other, 0), 0);
+    EXPECT_EQ(probe(path_) + probe(other), "freelocked");
     EXPECT_EQ(openDescriptors(), before + 1);
     EXPECT_TRUE(file.CloseAndUnLockFile());
     EXPECT_EQ(probe(other), "free");
 }
 
-TEST_F(FileLockOpening, ClosingAtOnceForgetsTheCount) {
-    FileLock file;
-    for (const bool unlocked : {false, true}) {
-        for (int opens = 0; opens < 2; ++opens)
-            ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, nullptr, 1));
-        if (unlocked) {
-            EXPECT_TRUE(file.CloseFileUnLocked());
-        } else {
-            file.CloseFile();
-        }
-        EXPECT_EQ(file.GetFileDescriptor(), -1);
-        int already = 0;
-        ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, &already, 0));
-        EXPECT_EQ(already, 0);
-        EXPECT_TRUE(file.CloseAndUnLockFile());
-    }
-}
-
 TEST_F(FileLockOpening, NestedOpensOfManyThreadsOpenTheFileOnceAtATime) {
     constexpr int kThreads = 6;
-    constexpr int kRounds = 500;
     const int before = openDescriptors();
     FileLock file;
-    std::atomic<int> holders = 0;
     std::latch start(kThreads);
     {
         std::vector<std::jthread> threads;
         for (int i = 0; i < kThreads; ++i) {
             threads.emplace_back([&] {
                 start.arrive_and_wait();
-                for (int round = 0; round < kRounds; ++round) {
+                for (int round = 0; round < 500; ++round) {
                     ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, nullptr, 1));
-                    ++holders;
                     struct stat status {};
                     ASSERT_EQ(::fstat(file.GetFileDescriptor(), &status), 0) << "closed under a holder";
-                    --holders;
                     ASSERT_TRUE(file.CloseAndUnLockFile());
                 }
             });
@@ -277,31 +231,25 @@ TEST_F(FileLockOpening, NestedOpensOfManyThreadsOpenTheFileOnceAtATime) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(FileLockOpening, NoreplaceRefusesAnExistingFileSilently) {
+TEST_F(FileLockOpening, AnOpenThatFailsSaysWhyUnlessTheFileMustNotBeReplaced) {
     writeText(path_, "old");
-    int already = 0;
-    const CapturedStderr messages;
-    FileLock file;
-    EXPECT_FALSE(file.OpenAndLockFile(path_.c_str(), 82, &already, 1));
-    EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(already, 1);
-    EXPECT_EQ(file.GetFileDescriptor(), -1);
-    EXPECT_EQ(messages.text(), "");
-    EXPECT_EQ(readText(path_), "old");
-}
-
-TEST_F(FileLockOpening, AnOpenThatFailsIsReportedWithTheModeAsGiven) {
     const std::string missing = directory_ / "no%sdirectory/file";
-    int already = 0;
     const CapturedStderr messages;
     FileLock file;
-    EXPECT_FALSE(file.OpenAndLockFile(missing.c_str(), 18, &already, 1));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(already, 0);
-    EXPECT_EQ(messages.text(), "[FileLock::OpenAndLockFile] - Cannot open file " + missing +
-                                   ", oflag:0x12, errno: 2,  No such file or directory\n");
-    EXPECT_FALSE(file.OpenAndLockFile(nullptr, FileLock::in, nullptr, 0));
-    EXPECT_EQ(errno, ENOENT);
+    for (const auto& [path, mode, error, expected] : {std::tuple{path_.c_str(), 82, EEXIST, 1},
+                                                      {missing.c_str(), 18, ENOENT, 0},
+                                                      {nullptr, 1, ENOENT, 0}}) {
+        int already = 0;
+        EXPECT_FALSE(file.OpenAndLockFile(path, mode, &already, 1));
+        EXPECT_EQ(errno, error);
+        EXPECT_EQ(already, expected);
+        EXPECT_EQ(file.GetFileDescriptor(), -1);
+    }
+    EXPECT_EQ(readText(path_), "old");
+    EXPECT_EQ(messages.text().find("[FileLock::OpenAndLockFile] - Cannot open file " + missing +
+                                   ", oflag:0x12, errno: 2,  No such file or directory\n"),
+              0u)
+        << messages.text();
 }
 
 TEST_F(FileLockOpening, WaitsForADescriptorInStepsOfTenMilliseconds) {
@@ -316,25 +264,22 @@ TEST_F(FileLockOpening, WaitsForADescriptorInStepsOfTenMilliseconds) {
     EXPECT_EQ(messages.text(), "");
 }
 
-TEST_F(FileLockOpening, ALockThatFailsLeavesTheFileWholeAndClosed) {
+TEST_F(FileLockOpening, ALockThatFailsLeavesTheFileWholeAndClosedAndAnUnlockLeavesItOpen) {
     writeText(path_, "old");
-    const FailCall noLocks{Call::Lockf, ENOLCK};
-    const CapturedStderr messages;
     const int before = openDescriptors();
     FileLock file;
-    EXPECT_FALSE(file.OpenAndLockFile(path_.c_str(), 18, nullptr, 1));
-    EXPECT_EQ(errno, ENOLCK);
-    EXPECT_EQ(messages.text(), std::string("lock failed, ") + std::strerror(ENOLCK) + "\n");
-    EXPECT_EQ(file.GetFileDescriptor(), -1);
+    {
+        const FailCall noLocks{Call::Lockf, ENOLCK};
+        const CapturedStderr messages;
+        EXPECT_FALSE(file.OpenAndLockFile(path_.c_str(), 18, nullptr, 1));
+        EXPECT_EQ(errno, ENOLCK);
+        EXPECT_EQ(messages.text(), std::string("lock failed, ") + std::strerror(ENOLCK) + "\n");
+    }
     EXPECT_EQ(readText(path_), "old");
     EXPECT_EQ(openDescriptors(), before);
-}
-
-TEST_F(FileLockOpening, AnUnlockThatFailsLeavesTheFileOpen) {
-    FileLock file;
     ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), 18, nullptr, 0));
     {
-        const FailCall fails{Call::Lockf, ENOLCK};
+        const FailCall noLocks{Call::Lockf, ENOLCK};
         EXPECT_FALSE(file.CloseAndUnLockFile());
         EXPECT_EQ(errno, ENOLCK);
     }
@@ -362,16 +307,9 @@ TEST_F(FileLockOpening, AClosedObjectRefusesEverything) {
     FileLock file;
     char buffer[8] = "before";
     struct stat status {};
-    EXPECT_EQ(file.GetFileDescriptor(), -1);
-    EXPECT_EQ(file.GetState(), 0);
-    EXPECT_EQ(file.FileStat(&status), -1);
-    EXPECT_EQ(file.ReadBlk(buffer, 8), 0);
-    EXPECT_EQ(file.WriteBlk(buffer, 8), 0);
-    EXPECT_EQ(file.ReadCharacter(), -1);
-    EXPECT_FALSE(file.WriteLine(buffer, 1));
-    EXPECT_FALSE(file.LockFile());
-    EXPECT_FALSE(file.UnLockFile());
-    EXPECT_FALSE(file.Sync());
+    EXPECT_EQ(file.GetState() + file.ReadBlk(buffer, 8) + file.WriteBlk(buffer, 8), 0);
+    EXPECT_EQ(file.GetFileDescriptor() + file.ReadCharacter() + file.FileStat(&status), -3);
+    EXPECT_EQ(file.WriteLine(buffer, 1) + file.LockFile() + file.UnLockFile() + file.Sync(), 0);
     EXPECT_FALSE(file.CloseAndUnLockFile());
     EXPECT_EQ(errno, EBADF);
     EXPECT_FALSE(file.ReadLine(buffer, 8));

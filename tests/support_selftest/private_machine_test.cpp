@@ -16,52 +16,31 @@
 
 namespace traiklofox::test {
 
-namespace {
-
 constexpr const char* kLockFile = "/usr/lib/tarnwell/selftest.dat";
 constexpr key_t kKey = 0x7457;
 
-}  // namespace
-
-struct PrivateMachineTest : testing::Test {
-    void SetUp() override {
-        if (const auto& machine = PrivateMachine::enter(); !machine.entered())
-            GTEST_SKIP() << machine.whyNot();
-    }
-};
-
 TEST_ROLE(stepsIntoTheSameMachine) {
-    if (!PrivateMachine::enter().entered()) return 1;
-    EXPECT_EQ(readText(kLockFile), "lock");
-    EXPECT_NE(::shmget(kKey, 4096, 0600), -1);
-    tellTest("seen");
-    return 0;
+    const bool shared = PrivateMachine::enter().entered() && readText(kLockFile) == "lock";
+    return shared && ::shmget(kKey, 4096, 0600) != -1 ? 0 : 1;
 }
 
-TEST_F(PrivateMachineTest, RolesShareItAndTheOutsideSeesNothing) {
+TEST(PrivateMachineTest, RolesShareItAndTheOutsideSeesNothing) {
+    const auto& machine = PrivateMachine::enter();
+    if (!machine.entered()) GTEST_SKIP() << machine.whyNot();
     const pid_t outside = ::getppid();  // whoever started this test
     writeText(kLockFile, "lock");
     ASSERT_NE(::shmget(kKey, 4096, IPC_CREAT | IPC_EXCL | 0600), -1) << "another test's objects are in sight";
     const TempDir scratch;
-    writeText(scratch / "mine", "x");
-
-    RoleProcess peer{"stepsIntoTheSameMachine"};
-    EXPECT_EQ(peer.readLine(), "seen");
-    EXPECT_EQ(peer.wait(), ExitStatus::exited(0));
-
+    EXPECT_EQ(RoleProcess{"stepsIntoTheSameMachine"}.wait(), ExitStatus::exited(0));
     const std::string root = "/proc/" + std::to_string(outside) + "/root";
     std::error_code unreadable;
     EXPECT_FALSE(std::filesystem::exists(root + kLockFile, unreadable));
-    EXPECT_FALSE(std::filesystem::exists(root + (scratch / "mine"), unreadable));
-}
+    EXPECT_FALSE(std::filesystem::exists(root + scratch.path(), unreadable));
 
-TEST_F(PrivateMachineTest, SmallDiskRunsFull) {
-    const TempDir scratch;
     SmallDisk disk{scratch / "disk", 1 << 20};
     disk.leaveFree(8192);
     const std::string path = disk.directory() + "/file";
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0);
     const std::string block(8192, 'x');
     EXPECT_EQ(::write(fd, block.data(), block.size()), 8192);
     EXPECT_EQ(::write(fd, block.data(), block.size()), -1);
