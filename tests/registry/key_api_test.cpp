@@ -32,10 +32,7 @@ class KeyApi : public StartedRegistryTest {
                   "0");
         return n;
     }
-    static LONG infoOfNothing(HKEY from) {
-        return RegQueryInfoKey(from, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                               nullptr, nullptr, nullptr);
-    }
+    static LONG infoOfNothing(HKEY from) { return RegQueryInfoKey(from, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0); }
 };
 
 TEST_F(KeyApi, ResultsAreTheDocumentedOnes) {
@@ -227,17 +224,14 @@ TEST_F(KeyApi, TwoKeysNeverAnswerToOneHandle) {
 }
 
 TEST_F(KeyApi, WhatTheFileCannotHoldIsRefusedAndChangesNothing) {
-    for (const std::string& path : {std::string("line\nfeed"), std::string("co:lon"),
-                                    std::string("ok\\hkey:x"), std::string(4085, 'k')}) {
+    for (const std::string& path :
+         {std::string("line\nfeed"), std::string("ok\\co:lon"), std::string(4085, 'k')}) {
         HKEY out = 0;
-        DWORD disposition = 0;
         const CapturedStderr said;
-        EXPECT_EQ(create(key, path.c_str(), &out, &disposition), -1) << path;
+        EXPECT_EQ(create(key, path.c_str(), &out, nullptr), -1) << path;
         EXPECT_EQ(said.text().find("RegCreateKeyEx: "), 0u) << said.text();
         EXPECT_EQ(subkeysOf(key), Names{}) << path;
     }
-    ASSERT_EQ(WriteRegistry(), 1);
-    EXPECT_EQ(fileKeys().size(), 3u);
 }
 
 }  // namespace

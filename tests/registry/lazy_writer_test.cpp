@@ -18,16 +18,15 @@ bool isLazy() {
     return std::atomic_ref(bLazyFlush).load() != 0;
 }
 
-void* runLazyWriter(void* interval) {
-    RegLazyWriteThread(interval);
-    return nullptr;
-}
-
 class LazyWriter : public StartedRegistryTest {
   protected:
     void startWriter(DWORD milliseconds) {
         interval = milliseconds;
-        ASSERT_EQ(::pthread_create(&writer, nullptr, runLazyWriter, &interval), 0);
+        const auto run = [](void* every) -> void* {
+            RegLazyWriteThread(every);
+            return nullptr;
+        };
+        ASSERT_EQ(::pthread_create(&writer, nullptr, run, &interval), 0);
         ASSERT_TRUE(withinSeconds(30, isLazy));
     }
     void cancelWriter() {
@@ -84,18 +83,6 @@ TEST_F(LazyWriter, AFailedWriteIsTriedAgain) {
     }
     EXPECT_TRUE(reachesFile("v", "1"));
     cancelWriter();
-}
-
-TEST_F(LazyWriter, MergesWhatOthersWroteMeanwhile) {
-    startWriter(60'000);
-    setAndFlush("mine", "1");
-    Peer peer;
-    peer.set("theirs", "2");
-    EXPECT_EQ(textAt(kExample, "theirs"), "2");
-    EXPECT_EQ(textAt(kExample, "mine"), "1");
-    cancelWriter();
-    EXPECT_EQ(inFile("mine"), "1");
-    EXPECT_EQ(inFile("theirs"), "2");
 }
 
 }  // namespace

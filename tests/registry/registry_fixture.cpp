@@ -6,26 +6,12 @@
 #include <functional>
 #include <stdexcept>
 
+#include "registry/registry_line.h"
 #include "support/private_machine.h"
 
 namespace traiklofox::test {
 
 namespace {
-
-std::runtime_error malformed(std::string_view line) {
-    return std::runtime_error("not laid out as a line of the registry: " + std::string(line));
-}
-
-/// Takes a column off `rest`: `length` characters, the end mark, blanks up to 22 characters and a tab.
-std::string takeColumn(std::string_view& rest, std::string_view line, size_t length) {
-    const std::string column(rest.substr(0, length));
-    const size_t padded = std::max<size_t>(length + 1, 22);
-    if (length > rest.size() || rest.size() < padded + 1 || rest[padded] != '\t') throw malformed(line);
-    if (rest.substr(length + 1, padded - length - 1).find_first_not_of(' ') != rest.npos)
-        throw malformed(line);
-    rest.remove_prefix(padded + 1);
-    return column;
-}
 
 Names split(const std::string& text, char separator) {
     Names parts;
@@ -148,23 +134,21 @@ FileKeys parseRegistry(const std::string& text) {
     if (!lines.back().empty()) throw std::runtime_error("no line end at the end of the registry");
     lines.pop_back();
     FileKeys keys;
-    std::map<std::string, FileValue>* values = nullptr;
+    FileKeys::mapped_type* values = nullptr;
+    using Kind = registry::RegistryLine::Kind;
     for (const std::string& line : lines) {
-        std::string_view rest = line;
-        if (rest.starts_with("hkey_local_machine") || rest.starts_with("HKEY_LOCAL_MACHINE")) {
-            const size_t colon = line.find(':');
-            if (colon == line.npos || line.find_first_not_of("0123456789", colon + 1) != line.npos)
-                throw malformed(line);
-            const auto [key, isNew] = keys.try_emplace(line.substr(0, colon));
-            if (!isNew) throw malformed(line);
-            values = &key->second;
-            continue;
+        const auto parsed = registry::parseLine(line, /*wantsDefects=*/true);
+        bool isNew = false;
+        if (parsed.kind == Kind::Key && parsed.defect == nullptr) {
+            const auto added = keys.try_emplace(std::string(parsed.keyName));
+            isNew = added.second;
+            values = &added.first->second;
+        } else if (parsed.kind == Kind::Value && values != nullptr) {
+            const auto& [type, name, data] = parsed.value;
+            const FileValue value{std::string(registry::typeWord(type)), std::string(data)};
+            isNew = values->try_emplace(std::string(name), value).second;
         }
-        const std::string name = takeColumn(rest, line, rest.find(':'));
-        const std::string data = takeColumn(rest, line, rest.rfind(';'));
-        if (rest != "REG_SZ" && rest != "REG_DWORD" && rest != "REG_MULTI_SZ") throw malformed(line);
-        if (values == nullptr || !values->try_emplace(name, FileValue{std::string(rest), data}).second)
-            throw malformed(line);
+        if (!isNew) throw std::runtime_error("not as the library writes it: " + line);
     }
     return keys;
 }

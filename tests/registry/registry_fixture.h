@@ -1,7 +1,7 @@
 #pragma once
 
 // What the registry's tests share: an installation on a machine of its own, short forms of the calls, a strict
-// reader of the registry file, and other processes that work on the same registry.
+// reading of the registry file, and other processes that work on the same registry.
 
 #include <gtest/gtest.h>
 #include <traiklofox/registry.h>
@@ -89,8 +89,8 @@ struct FileValue {
     std::string data;
     bool operator==(const FileValue&) const = default;
 };
-/// A registry file's text: for each key's full name its values by name. Throws for a line that is not laid out exactly
-/// as the library writes it, a key or value that comes twice, and a text that does not end with a line end.
+/// What a reader finds in a registry file's text: for each key's full name its values by name. Throws for a line that
+/// the library would not have written, a key or value that comes twice, and a text that does not end with a line end.
 using FileKeys = std::map<std::string, std::map<std::string, FileValue>>;
 FileKeys parseRegistry(const std::string& text);
 /// Lines of such a text: of the key `path`, which is below the root word, and of a REG_SZ.
