@@ -22,14 +22,14 @@ struct FoundKey {
 
 /// Walks `path` from `start`, components separated by backslashes (several count as one), letter case ignored;
 /// without a component, and from a dead key, it leads nowhere. Locks hand over hand, from there down; none is held
-/// on return, so that the key found may be dead by the time it is locked. Only a walk from the root makes keys:
-/// they get `sequence`, and the whole path as their name; with -1 the walk draws one, which all keys that it makes share.
+/// on return, so that the key found may be dead by the time it is locked. Only a walk from the root makes keys: they
+/// get `sequence`, and the whole path as their name; with -1 the walk draws one, which all keys that it makes share.
 FoundKey FindKey(RegKey& start, std::string_view path, Walk walk, LONG sequence = -1);
 
 /// A look-up from a key that is locked and not dead, whose lock it lets go.
 KeyRef lookUpFromLocked(RegKey& start, std::string_view path) TRAIKLOFOX_RELEASE(start.lock);
 
-/// The same walk as FindKey's along the part of `path` behind its first `passed` characters, which lead from the root to `start`.
+/// FindKey's walk along the part of `path` behind its first `passed` characters, which lead from the root to `start`.
 FoundKey FindKeyBehind(RegKey& start, std::string_view path, size_t passed, Walk walk, LONG sequence = -1);
 
 /// How many components a path has.
