@@ -85,6 +85,21 @@ TEST_F(KzregAccess, WithoutPermissionItNamesTheOwner) {
     EXPECT_EQ(registryText(), before);
 }
 
+TEST_F(KzregAccess, FilesThatMayNotBeReadOrWrittenAreNamed) {
+    const std::string hidden = fileWith("hkey_local_machine\\a:1\n");
+    const std::string closed = file("closed/out");
+    writeText(closed, "old");
+    ::chmod(hidden.c_str(), 0);
+    ::chmod(file("closed").c_str(), 0555);
+    const std::string denied = ": Permission denied";
+    const Kzreg::Surroundings user{.unprivileged = true};
+    EXPECT_THAT(kzreg({"check", hidden}, user), Fails(1, hidden + denied));
+    EXPECT_THAT(kzreg({"import", hidden}, user), Fails(1, hidden + denied));
+    EXPECT_THAT(kzreg({"export", closed}, user),
+                Fails(1, "cannot write " + closed + denied + "; it is as it was"));
+    EXPECT_EQ(readText(closed), "old");
+}
+
 TEST_F(KzregAccess, ASemaphoreOfSomebodyElsesIsNoticed) {
     constexpr const char* kLockFile = "/usr/lib/tarnwell/twml_data.dat";
     writeText(kLockFile, "");
@@ -97,9 +112,17 @@ TEST_F(KzregAccess, ARegistryThatIsCutShortByALongLineIsNotUsedAsIfItWereWhole) 
               readText(templateFile()) + std::string(5000, 'x') + "\nhkey_local_machine\\behind:7\n");
     const std::string said =
         registry() + ":5: longer than 4095 characters; nothing from here on is read; mend that line first";
-    for (const Words& words :
-         {Words{"query", "behind"}, {"add", "behind"}, {"export", file("out")}, {"backup"}})
+    const std::string before = registryText();
+    const std::string importable = fileWith("hkey_local_machine\\a:1\n");
+    for (const Words& words : {Words{"query", "behind"},
+                               {"add", "behind"},
+                               {"delete", "software"},
+                               {"export", file("out")},
+                               {"import", importable},
+                               {"backup"},
+                               {"watch", "HKLM"}})
         EXPECT_THAT(kzreg(words), Fails(2, said)) << words[0];
+    EXPECT_EQ(registryText(), before);
     EXPECT_THAT(kzreg({"status"}).output,
                 HasSubstr("defects:       1; kzreg check '" + registry() + "' lists them"));
 }

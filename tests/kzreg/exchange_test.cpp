@@ -1,9 +1,12 @@
 // kzreg export and kzreg import: what goes out comes back, and nothing goes half way.
 
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "kzreg/kzreg_fixture.h"
 #include "support/private_machine.h"
@@ -193,6 +196,46 @@ TEST_F(KzregExchange, AFileThatIsNoRegistryImportsNothing) {
     EXPECT_THAT(kzreg({"import", file("missing")}),
                 Fails(1, file("missing") + ": No such file or directory"));
     EXPECT_THROW(registryText(), std::system_error) << "the registry was started";
+}
+
+// A line that a hand wrote without columns may say more than there is room for with them.
+TEST_F(KzregExchange, WhatTheRegistryCannotHoldKeepsAllFromBeingImported) {
+    add("software\\example", "v", "1");
+    const std::string before = registryText();
+    const std::string source = fileWith(
+        "hkey_local_machine\\software\\new:7\nw: 2; REG_SZ\nv:" + std::string(4080, 'x') + ";REG_SZ\n");
+    EXPECT_EQ(kzreg({"check", source}), done());
+    const Outcome refused = kzreg({"import", source});
+    EXPECT_THAT(
+        refused,
+        Fails(1, "nothing is imported: see above what the registry cannot hold of key software\\new"));
+    EXPECT_THAT(refused.errors, HasSubstr("value \"v\" refused: it is too long for a line of the file"));
+    EXPECT_EQ(registryText(), before);
+}
+
+TEST_F(KzregExchange, AnImportThatIsInterruptedIsWholeOrNothing) {
+    add("software\\example", "v", "1");
+    const std::string source = fileWith(manyKeys(500));
+    int interrupted = 0;
+    for (int round = 0; round < 20; ++round) {
+        Kzreg import({"import", source});
+        std::this_thread::sleep_for(std::chrono::milliseconds{3 * round});  // some moment of it
+        import.kill(round % 2 == 0 ? SIGINT : SIGKILL);
+        const bool finished = import.finish().status == ExitStatus::exited(0);
+        interrupted += !finished;
+        const std::string text = registryText();
+        size_t values = 0;
+        for (size_t at = text.find("data of it"); at != text.npos; at = text.find("data of it", at + 1))
+            ++values;
+        EXPECT_TRUE(values == 5000 || (values == 0 && !finished)) << values;
+        EXPECT_EQ(kzreg({"check", registry()}), done());
+        if (values > 0) {
+            EXPECT_EQ(kzreg({"delete", "software\\many"}), done());
+        }
+    }
+    EXPECT_GT(interrupted, 0);
+    EXPECT_EQ(kzreg({"import", source}).status, ExitStatus::exited(0));
+    EXPECT_THAT(otherFiles(), IsEmpty()) << "what the interrupted ones left";
 }
 
 TEST_F(KzregExchange, ADiskThatFillsUpDuringAnImportLosesNothing) {
