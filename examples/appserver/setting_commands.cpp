@@ -6,7 +6,7 @@
 #include "registry_key.h"
 #include "registry_walk.h"
 
-#include <traiklofox/threads.h>
+#include <traiklofox/process.h>
 
 #include <chrono>
 #include <cstdio>

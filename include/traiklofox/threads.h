@@ -163,9 +163,3 @@ TRAIKLOFOX_API void UserAPCInit();
 /// Runs the calling thread's queued calls. Returns 1 if any ran, else 0. Every alertable wait and sleep calls
 /// it.
 TRAIKLOFOX_API int UserAPCCheck();
-
-/// Ends the process at once with `code`, without unwinding, destructors or `atexit` functions, as `_exit`
-/// does.
-TRAIKLOFOX_C_API void ExitProcess(DWORD code) __attribute__((noreturn));
-/// The calling process's id.
-TRAIKLOFOX_C_API DWORD GetCurrentProcessId();

@@ -5,6 +5,7 @@
 #include <traiklofox/files.h>
 #include <traiklofox/handles.h>
 #include <traiklofox/primitives.h>
+#include <traiklofox/processes.h>
 #include <traiklofox/registry.h>
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>

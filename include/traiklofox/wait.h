@@ -16,7 +16,8 @@ constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;  ///< the most handles in one wait on
 /// alertable     TRUE: a queued call that runs on this thread ends a timed wait.
 /// Returns WAIT_OBJECT_0, WAIT_TIMEOUT, WAIT_IO_COMPLETION, or WAIT_FAILED for a null handle. Leaves errno
 /// alone. An auto-reset event is consumed by the wait that returns WAIT_OBJECT_0. A kind that has no wait of
-/// its own (a file, a timer) counts as signalled. A cancellation point (`pthread_cancel`).
+/// its own (a file, a timer) counts as signalled. A wait on a process has no time-out (see process.h). A
+/// cancellation point (`pthread_cancel`).
 ///
 /// Unlike Win32: an INFINITE wait on one event never runs queued calls, alertable or not.
 TRAIKLOFOX_C_API DWORD WaitForSingleObjectEx(Handle* handle, DWORD milliseconds, BOOL alertable);
@@ -29,7 +30,7 @@ TRAIKLOFOX_C_API DWORD WaitForSingleObject(Handle* handle, DWORD milliseconds);
 /// Returns WAIT_OBJECT_0 + the index of the handle that ended the wait, WAIT_TIMEOUT, WAIT_IO_COMPLETION, or
 /// WAIT_FAILED: an empty array, nothing but null entries, more than MAXIMUM_WAIT_OBJECTS handles of several
 /// kinds, or an array of nothing but threads (which also writes a message to standard error). Leaves errno
-/// alone.
+/// alone. An array of nothing but processes is waited for as `Process::WaitForMultipleHandles` says.
 ///
 /// Events only: a wait for any consumes the auto-reset event that it reports; other events keep their
 /// signals. Several threads that wait for one auto-reset event in multiple waits may all be released by one

@@ -13,6 +13,7 @@ enum class LockRank : std::uint8_t {
     OpenKeys,       // registry handle number -> open key
     RegistryKey,    // one key's values and subkeys, parent before child
     KeyNumbers,     // the numbers in use by registry keys
+    ProcessWatch,   // the processes that the watching thread looks at
     ThreadState,    // a thread's id, and whether it still runs
     EventBookkeeping,  // Event::EventLock
     Event,             // one event's state, waiters and registered multiple waits

@@ -1,7 +1,7 @@
 #pragma once
 
 // The one thin layer over the system calls that can fail or that a test must control. The policies stand here
-// once: EINTR is retried (a sleep and a `futexWait` excepted, whose callers want to know), `close` never is,
+// once: EINTR is retried (a sleep, a `ppoll` and a `futexWait` excepted, whose callers want to know), `close` never is,
 // and every descriptor is close-on-exec. Each function is one inline call; a test makes the n-th one fail, or
 // time jump, by wrapping the C library's function at link time (tests/support/fault_injection.h).
 
@@ -9,7 +9,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/random.h>
@@ -19,8 +21,12 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+extern "C" {
+#include <sys/pidfd.h>  // which does not say itself that it is C
+}
 
 #include <atomic>
 #include <cstdint>
@@ -160,6 +166,40 @@ inline void* shmat(int region) {
     return address == reinterpret_cast<void*>(-1) ? nullptr : address;
 }
 
+inline pid_t waitpid(pid_t process, int* status, int options) {
+    return retryInterrupted([&] { return ::waitpid(process, status, options); });
+}
+inline int waitid(idtype_t which, id_t id, siginfo_t* information, int options) {
+    return retryInterrupted([&] { return ::waitid(which, id, information, options); });
+}
+/// A descriptor that is readable once the process has ended.
+inline int pidfdOpen(pid_t process) {
+    return ::pidfd_open(process, 0);
+}
+/// Returns an error number.
+inline int posixSpawn(pid_t* process, const char* program, const posix_spawnattr_t* attributes,
+                      char* const* words) {
+    return ::posix_spawn(process, program, /*actions=*/nullptr, attributes, words, environ);
+}
+/// Two ends, for reading and for writing.
+inline int pipe(int (&ends)[2]) {
+    return ::pipe2(ends, O_CLOEXEC);
+}
+/// A copy of the descriptor that is none of the first three.
+inline int duplicateAboveStandard(int fd) {
+    return ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+}
+/// The copy stays open when a program is executed.
+inline int dup2(int fd, int copy) {
+    return retryInterrupted([&] { return ::dup2(fd, copy); });
+}
+inline int closeRange(unsigned int first, unsigned int last) {
+    return ::close_range(first, last, 0);
+}
+inline int chdir(const char* path) {
+    return ::chdir(path);
+}
+
 /// Random bytes, as many as the result says; -1 when the machine has not gathered any yet. Never waits.
 inline ssize_t getrandom(void* buffer, size_t size) {
     return ::getrandom(buffer, size, GRND_NONBLOCK);
@@ -183,6 +223,11 @@ inline timespec monotonic() {
 /// Ends early with -1 and EINTR when a signal handler ran; `remaining` then holds the rest.
 inline int nanosleep(const timespec& duration, timespec* remaining) {
     return ::nanosleep(&duration, remaining);
+}
+
+/// Ends early with -1 and EINTR when a signal handler ran. A null `mask` leaves the signal mask as it is.
+inline int ppoll(pollfd* polled, nfds_t count, const timespec* timeout, const sigset_t* mask) {
+    return ::ppoll(polled, count, timeout, mask);
 }
 
 /// Sleeps while `word` holds `expected`, at most `timeout` (null: without limit). Returns 0, or an error

@@ -46,6 +46,12 @@ bool CallQueue::pop(QueuedCall& call, bool first) {
     return true;
 }
 
+bool CallQueue::pending() {
+    const LockGuard guard(lock_);
+    idle_ = calls_.empty();
+    return !idle_;
+}
+
 bool CallQueue::publishSleep(Handle& keepAlive, Event& event) {
     const LockGuard guard(lock_);
     idle_ = calls_.empty();

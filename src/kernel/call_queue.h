@@ -44,6 +44,9 @@ class CallQueue {
     /// look.
     bool pop(QueuedCall& call, bool first);
 
+    /// Whether calls wait to be run. Counts as a look: an empty queue marks the thread idle.
+    bool pending();
+
     /// Publishes a sleep on `event` unless calls are pending. False: they are, nothing is published. Counts as
     /// a look: an empty queue marks the thread idle.
     bool publishSleep(Handle& keepAlive, Event& event);

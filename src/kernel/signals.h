@@ -19,24 +19,41 @@ inline int resumeSignal() {
     return __libc_current_sigrtmin() + 2;
 }
 
-/// Keeps the calling thread from being suspended for a scope, after which a suspension that came takes effect.
-class SuspensionDeferred {
+/// Blocks one signal, or every one, in the calling thread for a scope.
+class SignalsBlocked {
   public:
-    SuspensionDeferred() {
-        sigset_t suspend;
-        sigemptyset(&suspend);
-        sigaddset(&suspend, suspendSignal());
-        pthread_sigmask(SIG_BLOCK, &suspend, &saved_);
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &saved_);
     }
-    ~SuspensionDeferred() { pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
-    SuspensionDeferred(const SuspensionDeferred&) = delete;
-    SuspensionDeferred& operator=(const SuspensionDeferred&) = delete;
+    explicit SignalsBlocked(int signalNumber) {
+        sigset_t one;
+        sigemptyset(&one);
+        sigaddset(&one, signalNumber);
+        pthread_sigmask(SIG_BLOCK, &one, &saved_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
 
-    /// Whether the thread could not be suspended before either.
-    bool wasBlocked() const { return sigismember(&saved_, suspendSignal()) == 1; }
+    /// The mask before.
+    const sigset_t& saved() const { return saved_; }
 
   private:
     sigset_t saved_;
+};
+
+/// Keeps the calling thread from being suspended for a scope, after which a suspension that came takes effect.
+class SuspensionDeferred {
+  public:
+    SuspensionDeferred() : blocked_(suspendSignal()) {}
+
+    /// Whether the thread could not be suspended before either.
+    bool wasBlocked() const { return sigismember(&blocked_.saved(), suspendSignal()) == 1; }
+
+  private:
+    const SignalsBlocked blocked_;
 };
 
 /// Installs the handlers of the three.

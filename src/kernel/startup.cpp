@@ -6,14 +6,16 @@
 #include <csignal>
 
 #include "foundation/lock_rank.h"
+#include "kernel/child_records.h"
+#include "kernel/process_watcher.h"
 #include "kernel/signals.h"
 
 namespace traiklofox::kernel {
 
 namespace {
 
-/// Processes are waited for by collecting SIGCHLD, so no thread may receive it; inside the server process the
-/// application decides.
+/// The end of a child is looked up and not signalled, so no thread need be interrupted by it; inside the server
+/// process the application decides.
 void blockChildSignal() {
     if (bRunningInServer) return;
     sigset_t child;
@@ -22,14 +24,32 @@ void blockChildSignal() {
     pthread_sigmask(SIG_BLOCK, &child, nullptr);
 }
 
+// A fork happens outside what these locks guard, so that the child finds it whole and free.
+void lockForFork() {
+    ProcessWatcher::lockForFork();
+    Event::Lock();
+    ChildRecords::lockForFork();
+}
+
+void unlockInParent() {
+    ChildRecords::unlockAfterFork();
+    Event::Unlock();
+    ProcessWatcher::unlockAfterFork();
+}
+
+void unlockInChild() {
+    ChildRecords::forgetInForkedChild();
+    Event::Unlock();
+    ProcessWatcher::restartInForkedChild();
+}
+
 }  // namespace
 
 void startKernel() {
     createThreadContextKey();
     blockChildSignal();
     installSignalHandlers();
-    // A fork happens outside the event section, so that the child finds it free.
-    pthread_atfork(Event::Lock, Event::Unlock, Event::Unlock);
+    pthread_atfork(lockForFork, unlockInParent, unlockInChild);
 }
 
 }  // namespace traiklofox::kernel

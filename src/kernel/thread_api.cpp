@@ -4,8 +4,6 @@
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -145,12 +143,4 @@ int GetThreadPriority(Handle* handle) {
 int SetThreadPriority(Handle* handle, int priority) {
     Thread* thread = threadOf(handle);
     return thread != nullptr ? thread->SetPriority(priority) : ESRCH;
-}
-
-void ExitProcess(DWORD code) {
-    _exit(static_cast<int>(code));
-}
-
-DWORD GetCurrentProcessId() {
-    return static_cast<DWORD>(getpid());
 }

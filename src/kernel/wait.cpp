@@ -42,6 +42,7 @@ DWORD waitMixed(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds,
         if (isNone(handles[i])) continue;
         int signaled = 0;
         synchs[i] = handles[i]->GetSynch(signaled);
+        if (synchs[i] == nullptr) return WAIT_FAILED;
         if (target == nullptr) target = synchs[i];
         if (!signaled) continue;
         for (DWORD j = i + 1; j-- > 0;)

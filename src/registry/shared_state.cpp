@@ -1,7 +1,7 @@
 #include "registry/shared_state.h"
 
 #include <traiklofox/clocks.h>
-#include <traiklofox/threads.h>
+#include <traiklofox/process.h>
 
 #include <unistd.h>
 

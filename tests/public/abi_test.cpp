@@ -59,6 +59,10 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"_critsection", 32, 56},
         {"_critsection::mutex", 8, 16},
         {"_TIME_ZONE_INFORMATION", 300, 300},
+        {"_STARTUPINFO", 20, 32},
+        {"_STARTUPINFO::hStdError", 16, 24},
+        {"_PROCESS_INFORMATION", 16, 24},
+        {"_PROCESS_INFORMATION::dwProcessId", 8, 16},
         {"RegValueList", 52, 72},
     };
     std::map<std::string, size_t> here;

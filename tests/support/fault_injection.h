@@ -23,15 +23,18 @@ namespace faults {
 enum class Call {
     // With a path, or two:
     Open, Stat, Lstat, Statfs, Access, Chmod, Chown, Mkdir, Rmdir, Rename, Link, Unlink, Readlink, Opendir,
-    Fopen,
+    Fopen, Chdir,
     // With a descriptor, or a stream over one:
     Close, Read, Write, Lseek, Ftruncate, Fdatasync, Fsync, Lockf, Flock, Fcntl, Fstat, Fchmod, Fchown,
     Readdir, Closedir, Mmap, Fdopen, Fwrite, Fputs, Fgets, Fflush, Fclose,
     // With neither:
     Semget, Semop, Semctl, Shmget, Shmctl, Shmat, Munmap, Malloc, PthreadCreate, Fork, Pipe2, Waitpid, Kill,
-    Nanosleep, Getrandom,
+    Nanosleep, Getrandom, PidfdOpen, PosixSpawn, CloseRange,
 };
-constexpr int kCallKinds = static_cast<int>(Call::Getrandom) + 1;
+constexpr int kCallKinds = static_cast<int>(Call::CloseRange) + 1;
+
+/// In place of an error number: the call does not return.
+constexpr int kHangs = -1;
 // clang-format on
 
 /// Which calls a rule is about, and what becomes of them.

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -48,6 +49,7 @@ template <class Real, class Result = decltype(std::declval<Real>()())>
 Result pass(Call call, const Target& target, Real real, Result failure) {
     const auto verdict = judge(call, target);
     if (verdict.fails) {
+        while (verdict.error == traiklofox::test::faults::kHangs) ::pause();
         errno = verdict.error;
         return failure;
     }
@@ -157,6 +159,11 @@ DIR* __wrap_opendir(const char* path) {
 FILE* __wrap_fopen64(const char* path, const char* mode) {
     return pass(Call::Fopen, at(path), [&] { return __real_fopen64(path, mode); },
                 static_cast<FILE*>(nullptr));
+}
+
+int __real_chdir(const char*);
+int __wrap_chdir(const char* path) {
+    return pass(Call::Chdir, at(path), [&] { return __real_chdir(path); });
 }
 
 int __real_close(int);
@@ -328,6 +335,23 @@ int __wrap_nanosleep(const struct timespec* duration, struct timespec* remaining
 
 ssize_t __wrap_getrandom(void* buffer, size_t size, unsigned int flags) {
     return pass(Call::Getrandom, kNowhere, [&] { return __real_getrandom(buffer, size, flags); });
+}
+
+int __real_pidfd_open(pid_t, unsigned int);
+int __real_posix_spawn(pid_t*, const char*, const posix_spawn_file_actions_t*, const posix_spawnattr_t*, char* const*,
+                       char* const*);
+int __real_close_range(unsigned int, unsigned int, int);
+
+int __wrap_pidfd_open(pid_t pid, unsigned int flags) {
+    return pass(Call::PidfdOpen, kNowhere, [&] { return __real_pidfd_open(pid, flags); });
+}
+int __wrap_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                       const posix_spawnattr_t* attributes, char* const* words, char* const* environment) {
+    const auto verdict = judge(Call::PosixSpawn, at(path));
+    return verdict.fails ? verdict.error : __real_posix_spawn(pid, path, actions, attributes, words, environment);
+}
+int __wrap_close_range(unsigned int first, unsigned int last, int flags) {
+    return pass(Call::CloseRange, kNowhere, [&] { return __real_close_range(first, last, flags); });
 }
 
 int __real_clock_gettime(clockid_t, struct timespec*);

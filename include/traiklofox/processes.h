@@ -1,0 +1,5 @@
+#pragma once
+
+/// Processes. This header only gathers those of its family.
+
+#include <traiklofox/process.h>
