@@ -2,10 +2,12 @@
 //
 //     appserver demo [--template FILE]    starts the others on a fresh installation and gives an account of them
 //     appserver server                    the server
+//     appserver helper                    a process that the server starts for itself
 //     appserver connector NAME            a web server's connector to it
 //     appserver admin [COMMAND ...]       an administrator, who works with kzreg
 //
-// The last three use the registry of the installation that the environment variable TWHOME names.
+// Server, connector and administration use the registry of the installation that the environment variable TWHOME
+// names.
 
 #include "demo.h"
 #include "roles.h"
@@ -22,10 +24,12 @@ int run(const appserver::Words& words) {
         if (role == "demo") return appserver::runDemo(rest);
         if (role == "server" && rest.empty()) return appserver::runServer();
         if (role == "connector" && rest.size() == 1) return appserver::runConnector(rest.front());
+        if (role == "helper" && rest.empty()) return appserver::runHelper();
         if (role == "admin") return appserver::runAdmin(rest);
     }
-    std::fputs("usage: appserver demo [--template FILE] | server | connector NAME | admin [COMMAND ...]\n",
-               stderr);
+    std::fputs(
+        "usage: appserver demo [--template FILE] | server | helper | connector NAME | admin [COMMAND ...]\n",
+        stderr);
     return 2;
 }
 

@@ -16,6 +16,9 @@ int runServer();
 /// settings below "connectors".
 int runConnector(const std::string& name);
 
+/// The server's helper process: lives until its standard input ends.
+int runHelper();
+
 /// An administrator, who works with kzreg. With words it carries them out as one command; without, it reads commands.
 int runAdmin(const Words& words);
 

@@ -1,5 +1,6 @@
 // server.cpp: the application server's main process.
 
+#include "helper_supervisor.h"
 #include "lazy_writer.h"
 #include "registry_key.h"
 #include "roles.h"
@@ -39,6 +40,24 @@ class Server {
 
     void stopLazyWriter() { lazyWriter_.reset(); }
 
+    void startHelper() {
+        helper_.reset();
+        helper_.emplace();
+        tellHelper();
+    }
+
+    void awaitHelper() {
+        if (!helper_) throw std::runtime_error("no helper is wanted");
+        std::printf("code %u\n", static_cast<unsigned>(helper_->awaitRestart(kNoticeMs)));
+        tellHelper();
+    }
+
+    void stopHelper() {
+        if (!helper_) throw std::runtime_error("no helper is wanted");
+        std::printf("code %u\n", static_cast<unsigned>(helper_->finish()));
+        helper_.reset();
+    }
+
     /// Serves COUNT requests, about one a millisecond. Each adds 1 to one of a few counters, and closes the
     /// key as code does that knows nothing of a lazy writer.
     void serve(const Words& arguments) {
@@ -52,8 +71,11 @@ class Server {
     }
 
   private:
+    void tellHelper() const { std::printf("helper %u\n", static_cast<unsigned>(helper_->helper())); }
+
     std::unique_ptr<SettingWatcher> watcher_;
     std::optional<LazyWriter> lazyWriter_;
+    std::optional<HelperSupervisor> helper_;
 };
 
 }  // namespace
@@ -70,6 +92,9 @@ int runServer() {
     conversation.add("start-lazy-writer MILLISECONDS",
                      [&](const Words& arguments) { server.startLazyWriter(arguments); });
     conversation.add("stop-lazy-writer", [&](const Words&) { server.stopLazyWriter(); });
+    conversation.add("start-helper", [&](const Words&) { server.startHelper(); });
+    conversation.add("await-helper", [&](const Words&) { server.awaitHelper(); });
+    conversation.add("stop-helper", [&](const Words&) { server.stopHelper(); });
     conversation.add("serve KEY COUNT", [&](const Words& arguments) { server.serve(arguments); });
     conversation.hold();
     return 0;

@@ -2,18 +2,12 @@
 
 // setting_watcher.h: a thread that notices when a setting is changed, by whichever process.
 
-#include <traiklofox/handle.h>
+#include "owned_handle.h"
 
-#include <memory>
+#include <atomic>
 #include <string>
 
 namespace appserver {
-
-struct HandleCloser {
-    void operator()(Handle* handle) const { CloseHandle(handle); }
-};
-/// A handle that closes itself.
-using OwnedHandle = std::unique_ptr<Handle, HandleCloser>;
 
 class SettingWatcher {
   public:

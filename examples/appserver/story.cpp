@@ -8,6 +8,8 @@
 #include "child_process.h"
 #include "conversation.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -39,6 +41,8 @@ constexpr char kRequestKey[] = "requests";
 constexpr unsigned kRequests = 1000;
 constexpr unsigned kCounters = 10;
 constexpr unsigned kLazyIntervalMs = 200;
+
+constexpr unsigned long kKilledCode = 0xFFFFFFFF;
 
 constexpr std::chrono::milliseconds kProofOfWaiting{300};
 constexpr double kAtOnceMs = 5000;
@@ -292,6 +296,34 @@ void writeLazily(Team& team, double writeMs) {
     say("A fresh process finds the last value of each of the %u counters.", kCounters);
 }
 
+/// The number behind one of the words of the server's answer about its helper.
+unsigned long numberBehind(const std::string& word, const Lines& answer) {
+    for (const std::string& line : answer) {
+        if (line.starts_with(word + " ")) return std::stoul(line.substr(word.size()));
+    }
+    check(false, "a line \"" + word + " ...\"");
+    return 0;
+}
+
+void replaceHelper(Team& team) {
+    heading("A helper process that is replaced when it crashes");
+    const auto first = static_cast<pid_t>(numberBehind("helper", team.server.ask("start-helper")));
+    say("The server has started a helper, pid %d, and waits for its end and for an event at once.",
+        static_cast<int>(first));
+    const Clock::time_point begin = Clock::now();
+    check(::kill(first, SIGKILL) == 0, "a helper that can be killed");
+    const Lines answer = team.server.ask("await-helper");
+    const double elapsedMs = millisecondsSince(begin);
+    check(numberBehind("code", answer) == kKilledCode, "the exit code of a process that was killed");
+    const auto second = static_cast<pid_t>(numberBehind("helper", answer));
+    check(second != first && ::kill(second, 0) == 0, "another helper");
+    say("It is killed with SIGKILL. %.1f ms later the next one runs, pid %d.", elapsedMs,
+        static_cast<int>(second));
+    check(numberBehind("code", team.server.ask("stop-helper")) == 0, "a helper that ends well");
+    check(::kill(first, 0) != 0 && ::kill(second, 0) != 0, "no helper that is left, running or uncollected");
+    say("The event ends the wait, the helper is let go and ends with 0. Neither is left.");
+}
+
 void killLockHolder(Team& team) {
     heading("A writer killed while it holds the lock");
     ChildProcess holder("second admin", {"admin"});
@@ -347,6 +379,7 @@ void tellStory(const Installation& installation) {
     const double writeMs = writeAllAtOnce(team, installation);
     writeLazily(team, writeMs);
     killLockHolder(team);
+    replaceHelper(team);
     endAll(team, installation);
 }
 
