@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <optional>
 #include <vector>
 
@@ -41,13 +40,14 @@ void checkBytes(const RegValue& value) {
         require(copyOut(value, bytes.data(), &size) == ERROR_SUCCESS, "enough bytes do");
         require(size == need, "as many bytes as there are");
     }
-    CKZString text;
-    require(formDataText(value.type, bytes.data(), static_cast<DWORD>(need), text), "bytes make a text");
-    const bool same = value.type == REG_DWORD
-                          ? static_cast<DWORD>(std::strtoul(text.c_str(), nullptr, 0)) ==
-                                static_cast<DWORD>(std::strtoul(value.data.c_str(), nullptr, 0))
-                          : text == value.data;
-    require(same, "bytes read and set again are the same data", text);
+    RegValue again(value.type, value.name, "");
+    require(formDataText(value.type, bytes.data(), static_cast<DWORD>(need), again.data),
+            "bytes make a text");
+    require(value.type == REG_DWORD || again == value, "texts read and set again are the same", again.data);
+    DWORD size = static_cast<DWORD>(need);
+    std::vector<BYTE> bytesAgain(need);
+    require(copyOutQueried(again, bytesAgain.data(), &size) == ERROR_SUCCESS && bytesAgain == bytes,
+            "and so are their bytes", again.data);
 }
 
 std::string_view withoutBlanksInFront(std::string_view text) {
