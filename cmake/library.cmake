@@ -14,6 +14,8 @@ target_compile_definitions(traiklofox_objects PRIVATE
 if(TRAIKLOFOX_CHECK_LOCK_ORDER)
   target_compile_definitions(traiklofox_objects PRIVATE TRAIKLOFOX_CHECK_LOCK_ORDER)
 endif()
+# True because of -Bsymbolic below: the exported functions are inlined and called directly, too.
+target_compile_options(traiklofox_objects PRIVATE -fno-semantic-interposition)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(traiklofox_objects PRIVATE -Wglobal-constructors -Wexit-time-destructors)
 endif()

@@ -27,11 +27,11 @@ std::map<std::string, Standard>& standards() {
 }
 
 void add(const std::string& name, const std::function<void(benchmark::State&)>& body,
-         const std::function<void(benchmark::internal::Benchmark&)>& configure) {
+         const Measurement& measurement) {
     benchmark::internal::Benchmark* added = benchmark::RegisterBenchmark(name.c_str(), body);
     // By real time, because much of what is measured is waiting.
-    added->UseRealTime();
-    if (configure) configure(*added);
+    (void)(measurement.measuresItself ? added->UseManualTime() : added->UseRealTime());
+    if (measurement.configure) measurement.configure(*added);
 }
 
 double median(std::vector<double> values) {
@@ -72,8 +72,8 @@ std::string processorModel() {
 Comparison::Comparison(const Measurement& measurement) {
     const size_t place = standards().size();
     standards()[measurement.operation] = {place, measurement.floor, measurement.aim};
-    add(measurement.operation, measurement.body, measurement.configure);
-    add(measurement.operation + std::string{kFloorSuffix}, measurement.floorBody, measurement.configure);
+    add(measurement.operation, measurement.body, measurement);
+    add(measurement.operation + std::string{kFloorSuffix}, measurement.floorBody, measurement);
 }
 
 bool ComparisonReporter::ReportContext(const Context& context) {

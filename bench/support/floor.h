@@ -28,6 +28,8 @@ struct Measurement {
     std::string floor;
     std::function<void(benchmark::State&)> floorBody;
     double aim = 0;  ///< greatest wanted ratio; 0: none is set
+    /// The bodies give each iteration's time by `SetIterationTime`.
+    bool measuresItself = false;
     /// Applied to the operation and to its floor, for arguments, threads or iterations.
     std::function<void(benchmark::internal::Benchmark&)> configure = {};
 };

@@ -16,7 +16,6 @@ class EventGuard;
 class WaiterCount;
 class PostedWaits;
 struct MultiWaitEntry;
-void wakeSleepers(Event& event);
 }  // namespace traiklofox::kernel
 
 /// An event: non-signalled or signalled, auto-reset (a successful wait consumes the signal) or manual-reset.
@@ -72,7 +71,6 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
     friend class MultiEvent;
     friend class traiklofox::kernel::EventGuard;
     friend class traiklofox::kernel::WaiterCount;
-    friend void traiklofox::kernel::wakeSleepers(Event& event);
 
     struct Embedded {};
     explicit Event(Embedded);  // a MultiEvent's own; its lock comes after every other event's
@@ -83,6 +81,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
     bool consume();
     DWORD waitUntil(Handle& keepAlive, const timespec* deadline, BOOL alertable);
     DWORD sleepLocked(Handle& keepAlive, const timespec* deadline, BOOL alertable) TRAIKLOFOX_REQUIRES(this);
+    static void wakeSleepers(void* event);
     void noteWatchers() TRAIKLOFOX_REQUIRES(this);
     void enroll(traiklofox::kernel::MultiWaitEntry& entry) TRAIKLOFOX_REQUIRES(this);
     void withdraw(traiklofox::kernel::MultiWaitEntry& entry) TRAIKLOFOX_REQUIRES(this);
@@ -125,7 +124,8 @@ class TRAIKLOFOX_API MultiEvent : public Handle {
     friend class Event;
     friend class traiklofox::kernel::PostedWaits;
 
-    DWORD waitForEvents(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds, BOOL alertable);
+    DWORD waitForEvents(DWORD count, Handle** handles, BOOL waitAll, const timespec* deadline,
+                        BOOL alertable);
     void prepare(DWORD count, Handle** handles);
     DWORD enrollAll(BOOL waitAll);
     DWORD sleepUntilPosted(const timespec* deadline, BOOL alertable);

@@ -16,8 +16,9 @@ class ThreadLife;
 
 /// A thread's start function. Its result is not kept.
 typedef DWORD (*LPTHREAD_START_ROUTINE)(void*);
-/// A function run by an asynchronous call.
+/// A function run by an asynchronous call, or a timer's completion routine.
 typedef void (*PAPCFUNC)(void*, void*, void*);
+typedef PAPCFUNC PTIMERAPCROUTINE;
 
 enum ThreadState_t : int {
     THREAD_RUNNING = 0,
@@ -48,11 +49,11 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
     LONG Resume();
 
     /// Queues `function(a, b, c)` to run on this thread in its next alertable wait or sleep, and ends one
-    /// that is under way. Dropped when the thread has ended.
+    /// that is under way. A null function only ends it. Dropped when the thread has ended.
     void QueueAPC(PAPCFUNC function, void* a, void* b, void* c);
-    /// Runs the queued calls, oldest first, until the queue is empty. Only for the thread itself. Returns 1
-    /// if any ran, else 0. No lock is held while a call runs: it may queue further calls, wait and set
-    /// events.
+    /// Runs the queued calls, oldest first, and those that they queue to their own thread; what other threads
+    /// queue meanwhile waits for the next time. Only for the thread itself. Returns 1 if any ran, else 0. No
+    /// lock is held while a call runs: it may queue further calls, wait and set events.
     BOOL CheckAPC();
 
     /// Whether the thread runs or has ended. Only its own end should set it.

@@ -14,10 +14,13 @@ enum class LockRank : std::uint8_t {
     RegistryKey,    // one key's values and subkeys, parent before child
     KeyNumbers,     // the numbers in use by registry keys
     ProcessWatch,   // the processes that the watching thread looks at
+    Timers,         // Timer::RequestLock: the queued timers
+    ThreadPool,     // a pool's jobs and workers
     ThreadState,    // a thread's id, and whether it still runs
     EventBookkeeping,  // Event::EventLock
     Event,             // one event's state, waiters and registered multiple waits
     EmbeddedEvent,     // the event inside a MultiEvent
+    Semaphore,         // who waits for a semaphore or a mutex
     Leaf,              // takes nothing further: RWLock's mutex, a thread's call queue, clocks
 };
 

@@ -1,7 +1,5 @@
 #include "kernel/call_queue.h"
 
-#include <traiklofox/events.h>
-
 #include "foundation/on_exit.h"
 #include "foundation/sys.h"
 #include "kernel/thread_life.h"
@@ -19,12 +17,13 @@ long long monotonicNanoseconds() {
 
 }  // namespace
 
-CallQueue::Push CallQueue::push(const QueuedCall& call) {
+CallQueue::Push CallQueue::push(const QueuedCall& call, bool byItself) {
     const LockGuard guard(lock_);
     calls_.push_back(call);
-    if (sleepsOn_ != nullptr) {
-        keepAlive_->IncRefCount();
-        return {Wake::Sleeper, keepAlive_, sleepsOn_};
+    if (byItself) due_ = calls_.size();
+    if (sleepsAt_.keepAlive != nullptr) {
+        sleepsAt_.keepAlive->IncRefCount();
+        return {Wake::Sleeper, sleepsAt_};
     }
     if (futexSleep_.exchange(0, std::memory_order_relaxed) == 1) return {Wake::Futex};
     return {idle_ ? Wake::Signal : Wake::Nothing};
@@ -33,14 +32,18 @@ CallQueue::Push CallQueue::push(const QueuedCall& call) {
 void CallQueue::endSleep(const Push& pushed) {
     if (pushed.wake == Wake::Futex) sys::futexWakeOne(futexSleep_);
     if (pushed.wake != Wake::Sleeper) return;
-    wakeSleepers(*pushed.event);
-    pushed.keepAlive->DecRefCount();
+    pushed.place.wake(pushed.place.place);
+    pushed.place.keepAlive->DecRefCount();
 }
 
 bool CallQueue::pop(QueuedCall& call, bool first) {
     const LockGuard guard(lock_);
-    if (first) idle_ = calls_.empty();
-    if (calls_.empty()) return false;
+    if (first) {
+        idle_ = calls_.empty();
+        due_ = calls_.size();
+    }
+    if (due_ == 0) return false;
+    --due_;
     call = calls_.front();
     calls_.pop_front();
     return true;
@@ -52,19 +55,22 @@ bool CallQueue::pending() {
     return !idle_;
 }
 
-bool CallQueue::publishSleep(Handle& keepAlive, Event& event) {
+size_t CallQueue::size() const {
+    const LockGuard guard(lock_);
+    return calls_.size();
+}
+
+bool CallQueue::publishSleep(const SleepPlace& place) {
     const LockGuard guard(lock_);
     idle_ = calls_.empty();
     if (!idle_) return false;
-    keepAlive_ = &keepAlive;
-    sleepsOn_ = &event;
+    sleepsAt_ = place;
     return true;
 }
 
 void CallQueue::withdrawSleep() {
     const LockGuard guard(lock_);
-    keepAlive_ = nullptr;
-    sleepsOn_ = nullptr;
+    sleepsAt_ = {};
 }
 
 bool CallQueue::beginFutexSleep() {
@@ -94,8 +100,8 @@ bool CallQueue::sleepFor(DWORD milliseconds) {
     return false;
 }
 
-AlertableSleep::AlertableSleep(Handle& keepAlive, Event& event)
-    : queue_(ThreadLife::callsOf(ThreadLife::current())), published_(queue_.publishSleep(keepAlive, event)) {}
+AlertableSleep::AlertableSleep(const SleepPlace& place)
+    : queue_(ThreadLife::callsOf(ThreadLife::current())), published_(queue_.publishSleep(place)) {}
 
 AlertableSleep::~AlertableSleep() {
     if (published_) queue_.withdrawSleep();

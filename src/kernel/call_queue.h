@@ -11,6 +11,7 @@
 #include <deque>
 
 #include "foundation/mutex.h"
+#include "kernel/parker.h"
 
 namespace traiklofox::kernel {
 
@@ -21,35 +22,48 @@ struct QueuedCall {
     void* c;
 };
 
+/// What a thread sleeps on in an alertable wait, and how whoever queues a call to it ends that sleep.
+struct SleepPlace {
+    Handle* keepAlive = nullptr;  // holds the place
+    void* place = nullptr;
+    void (*wake)(void* place) = nullptr;
+};
+
 class CallQueue {
   public:
     /// What is left to do for whoever queued a call.
     enum class Wake {
         Nothing,  // the thread is busy and will look
         Signal,   // it may be blocked in a system call
-        Sleeper,  // it sleeps on `event`; `keepAlive` has been given a reference
+        Sleeper,  // it sleeps at `place`, whose object has been given a reference
         Futex,    // it sleeps in sleepFor
     };
     struct Push {
         Wake wake;
-        Handle* keepAlive = nullptr;
-        Event* event = nullptr;
+        SleepPlace place = {};
     };
 
-    Push push(const QueuedCall& call);
+    /// `byItself`: the thread itself queues the call.
+    Push push(const QueuedCall& call, bool byItself);
     /// Ends the sleep that `push` reported as Sleeper or Futex, and drops the reference.
     void endSleep(const Push& pushed);
 
-    /// Takes the oldest call. An empty queue marks the thread idle if `first` says that this is the first
-    /// look.
+    /// Takes the oldest call of those that were waiting at the first look, which `first` says that this is, and of
+    /// those that the thread has queued to itself since: so that other threads cannot keep it running calls for ever.
+    /// A queue found empty at the first look marks the thread idle.
     bool pop(QueuedCall& call, bool first);
 
     /// Whether calls wait to be run. Counts as a look: an empty queue marks the thread idle.
     bool pending();
 
-    /// Publishes a sleep on `event` unless calls are pending. False: they are, nothing is published. Counts as
+    /// How many calls wait.
+    size_t size() const;
+
+    Parker& parker() { return parker_; }
+
+    /// Publishes a sleep at `place` unless calls are pending. False: they are, nothing is published. Counts as
     /// a look: an empty queue marks the thread idle.
-    bool publishSleep(Handle& keepAlive, Event& event);
+    bool publishSleep(const SleepPlace& place);
     void withdrawSleep();
 
     /// Sleeps at most `milliseconds`. Returns false when the time passed, true when a call was queued or a
@@ -60,19 +74,20 @@ class CallQueue {
     bool beginFutexSleep();  // false: calls are pending, as they are when it ends with true
     bool endFutexSleep();
 
-    foundation::Mutex<foundation::LockRank::Leaf> lock_;
+    mutable foundation::Mutex<foundation::LockRank::Leaf> lock_;
     std::deque<QueuedCall> calls_ TRAIKLOFOX_GUARDED_BY(lock_);
+    size_t due_ TRAIKLOFOX_GUARDED_BY(lock_) = 0;  // of the calls, for `pop`
     bool idle_ TRAIKLOFOX_GUARDED_BY(lock_) = false;
-    Handle* keepAlive_ TRAIKLOFOX_GUARDED_BY(lock_) = nullptr;
-    Event* sleepsOn_ TRAIKLOFOX_GUARDED_BY(lock_) = nullptr;
+    SleepPlace sleepsAt_ TRAIKLOFOX_GUARDED_BY(lock_);
+    Parker parker_;
     std::atomic<std::int32_t> futexSleep_{
         0};  // 1 while the thread sleeps in sleepFor; changed under the lock
 };
 
-/// Publishes the calling thread's alertable sleep on an event for a scope.
+/// Publishes the calling thread's alertable sleep for a scope.
 class AlertableSleep {
   public:
-    AlertableSleep(Handle& keepAlive, Event& event);
+    explicit AlertableSleep(const SleepPlace& place);
     ~AlertableSleep();
     AlertableSleep(const AlertableSleep&) = delete;
     AlertableSleep& operator=(const AlertableSleep&) = delete;

@@ -28,10 +28,9 @@
 #include <cstring>
 #include <new>
 
-#include "foundation/deadline.h"
 #include "foundation/lock_rank.h"
 #include "foundation/on_exit.h"
-#include "foundation/sys.h"
+#include "kernel/blocked_wait.h"
 #include "kernel/call_queue.h"
 #include "kernel/event_guard.h"
 #include "kernel/handle_arguments.h"
@@ -119,11 +118,6 @@ class PostedWaits {
     std::array<MultiEvent*, kRoom> waits_;
     size_t count_ = 0;
 };
-
-void wakeSleepers(Event& event) {
-    const EventGuard guard(event);
-    pthread_cond_broadcast(&event.cond);
-}
 
 }  // namespace traiklofox::kernel
 
@@ -239,12 +233,9 @@ Event* Event::GetSynch(int& signaled) {
 
 DWORD Event::WaitForHandle(DWORD milliseconds, BOOL alertable) {
     if (consume()) return WAIT_OBJECT_0;
-    if (milliseconds == 0) return WAIT_TIMEOUT;
-    if (milliseconds == INFINITE) return waitUntil(*this, /*deadline=*/nullptr, /*alertable=*/FALSE);
-    const timespec deadline = traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
-    const DWORD result = waitUntil(*this, &deadline, alertable);
-    if (result == WAIT_IO_COMPLETION) UserAPCCheck();
-    return result;
+    return traiklofox::kernel::waitWithin(
+        milliseconds, alertable,
+        [this](const timespec* deadline, BOOL alerts) { return waitUntil(*this, deadline, alerts); });
 }
 
 /// Waits until `deadline` (null: without limit). `keepAlive` is the object that holds this event: the event
@@ -264,7 +255,7 @@ DWORD Event::sleepLocked(Handle& keepAlive, const timespec* deadline, BOOL alert
         }
         int error;
         if (alertable) {
-            const AlertableSleep sleep(keepAlive, *this);
+            const AlertableSleep sleep({&keepAlive, this, wakeSleepers});
             if (sleep.callsPending()) return WAIT_IO_COMPLETION;
             error = pthread_cond_timedwait(&cond, &lock, deadline);
         } else {
@@ -302,6 +293,13 @@ void Event::withdraw(MultiWaitEntry& entry) {
     (entry.previous != nullptr ? entry.previous->next : multiWaiters) = entry.next;
     if (entry.next != nullptr) entry.next->previous = entry.previous;
     noteWatchers();
+}
+
+/// For whoever queues a call to a thread that sleeps here.
+void Event::wakeSleepers(void* event) {
+    auto& self = *static_cast<Event*>(event);
+    const EventGuard guard(self);
+    pthread_cond_broadcast(&self.cond);
 }
 
 BOOL Event::SetEventData(LONG newData) {

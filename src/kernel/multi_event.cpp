@@ -13,9 +13,8 @@
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
 
-#include "foundation/deadline.h"
 #include "foundation/on_exit.h"
-#include "foundation/sys.h"
+#include "kernel/blocked_wait.h"
 #include "kernel/event_guard.h"
 #include "kernel/handle_arguments.h"
 #include "kernel/multi_wait_entry.h"
@@ -23,6 +22,7 @@
 using traiklofox::kernel::EventGuard;
 using traiklofox::kernel::isNone;
 using traiklofox::kernel::MultiWaitEntry;
+using traiklofox::kernel::waitWithin;
 
 namespace {
 
@@ -126,7 +126,8 @@ DWORD MultiEvent::sleepUntilPosted(const timespec* deadline, BOOL alertable) {
     }
 }
 
-DWORD MultiEvent::waitForEvents(DWORD newCount, Handle** handles, BOOL waitAll, DWORD milliseconds,
+/// The wait's result, or its index; when calls are pending they are left to the caller, once the wait is over.
+DWORD MultiEvent::waitForEvents(DWORD newCount, Handle** handles, BOOL waitAll, const timespec* deadline,
                                 BOOL alertable) {
     prepare(newCount, handles);
     DWORD result = WAIT_FAILED;  // stays so when the thread is cancelled in its sleep
@@ -135,12 +136,7 @@ DWORD MultiEvent::waitForEvents(DWORD newCount, Handle** handles, BOOL waitAll, 
     const DWORD found = enrollAll(waitAll);
     if (found != kAllEnrolled) return found;
 
-    if (milliseconds == INFINITE) {
-        result = sleepUntilPosted(/*deadline=*/nullptr, /*alertable=*/FALSE);
-    } else {
-        const timespec deadline = traiklofox::foundation::deadlineAfter(traiklofox::sys::now(), milliseconds);
-        result = sleepUntilPosted(&deadline, alertable);
-    }
+    result = sleepUntilPosted(deadline, alertable);
     if (result != WAIT_OBJECT_0) return result;
     return static_cast<DWORD>(signaledIndex.load(std::memory_order_relaxed));
 }
@@ -166,9 +162,7 @@ DWORD Event::WaitForMultipleHandles(DWORD count, Handle** handles, BOOL waitAll,
 
     ThreadContext& context = *GetThreadContext();
     if (context.multiEvent == nullptr) context.multiEvent = new MultiEvent(count);
-    const DWORD result = context.multiEvent->waitForEvents(count, handles, waitAll, milliseconds, alertable);
-    // The thread has left the wait: a call may wait for the same events, in the same MultiEvent. In a wait that
-    // is not alertable the number can only be an index.
-    if (alertable && result == WAIT_IO_COMPLETION) UserAPCCheck();
-    return result;
+    return waitWithin(milliseconds, alertable, [&](const timespec* deadline, BOOL alerts) {
+        return context.multiEvent->waitForEvents(count, handles, waitAll, deadline, alerts);
+    });
 }

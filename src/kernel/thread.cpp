@@ -143,7 +143,7 @@ LONG Thread::Resume() {
 
 void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
     if (GetState() == THREAD_FINISHED) return;
-    const CallQueue::Push pushed = calls->push({function, a, b, c});
+    const CallQueue::Push pushed = calls->push({function, a, b, c}, ThreadLife::isCurrent(*this));
     if (pushed.wake == CallQueue::Wake::Signal) {
         const StateGuard guard(*this);
         if (state != THREAD_FINISHED) (void)pthread_kill(tid, traiklofox::kernel::callSignal());
@@ -155,7 +155,7 @@ BOOL Thread::CheckAPC() {
     traiklofox::kernel::QueuedCall call{};
     if (!calls->pop(call, /*first=*/true)) return 0;
     do {
-        call.function(call.a, call.b, call.c);
+        if (call.function != nullptr) call.function(call.a, call.b, call.c);
     } while (calls->pop(call, /*first=*/false));
     return 1;
 }

@@ -1,5 +1,6 @@
 #include <traiklofox/clocks.h>
 #include <traiklofox/events.h>
+#include <traiklofox/semaphores.h>
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
 
@@ -79,14 +80,22 @@ class AsyncCallInWait : public testing::Test {
     OwnedHandle unset = makeEvent(Kind::Auto);
     OwnedHandle other = makeEvent(Kind::Manual);
     OwnedHandle file{new File(-1)};
+    OwnedHandle semaphore{CreateSemaphore(nullptr, 0, 1, nullptr)};
+    OwnedHandle mutex{CreateMutex(nullptr, FALSE, nullptr)};
     OwnedHandle stop = makeEvent(Kind::Manual);
-    Worker never{[this] { WaitForSingleObject(stop.get(), INFINITE); }};
+    Worker never{[this] {
+        WaitForSingleObject(mutex.get(), INFINITE);
+        WaitForSingleObject(stop.get(), INFINITE);
+    }};
 
     const std::vector<AlertableWait> waits{
         {"sleep", [](DWORD timeout) { return SleepEx(timeout, TRUE); }},
         {"event", [this](DWORD timeout) { return WaitForSingleObjectEx(unset.get(), timeout, TRUE); }},
         {"manual-reset event",
          [this](DWORD timeout) { return WaitForSingleObjectEx(other.get(), timeout, TRUE); }},
+        {"semaphore",
+         [this](DWORD timeout) { return WaitForSingleObjectEx(semaphore.get(), timeout, TRUE); }},
+        {"mutex", [this](DWORD timeout) { return WaitForSingleObjectEx(mutex.get(), timeout, TRUE); }},
         {"thread", [this](DWORD timeout) { return WaitForSingleObjectEx(never.handle(), timeout, TRUE); }},
         {"any of several",
          [this](DWORD timeout) {
@@ -100,6 +109,7 @@ class AsyncCallInWait : public testing::Test {
          }},
     };
 
+    AsyncCallInWait() { EXPECT_TRUE(never.fallsAsleep()); }
     ~AsyncCallInWait() override { SetEvent(stop.get()); }
 };
 

@@ -1,6 +1,7 @@
 // What a cancelled thread leaves behind: its wait is over for everybody else, and no signal went with it.
 
 #include <traiklofox/events.h>
+#include <traiklofox/semaphores.h>
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
 
@@ -92,6 +93,27 @@ TEST(CancelledWait, HandsASignalThatItDidNotTakeToTheNextWaiter) {
         if (got[0] && got[1]) SetEvent(event.get());  // the older one was quicker than its cancellation
         younger.join();
         ASSERT_TRUE(got[2]) << "round " << round;
+    }
+}
+
+TEST(CancelledWait, OfASemaphoreTakesNothingAndHandsItsWakeUpOn) {
+    for (int round = 0; round < rounds(200); ++round) {
+        const OwnedHandle semaphore{CreateSemaphore(nullptr, 0, 9, nullptr)};
+        std::atomic<bool> got = false;
+        Worker older{[&] {
+            EXPECT_EQ(WaitForSingleObject(semaphore.get(), kBound), WAIT_OBJECT_0);
+            got = true;
+        }};
+        ASSERT_TRUE(older.fallsAsleep());
+        Worker younger{
+            [&] { EXPECT_EQ(WaitForSingleObject(semaphore.get(), kBound), WAIT_OBJECT_0) << round; }};
+        ASSERT_TRUE(younger.fallsAsleep());
+        ReleaseSemaphore(semaphore.get(), 1, nullptr);
+        pthread_cancel(older.native());
+        older.join();
+        if (got) ReleaseSemaphore(semaphore.get(), 1, nullptr);  // it was quicker than its cancellation
+        younger.join();
+        EXPECT_EQ(WaitForSingleObject(semaphore.get(), 0), WAIT_TIMEOUT);
     }
 }
 

@@ -48,6 +48,8 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"MultiEvent", 208, 272},
         {"Thread", 52, 96},
         {"RWLock", 180, 216},
+        {"Semaphore", 72, 112},
+        {"Mutex", 88, 144},
         {"CKZString", 24, 32},
         {"ThreadContext", 16, 32},
         {"_FILETIME", 8, 8},
