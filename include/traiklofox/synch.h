@@ -1,6 +1,7 @@
 #pragma once
 
-/// Locks. This header only gathers those of its family.
+/// Locks and timers. This header only gathers those of its family.
 
 #include <traiklofox/rwlock.h>
 #include <traiklofox/semaphores.h>
+#include <traiklofox/timers.h>

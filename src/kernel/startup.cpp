@@ -9,6 +9,7 @@
 #include "kernel/child_records.h"
 #include "kernel/process_watcher.h"
 #include "kernel/signals.h"
+#include "kernel/timers_at_fork.h"
 
 namespace traiklofox::kernel {
 
@@ -27,6 +28,7 @@ void blockChildSignal() {
 // A fork happens outside what these locks guard, so that the child finds it whole and free.
 void lockForFork() {
     ProcessWatcher::lockForFork();
+    TimersAtFork::lock();
     Event::Lock();
     ChildRecords::lockForFork();
 }
@@ -34,12 +36,14 @@ void lockForFork() {
 void unlockInParent() {
     ChildRecords::unlockAfterFork();
     Event::Unlock();
+    TimersAtFork::unlock();
     ProcessWatcher::unlockAfterFork();
 }
 
 void unlockInChild() {
     ChildRecords::forgetInForkedChild();
     Event::Unlock();
+    TimersAtFork::forgetInChild();
     ProcessWatcher::restartInForkedChild();
 }
 

@@ -50,6 +50,7 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"RWLock", 180, 216},
         {"Semaphore", 72, 112},
         {"Mutex", 88, 144},
+        {"Timer", 76, 128},
         {"CKZString", 24, 32},
         {"ThreadContext", 16, 32},
         {"_FILETIME", 8, 8},
