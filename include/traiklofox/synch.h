@@ -1,7 +1,8 @@
 #pragma once
 
-/// Locks and timers. This header only gathers those of its family.
+/// Locks, timers and the thread pool. This header only gathers those of its family.
 
 #include <traiklofox/rwlock.h>
 #include <traiklofox/semaphores.h>
+#include <traiklofox/thread_pool.h>
 #include <traiklofox/timers.h>

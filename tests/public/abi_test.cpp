@@ -51,6 +51,7 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"Semaphore", 72, 112},
         {"Mutex", 88, 144},
         {"Timer", 76, 128},
+        {"ThreadPool", 208, 288},
         {"CKZString", 24, 32},
         {"ThreadContext", 16, 32},
         {"_FILETIME", 8, 8},
