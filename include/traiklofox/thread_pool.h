@@ -54,7 +54,8 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread pool") ThreadPool {
     /// maxWorkers   how many there are at most; with 0 every job waits until the pool is destroyed.
     /// work         runs a job, on a worker. It may end its thread; the worker then leaves the pool.
     /// creator      starts a worker, on the thread that produced the job; null: `DefaultCreator`.
-    /// exitFunction ends a worker, with the code 0; null: `pthread_exit`. When it returns, so does the worker's routine.
+    /// exitFunction ends a worker, with the code 0; null: `pthread_exit`. When it returns, so does the worker's
+    /// routine.
     /// discard      disposes of the jobs that the destructor finds; null: they are dropped.
     /// idleTimeout  milliseconds that a worker above the minimum waits for a job before it ends, by `FixTimeout`: one
     ///              under 1000, or above 0x7FFFFFFF, ends it as soon as it finds none. INFINITE: it stays.
@@ -76,7 +77,8 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread pool") ThreadPool {
     BOOL ExitPool();
 
     /// Lets every worker end, once it has done its job (one that has just been started takes one first), and returns
-    /// when all have, those that left by `ExitPool` included. Returns at once when there are none. Not for a job to call, which would wait
+    /// when all have, those that left by `ExitPool` included. Returns at once when there are none. Not for a job to
+    /// call, which would wait
     /// for itself.
     void Shutdown();
 
