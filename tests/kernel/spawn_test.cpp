@@ -86,8 +86,7 @@ std::string outputOf(const char* commandLine, const Start& start = {}) {
 
 TEST(Spawn, GivesTheProgramACleanStart) {
     const TempDir directory;
-    writeText(directory / "script", "#!/bin/sh\npwd\n");
-    ASSERT_EQ(::chmod((directory / "script").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("/bin/pwd", (directory / "where").c_str()), 0);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGUSR1, [](int) {});
     const traiklofox::sys::UniqueFd inheritable(::dup(0));
@@ -105,11 +104,13 @@ TEST(Spawn, GivesTheProgramACleanStart) {
         {"environment", "/usr/bin/printenv CHILD_TEST", "inherited\n"},
         {"no standard handle is /dev/null", "/usr/bin/readlink /proc/self/fd/0", "/dev/null\n"},
         {"no other descriptor but its own", "/bin/ls /proc/self/fd", "0\n1\n2\n3\n"},
-        {"signals", "/bin/sed -n '/^Sig[BIC]/s/\\t/ /p' /proc/self/status",
-         "SigBlk: 0000000000000000\nSigIgn: 0000000000000000\nSigCgt: 0000000000000000\n"},
+        // Without those of numbers 32 and 33, which the C library keeps to itself and leaves as they came.
+        {"signals",
+         "/bin/sed -n '/^Sig[BIC]/s/\\t\\(.*\\)[01][08]\\(.\\{7\\}\\)$/ \\1 \\2/p' /proc/self/status",
+         "SigBlk: 0000000 0000000\nSigIgn: 0000000 0000000\nSigCgt: 0000000 0000000\n"},
         {"directory", "/bin/pwd", directory.path() + "\n", {.directory = directory.path().c_str()}},
         {"the path counts from there",
-         "./script",
+         "./where",
          directory.path() + "\n",
          {.directory = directory.path().c_str()}},
     };

@@ -21,7 +21,8 @@ namespace {
 
 TempDir::TempDir() {
     const char* parent = std::getenv("TMPDIR");
-    path_ = std::string{parent != nullptr ? parent : "/tmp"} + "/traiklofox-test-XXXXXX";
+    // By its own name, for tests that ask the system where they are.
+    path_ = std::filesystem::canonical(parent != nullptr ? parent : "/tmp") / "traiklofox-test-XXXXXX";
     if (::mkdtemp(path_.data()) == nullptr) fail(path_);
 }
 
