@@ -10,8 +10,9 @@
 /// of one.
 ///
 /// Every function brings the registry up first if it is not (`InitRegistry(0, true)`); see there for the
-/// files, the environment variable TWHOME and what ends the process. Every function may be called by any
-/// thread. None throws.
+/// files, the environment variable TWHOME and what ends the process; so does a semaphore that fails, since nothing is
+/// safe without it. Every function may be called by any thread. None throws, except that those with a CKZString for a
+/// result may throw std::bad_alloc.
 ///
 /// Results are 0 or one of the codes below. ERROR_FILE_NOT_FOUND is never returned: a missing key or value
 /// gives ERROR_INVALID_DATA (13). Every other failure is -1.
@@ -251,13 +252,14 @@ extern TRAIKLOFOX_API int bLazyFlush;
 /// 1 when a change waits for the lazy writer.
 extern TRAIKLOFOX_API int bRegistryFlushNeeded;
 
-/// Reads the registry file into the tree; with `purge`, keys and values that are no longer in the file go,
-/// except those that this process has changed and not yet written. Returns 1, or 0 when the file cannot be
-/// opened (nothing is changed). A file that cannot be read to its end is reported with the line number; it
-/// purges nothing, and until a whole read has succeeded nothing is written.
+/// Reads the registry file into the tree; with `purge`, keys and values that are no longer in the file go, except those
+/// that this process has changed and not yet written. Returns 1, or 0 when the file cannot be opened (nothing is
+/// changed) or memory runs out (nothing is purged). A file that cannot be read to its end is reported with the line
+/// number; it purges nothing, and until a whole read has succeeded nothing is written.
 TRAIKLOFOX_API int ReadRegistry(int purge);
-/// Writes the tree to the registry file, after merging what another process has written. Returns 1, or 0 with
-/// a message on standard error, the old file in place and the changes still marked.
+/// Writes the tree to the registry file, after merging what another process has written. Returns 1, or 0 with a message
+/// on standard error and the changes still marked. The old file is then in place; or, when only its directory could not
+/// be synced, the new one, which a power cut may yet undo.
 TRAIKLOFOX_API int WriteRegistry();
 
 /// Is told what a file in the registry's format says, line by line, in its order. Lines count from 1. Exceptions pass

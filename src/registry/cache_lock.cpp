@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "foundation/mutex.h"
+#include "registry/registry_reader.h"
 #include "registry/shared_state.h"
 
 namespace traiklofox::registry {
@@ -124,7 +125,7 @@ bool bringTreeUpToDate() {
     if (treeIsCurrent()) return false;
     const CacheLockGuard guard;
     if (treeIsRead() && ShmStruct()->stamp.load() == MyVersionStamp.load()) return false;
-    return ReadRegistry(/*purge=*/1) != 0;
+    return readTree(Purging::Yes) != 0;
 }
 
 void lockCacheForFork() {

@@ -15,6 +15,7 @@
 #include "registry/find_key.h"
 #include "registry/locations.h"
 #include "registry/purge.h"
+#include "registry/registry_call.h"
 #include "registry/registry_line.h"
 #include "registry/shared_state.h"
 
@@ -115,6 +116,7 @@ int readTree(Purging purging) {
 
 int ReadRegistry(int purge) {
     using namespace traiklofox::registry;
-    ensureStarted();
-    return readTree(purge != 0 ? Purging::Yes : Purging::No);
+    const LONG result = registryCall(
+        [&]() -> LONG { return readTree(purge != 0 ? Purging::Yes : Purging::No); }, /*failure=*/0);
+    return static_cast<int>(result);
 }

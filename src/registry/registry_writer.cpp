@@ -14,14 +14,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "files/temp_name.h"
 #include "foundation/on_exit.h"
 #include "foundation/sys.h"
 #include "registry/cache_lock.h"
+#include "registry/file_owner.h"
 #include "registry/locations.h"
 #include "registry/reg_key.h"
 #include "registry/registry_reader.h"
@@ -107,22 +110,10 @@ void countWrite() {
     MyVersionStamp.store(stamp, std::memory_order_release);
 }
 
-/// Gives the file the template's owner and mode; false, with errno, when others could read what they may not. On a
-/// file system that knows no modes the template is as open.
-bool closeToOthers(FileLock& file) {
-    // Only root may give a file away; others own it already or must live with that.
-    (void)sys::fchown(file.GetFileDescriptor(), KzUserId, KzGroupId);
-    if (sys::fchmod(file.GetFileDescriptor(), KzFileMode) == 0) return true;
-    const int error = errno;
-    struct stat status {};
-    const bool closed = file.FileStat(&status) == 0 && (status.st_mode & 07777 & ~KzFileMode) == 0;
-    errno = error;
-    return closed;
-}
-
 /// Writes the whole text and puts it on the disk.
 bool fillTemporary(FileLock& file, const CKZString& name, WriteBatch& batch) {
-    if (!closeToOthers(file)) {
+    // First, so that nobody reads what he may not.
+    if (!giveToRegistryOwner(file.GetFileDescriptor())) {
         unix_err("WriteRegistry: Unable to set mode of temp file - %s.  errno = %s\n", name.c_str(),
                  std::strerror(errno));
         return false;
@@ -151,9 +142,7 @@ bool mergeFile() {
     return false;
 }
 
-}  // namespace
-
-int writeTree() {
+int writeWholeTree() {
     const CancellationOff off;
     const CKZString path = registryPath();
     const CKZString directory = registryDirectory();
@@ -190,6 +179,17 @@ int writeTree() {
     abortBatch.dismiss();
     batch.commit();
     return 1;
+}
+
+}  // namespace
+
+int writeTree() {
+    try {
+        return writeWholeTree();
+    } catch (const std::bad_alloc&) {
+        std::fputs("WriteRegistry: out of memory\n", stderr);
+        return 0;
+    }
 }
 
 void removeStaleTemporaryFiles() {

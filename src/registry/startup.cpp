@@ -3,7 +3,6 @@
 #include "registry/startup.h"
 
 #include <traiklofox/clocks.h>
-#include <traiklofox/copy_file.h>
 #include <traiklofox/diagnostics.h>
 #include <traiklofox/registry.h>
 #include <traiklofox/temp_name.h>
@@ -15,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "foundation/on_exit.h"
 #include "foundation/sys.h"
@@ -85,8 +85,7 @@ bool copyTemplate() {
     const CKZString path = registryPath();
     const CKZString temporary = KZTempNam(registryDirectory());
     const auto removeTemporary = foundation::onExit([&] { (void)sys::unlink(temporary.c_str()); });
-    if (!CopyFile(templatePath().c_str(), temporary.c_str(), /*failIfExists=*/TRUE)) return false;
-    giveToRegistryOwner(temporary);
+    if (!copyForRegistryOwner(templatePath(), temporary)) return false;
     return sys::link(temporary.c_str(), path.c_str()) == 0 || errno == EEXIST;
 }
 
@@ -97,7 +96,8 @@ void createFromTemplate() {
         if (sys::stat(registryPath().c_str(), &status) == 0 || copyTemplate()) return;
     }
     unix_err("InitRegistry: Template copy failed!!\n");
-    giveToRegistryOwner(registryPath());
+    const sys::UniqueFd file(sys::open(registryPath().c_str(), O_RDONLY));
+    if (file) (void)giveToRegistryOwner(file.get());  // there is nothing more to be said
 }
 
 void ensureFile() {
@@ -186,7 +186,12 @@ void InitRegistry(DWORD flags, bool create) {
         while (!isStarted()) SleepEx(kStartPollMs, FALSE);
         return;
     }
-    start(flags, create);
+    try {
+        start(flags, create);
+    } catch (const std::bad_alloc&) {
+        std::fputs("InitRegistry: out of memory\n", stderr);
+        endProcess();  // others wait for this start
+    }
     noteStarted();
 }
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <new>
 
 #include "registry/registry_fixture.h"
 #include "registry/shared_state.h"
@@ -95,21 +94,14 @@ class Attempt {
         : seam_(seam), error_(fault.error), options_(fault.options) {
         options_.onCall = onCall;
     }
-    /// Returns what the operation does, or -1 when an exception ends it.
     template <class Operation>
     int make(Operation operation) {
         options_.thisThreadOnly = true;
         const FailCall rule(seam_.call, error_, options_);
-        int result = -1;
-        try {
-            result = operation();
-        } catch (const std::bad_alloc&) {
-            EXPECT_EQ(seam_.call, Call::Malloc);
-        }
+        const int result = operation();
         fired_ = rule.fired() > 0;
         return result;
     }
-    bool isReported() const { return seam_.call != Call::Malloc; }
     bool fired() const { return fired_; }
     bool mustSucceed() const {
         return !fired_ || seam_.outlives == Outlives::All ||
@@ -123,10 +115,14 @@ class Attempt {
     bool fired_ = false;
 };
 
+void noCoreFiles() {
+    const rlimit none{0, 0};
+    ::setrlimit(RLIMIT_CORE, &none);
+}
+
 /// Writes a change while the semaphore's operation number `args[1]` fails with the error `args[0]`.
 TEST_ROLE(failsAtTheSemaphore) {
-    const rlimit noCoreFile{0, 0};
-    ::setrlimit(RLIMIT_CORE, &noCoreFile);
+    noCoreFiles();
     const OpenKey key(kExample);
     setText(key, "v", "new");
     const FailCall fails(Call::Semop, std::stoi(args.at(0)), std::stoi(args.at(1)));
@@ -202,8 +198,7 @@ TEST_F(Faults, AWriteLeavesTheOldFileOrTheNewOneAndKeepsTheChange) {
         const bool written = attempt.make([this] { return RegFlushKey(key); }) == 0;
         const std::string after = fileText();
         EXPECT_TRUE(written || !attempt.mustSucceed());
-        EXPECT_TRUE(written || !attempt.isReported() ||
-                    said.text().find("WriteRegistry: ", saidBefore) != std::string::npos);
+        EXPECT_TRUE(written || said.text().find("WriteRegistry: ", saidBefore) != std::string::npos);
         EXPECT_TRUE((!written && after == fileOfRound(round)) ||
                     parseRegistry(after) == changedFileOfRound(round));
         EXPECT_EQ(fs::status(file()).permissions(), fs::perms{0640}) << "a secret let out";
@@ -264,6 +259,59 @@ TEST_F(Faults, ASemaphoreThatFailsEndsItsProcessAndHoldsNobodyUp) {
                                        std::strerror(error) + "\n");
         }
     }
+}
+
+/// Starts while the call `args[0]` number `args[2]` fails with the error `args[1]`, and tells whether it did.
+TEST_ROLE(startsWithAFault) {
+    noCoreFiles();
+    {
+        const FailCall fails(static_cast<Call>(std::stoi(args.at(0))), std::stoi(args.at(1)),
+                             std::stoi(args.at(2)));
+        InitRegistry(REG_INIT_BACKUP, /*create=*/true);
+        tellTest(fails.fired() > 0 ? "failed" : "all well");
+    }
+    tellTest(textAt(kExample, "Name").value_or("(none)"));
+    return 0;
+}
+
+class FaultsAtTheStart : public RegistryTest {
+  protected:
+    /// Whether the call was made, and failed.
+    bool startFails(int call, int error, int onCall) const {
+        fs::remove(file());
+        const CapturedStderr said;
+        RoleProcess process("startsWithAFault",
+                            {std::to_string(call), std::to_string(error), std::to_string(onCall)});
+        const auto outcome = process.readLine();
+        const auto name = process.readLine();
+        const ExitStatus status = process.wait();
+        if (outcome) {
+            EXPECT_EQ(name, "primary") << said.text();
+            EXPECT_EQ(status, ExitStatus::exited(0));
+        } else {
+            EXPECT_TRUE(status == ExitStatus::exited(1) || status == ExitStatus::killedBy(SIGABRT)) << status;
+            EXPECT_NE(said.text(), "") << "it ended without a word";
+        }
+        if (fs::exists(file())) {
+            EXPECT_EQ(fileText(), readText(templateFile()));
+        }
+        return outcome != "all well";
+    }
+};
+
+TEST_F(FaultsAtTheStart, EachIsOutlivedOrEndsTheProcessWithAWordAndLeavesNoHalfFile) {
+    constexpr int kNone = -1;
+    ASSERT_TRUE(!startFails(kNone, EIO, 1)) << "the shared objects are made by this one";
+    int failures = 0;
+    for (int call = 0; call < faults::kCallKinds; ++call) {
+        const bool isMalloc = call == static_cast<int>(Call::Malloc);
+        for (const int error : isMalloc ? std::vector{ENOMEM} : std::vector{EIO, EMFILE}) {
+            for (int onCall = 1; startFails(call, error, onCall); ++onCall, ++failures)
+                ASSERT_FALSE(HasFailure()) << "kind " << call << ", number " << onCall;
+        }
+    }
+    EXPECT_GT(failures, 60);
+    EXPECT_EQ(otherFiles(), Names{"tw.registry.bak"});
 }
 
 }  // namespace

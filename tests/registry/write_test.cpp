@@ -150,11 +150,11 @@ TEST_F(Writing, ABackupIsAWholeCopyAndAFailedOneKeepsTheOld) {
     const std::string copied = readText(backup);
     EXPECT_EQ(copied, fileText());
     EXPECT_EQ(fs::status(backup).permissions(), fs::perms{0640});
-    for (const Call call : {Call::Write, Call::Rename}) {
+    for (const Call call : {Call::Write, Call::Fchmod, Call::Fdatasync, Call::Rename}) {
         setText(key, "v", std::to_string(static_cast<int>(call)));
         ASSERT_EQ(RegFlushKey(key), 0);
         const CapturedStderr said;
-        const FailCall fails{call, ENOSPC};
+        const FailCall fails{call, ENOSPC, {.andAllLater = true}};
         EXPECT_EQ(RegBackupRegistry(), 0);
         EXPECT_NE(said.text().find("RegBackupRegistry: "), std::string::npos) << said.text();
         EXPECT_EQ(readText(backup), copied);
