@@ -78,8 +78,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread pool") ThreadPool {
 
     /// Lets every worker end, once it has done its job (one that has just been started takes one first), and returns
     /// when all have, those that left by `ExitPool` included. Returns at once when there are none. Not for a job to
-    /// call, which would wait
-    /// for itself.
+    /// call, which would wait for itself.
     void Shutdown();
 
     /// `CreateThread` with the defaults.
