@@ -2,12 +2,12 @@
 
 #include "helper_supervisor.h"
 #include "lazy_writer.h"
-#include "registry_key.h"
+#include "request_service.h"
 #include "roles.h"
 #include "setting_commands.h"
 #include "setting_watcher.h"
 
-#include <traiklofox/clocks.h>
+#include <traiklofox/registry.h>
 
 #include <cstdio>
 #include <memory>
@@ -18,8 +18,6 @@ namespace appserver {
 namespace {
 
 constexpr DWORD kNoticeMs = 30000;
-constexpr DWORD kRequestMs = 1;
-constexpr unsigned long kCounters = 10;
 
 class Server {
   public:
@@ -58,16 +56,9 @@ class Server {
         helper_.reset();
     }
 
-    /// Serves COUNT requests, about one a millisecond. Each adds 1 to one of a few counters, and closes the
-    /// key as code does that knows nothing of a lazy writer.
     void serve(const Words& arguments) {
-        const unsigned long requests = std::stoul(arguments[1]);
-        for (unsigned long request = 0; request < requests; ++request) {
-            RegistryKey key = RegistryKey::openOrCreate(arguments[0]);
-            key.writeNumber("Requests" + std::to_string(request % kCounters),
-                            static_cast<DWORD>(request / kCounters + 1));
-            Sleep(kRequestMs);
-        }
+        const auto [workers, reports] = RequestService(arguments[0]).serve(std::stoul(arguments[1]));
+        std::printf("workers %u\nreports %u\n", workers, reports);
     }
 
   private:

@@ -40,6 +40,7 @@ constexpr std::chrono::seconds kBurstBound{180};
 constexpr char kRequestKey[] = "requests";
 constexpr unsigned kRequests = 1000;
 constexpr unsigned kCounters = 10;
+constexpr unsigned long kMostWorkers = 4;
 constexpr unsigned kLazyIntervalMs = 200;
 
 constexpr unsigned long kKilledCode = 0xFFFFFFFF;
@@ -269,12 +270,22 @@ double writeAllAtOnce(Team& team, const Installation& installation) {
     return writeMs;
 }
 
+/// The number behind one of the words of the server's answer.
+unsigned long numberBehind(const std::string& word, const Lines& answer) {
+    for (const std::string& line : answer) {
+        if (line.starts_with(word + " ")) return std::stoul(line.substr(word.size()));
+    }
+    check(false, "a line \"" + word + " ...\"");
+    return 0;
+}
+
 void writeLazily(Team& team, double writeMs) {
-    heading("The lazy writer");
+    heading("A pool of workers, a timer and the lazy writer");
     const unsigned long stampBefore = versionStamp(team.admin);
     const Clock::time_point begin = Clock::now();
     team.server.ask("start-lazy-writer " + std::to_string(kLazyIntervalMs));
-    team.server.ask(std::string("serve ") + kRequestKey + " " + std::to_string(kRequests));
+    const Lines served =
+        team.server.ask(std::string("serve ") + kRequestKey + " " + std::to_string(kRequests));
     team.server.ask("stop-lazy-writer");
     const double elapsedMs = millisecondsSince(begin);
     const unsigned long writes = versionStamp(team.admin) - stampBefore;
@@ -282,10 +293,18 @@ void writeLazily(Team& team, double writeMs) {
     const double mostWrites = elapsedMs / kLazyIntervalMs + 1;
     check(writes >= 1 && static_cast<double>(writes) <= mostWrites,
           "at most " + std::to_string(mostWrites) + " writes, not " + std::to_string(writes));
-    say("The server changes %u values in %.0f ms and closes the key after each. Its lazy writer writes",
+    const unsigned long workers = numberBehind("workers", served);
+    const unsigned long reports = numberBehind("reports", served);
+    check(workers >= 1 && workers <= kMostWorkers, "no more workers than the pool may have");
+    check(reports >= 1, "a timer that expires while the requests come");
+    say("The server handles %u requests in %.0f ms, each of which changes a value and closes the key: up to",
         kRequests, elapsedMs);
-    say("every %u ms and once more when it is stopped: %lu writes (version stamp %lu to %lu).",
-        kLazyIntervalMs, writes, stampBefore, stampBefore + writes);
+    say("%lu workers of its pool at once. A timer on the thread that takes them in expires %s.", workers,
+        reports == 1 ? "once" : (std::to_string(reports) + " times").c_str());
+    say("The lazy writer writes every %u ms and once more when it is stopped: %lu writes (version stamp %lu "
+        "to",
+        kLazyIntervalMs, writes, stampBefore);
+    say("%lu).", stampBefore + writes);
     say("Written one by one, as above, they would have taken %.0f ms.", kRequests * writeMs);
 
     Lines expected;
@@ -294,15 +313,6 @@ void writeLazily(Team& team, double writeMs) {
     }
     check(inFreshProcess(std::string("list ") + kRequestKey) == expected, "the last value of each counter");
     say("A fresh process finds the last value of each of the %u counters.", kCounters);
-}
-
-/// The number behind one of the words of the server's answer about its helper.
-unsigned long numberBehind(const std::string& word, const Lines& answer) {
-    for (const std::string& line : answer) {
-        if (line.starts_with(word + " ")) return std::stoul(line.substr(word.size()));
-    }
-    check(false, "a line \"" + word + " ...\"");
-    return 0;
 }
 
 void replaceHelper(Team& team) {
