@@ -1,9 +1,10 @@
 #pragma once
 
-/// Files: a stream that locks its file, copying, temporary names.
+/// Files and directories. This header only gathers those of its family.
 
 #include <traiklofox/copy_file.h>
 #include <traiklofox/file_attributes.h>
+#include <traiklofox/file_io.h>
 #include <traiklofox/file_lock.h>
 #include <traiklofox/settings.h>
 #include <traiklofox/temp_name.h>

@@ -14,10 +14,12 @@
 #include <spawn.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/types.h>
@@ -119,14 +121,27 @@ inline int fchown(int fd, uid_t owner, gid_t group) {
 inline int mkdir(const char* path, mode_t mode) {
     return ::mkdir(path, mode);
 }
+inline int rmdir(const char* path) {
+    return ::rmdir(path);
+}
 inline int rename(const char* from, const char* to) {
     return ::rename(from, to);
+}
+/// EEXIST when `to` exists; EINVAL on a file system that cannot tell.
+inline int renameNoReplace(const char* from, const char* to) {
+    return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
 }
 inline int link(const char* existing, const char* name) {
     return ::link(existing, name);
 }
 inline int unlink(const char* path) {
     return ::unlink(path);
+}
+inline ssize_t readlink(const char* path, char* buffer, size_t size) {
+    return ::readlink(path, buffer, size);
+}
+inline int statfs(const char* path, struct statfs* status) {
+    return ::statfs(path, status);
 }
 
 inline DIR* opendir(const char* path) {
@@ -137,6 +152,14 @@ inline dirent* readdir(DIR* directory) {
 }
 inline int closedir(DIR* directory) {
     return ::closedir(directory);
+}
+
+/// A view that is shared with other processes; MAP_FAILED when it fails.
+inline void* mapShared(size_t length, int protection, int fd, off_t offset) {
+    return ::mmap(nullptr, length, protection, MAP_SHARED, fd, offset);
+}
+inline int munmap(void* address, size_t length) {
+    return ::munmap(address, length);
 }
 
 inline int kill(pid_t process, int signal) {
@@ -198,6 +221,10 @@ inline int closeRange(unsigned int first, unsigned int last) {
 }
 inline int chdir(const char* path) {
     return ::chdir(path);
+}
+/// Null when it fails.
+inline char* getcwd(char* buffer, size_t size) {
+    return ::getcwd(buffer, size);
 }
 
 /// Random bytes, as many as the result says; -1 when the machine has not gathered any yet. Never waits.

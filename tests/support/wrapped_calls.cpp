@@ -101,6 +101,7 @@ int __real_chown(const char*, uid_t, gid_t);
 int __real_mkdir(const char*, mode_t);
 int __real_rmdir(const char*);
 int __real_rename(const char*, const char*);
+int __real_renameat2(int, const char*, int, const char*, unsigned int);
 int __real_link(const char*, const char*);
 int __real_unlink(const char*);
 ssize_t __real_readlink(const char*, char*, size_t);
@@ -143,6 +144,10 @@ int __wrap_rmdir(const char* path) {
 }
 int __wrap_rename(const char* from, const char* to) {
     return pass(Call::Rename, at(from, to), [&] { return __real_rename(from, to); });
+}
+int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned int flags) {
+    return pass(Call::Rename, at(from, to),
+                [&] { return __real_renameat2(fromDirectory, from, toDirectory, to, flags); });
 }
 int __wrap_link(const char* existing, const char* name) {
     return pass(Call::Link, at(existing, name), [&] { return __real_link(existing, name); });
