@@ -6,5 +6,6 @@
 #include <traiklofox/file_attributes.h>
 #include <traiklofox/file_io.h>
 #include <traiklofox/file_lock.h>
+#include <traiklofox/move_file.h>
 #include <traiklofox/settings.h>
 #include <traiklofox/temp_name.h>

@@ -1,9 +1,10 @@
 #pragma once
 
-// File attributes made from a POSIX mode (`st_mode`).
+// File attributes made from a POSIX mode (`st_mode`), and their names.
 
 #include <sys/stat.h>
 #include <traiklofox/file_attributes.h>
+#include <traiklofox/strings.h>
 
 namespace traiklofox::files {
 
@@ -21,5 +22,8 @@ constexpr DWORD attributesOf(mode_t mode) {
 
 static_assert(attributesOf(S_IFREG | 0755) == 0xA0 && attributesOf(S_IFDIR | 0755) == 0x120);
 static_assert(attributesOf(S_IFIFO | 0644) == 0 && typeAttributeOf(S_IFIFO | 0755) == 0x80);
+
+/// The names, in the order of the numbers, with commas between them, and the number of what has no name.
+CKZString attributeNames(DWORD attributes);
 
 }  // namespace traiklofox::files
