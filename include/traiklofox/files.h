@@ -3,6 +3,8 @@
 /// Files and directories. This header only gathers those of its family.
 
 #include <traiklofox/copy_file.h>
+#include <traiklofox/directories.h>
+#include <traiklofox/disk_space.h>
 #include <traiklofox/file_attributes.h>
 #include <traiklofox/file_io.h>
 #include <traiklofox/file_lock.h>

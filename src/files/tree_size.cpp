@@ -1,0 +1,81 @@
+// tree_size.cpp: the size of what is below a directory, counted in one running total.
+
+#include <traiklofox/directories.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "files/directory_stream.h"
+#include "foundation/sys.h"
+
+namespace sys = traiklofox::sys;
+
+namespace {
+
+/// A directory on the way down.
+struct Level {
+    traiklofox::files::DirectoryStream entries;
+    size_t pathLength;
+    dev_t device;
+    ino_t inode;
+};
+
+/// A walk by its own stack: how deep a tree is must not decide how much of the thread's is used.
+class Walk {
+  public:
+    explicit Walk(const std::string& directory) : path_(directory) {}
+
+    DWORD total() {
+        struct stat status {};
+        if (sys::stat(path_.c_str(), &status) != 0) return 0;
+        if (!S_ISDIR(status.st_mode)) {
+            errno = ENOTDIR;
+            return 0;
+        }
+        enter(status);
+        while (!way_.empty()) {
+            if (const dirent* entry = way_.back().entries.next())
+                visit(entry->d_name);
+            else
+                way_.pop_back();
+        }
+        return total_;
+    }
+
+  private:
+    /// A directory's total takes the place of the one so far, and begins with its own size.
+    void enter(const struct stat& directory) {
+        total_ = static_cast<DWORD>(directory.st_size);
+        Level level{traiklofox::files::DirectoryStream(path_.c_str()), path_.size(), directory.st_dev,
+                    directory.st_ino};
+        if (level.entries) way_.push_back(std::move(level));
+    }
+
+    void visit(const char* name) {
+        path_.resize(way_.back().pathLength);
+        path_.append(1, '/').append(name);
+        struct stat status {};
+        if (sys::stat(path_.c_str(), &status) != 0) return;
+        if (!S_ISDIR(status.st_mode))
+            total_ += static_cast<DWORD>(status.st_size);
+        else if (!isOnTheWay(status))
+            enter(status);
+    }
+
+    bool isOnTheWay(const struct stat& directory) const {
+        return std::any_of(way_.begin(), way_.end(), [&](const Level& level) {
+            return level.device == directory.st_dev && level.inode == directory.st_ino;
+        });
+    }
+
+    std::string path_;
+    std::vector<Level> way_;
+    DWORD total_ = 0;
+};
+
+}  // namespace
+
+DWORD GetDirectoryTreeSize(const CKZString& directory) {
+    return Walk(directory).total();
+}

@@ -1,0 +1,216 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <traiklofox/directories.h>
+#include <traiklofox/disk_space.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <string>
+
+#include "support/bounded_wait.h"
+#include "support/captured_output.h"
+#include "support/fault_injection.h"
+#include "support/temp_dir.h"
+
+namespace traiklofox::test {
+namespace {
+
+using faults::Call;
+
+class Directories : public testing::Test {
+  protected:
+    Directories() { EXPECT_EQ(::chdir(directory_.path().c_str()), 0); }
+    ~Directories() override { EXPECT_EQ(::chdir("/"), 0); }
+
+    static bool exists(const std::string& path) {
+        struct stat status {};
+        return ::lstat(path.c_str(), &status) == 0;
+    }
+    static struct stat statusOf(const std::string& path) {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+        return status;
+    }
+    static mode_t modeOf(const std::string& path) { return statusOf(path).st_mode & 07777; }
+    static DWORD sizeOf(const std::string& path) { return static_cast<DWORD>(statusOf(path).st_size); }
+
+    const TempDir directory_;  // the current one; the tests' paths are relative
+};
+
+TEST_F(Directories, AreMadeAndTakeAfterTheirTemplate) {
+    ::umask(022);
+    EXPECT_TRUE(CreateDirectory("plain", nullptr));
+    EXPECT_EQ(modeOf("plain"), 0755u);
+    EXPECT_TRUE(CreateDirectory("plain", nullptr)) << "what exists counts as made";
+    EXPECT_FALSE(CreateDirectory("missing/new", nullptr));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(CreateDirectory(nullptr, nullptr));
+
+    ASSERT_TRUE(CreateDirectory("model", nullptr));
+    ASSERT_EQ(::chmod("model", 02711), 0);
+    const bool mayGiveAway = ::geteuid() == 0 && ::chown("model", 4711, 4712) == 0;
+    ASSERT_EQ(::chmod("model", 02711), 0);
+    EXPECT_TRUE(CreateDirectoryEx("model", "copy", nullptr));
+    EXPECT_EQ(modeOf("copy"), 02711u);
+    if (mayGiveAway) {
+        EXPECT_EQ(statusOf("copy").st_uid, 4711u);
+    }
+
+    for (const char* path : {"plain", "new"}) {
+        EXPECT_FALSE(CreateDirectoryEx("missing", path, nullptr));
+        EXPECT_EQ(errno, ENOENT);
+        EXPECT_FALSE(exists(path)) << "removed, even if it existed before";
+    }
+}
+
+TEST_F(Directories, AreRemovedWhenEmptyWithTheLinkThatNamesThem) {
+    const std::string absolute = directory_ / "sub/empty";
+    const struct {
+        const char* path;
+        std::string target;  // of the link `path`; none: `path` is what the others make of it
+        int error;
+        bool targetStays = false;
+    } kCases[] = {
+        {"sub/empty", "", 0},
+        {"sub/empty/", "", 0},
+        {"sub/full", "", ENOTEMPTY},
+        {"sub/file", "", ENOTDIR},
+        {"sub/missing", "", ENOENT},
+        {"sub/link", "empty", 0},
+        {"sub/link", absolute, 0},
+        {"sub/link", "full", 0, true},
+        {"sub/link", "file", 0, true},
+        {"sub/link", "missing", 0},
+        {"sub/link/", "empty", ENOTDIR, true},  // names the directory, which nobody removes by a link
+        {"link", "sub/empty", 0},
+    };
+    for (const auto& row : kCases) {
+        SCOPED_TRACE(std::string(row.path) + " -> " + row.target);
+        ::mkdir("sub", 0755);
+        ::mkdir("sub/empty", 0755);
+        writeText("sub/full/content", "precious");
+        writeText("sub/file", "precious");
+        std::string link = row.path;
+        if (link.ends_with("link/")) link.pop_back();
+        if (!row.target.empty()) {
+            ::unlink(link.c_str());
+            ASSERT_EQ(::symlink(row.target.c_str(), link.c_str()), 0);
+        }
+
+        errno = 0;
+        EXPECT_EQ(RemoveDirectory(row.path), row.error == 0);
+        if (row.error != 0) {
+            EXPECT_EQ(errno, row.error);
+        }
+        if (row.error == 0) {
+            EXPECT_FALSE(exists(link));
+        }
+        EXPECT_EQ(readText("sub/full/content") + readText("sub/file"), "preciousprecious");
+        const bool targetsEmpty =
+            row.target.ends_with("empty") || std::string_view(row.path).find("empty") == 4;
+        EXPECT_EQ(exists("sub/empty"), !targetsEmpty || row.targetStays);
+    }
+    EXPECT_FALSE(RemoveDirectory(nullptr));
+}
+
+TEST_F(Directories, MarkersAreDeletedWhereTheSystemSaysThatTheDirectoryExists) {
+    const struct {
+        const char* path;
+        const char* other;  // beside the marker
+        bool removed, markerStays;
+    } kCases[] = {
+        {"marked/", nullptr, true, false},
+        {"marked/", "marked/other", false, false},
+        {"marked", nullptr, false, true},  // the marker's path then lacks a separator
+    };
+    for (const auto& row : kCases) {
+        writeText("marked/.KZmark", "");
+        if (row.other != nullptr) writeText(row.other, "precious");
+        {
+            const FailCall exists{Call::Rmdir, EEXIST};
+            EXPECT_EQ(RemoveDirectory(row.path), row.removed);
+        }
+        EXPECT_EQ(exists("marked"), !row.removed);
+        EXPECT_EQ(exists("marked/.KZmark"), row.markerStays);
+        if (row.other != nullptr) {
+            EXPECT_EQ(readText(row.other), "precious");
+        }
+        if (row.other != nullptr) ::unlink(row.other);
+    }
+    const int before = openDescriptors();
+    const FailCall exists{Call::Rmdir, EEXIST};
+    const FailCall closed{Call::Opendir, EACCES};
+    EXPECT_FALSE(RemoveDirectory("marked/"));
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(Directories, TheCurrentOneIsSetAndTold) {
+    ASSERT_TRUE(CreateDirectory("here", nullptr));
+    EXPECT_TRUE(SetCurrentDirectory("here"));
+    const std::string here = directory_ / "here";
+    const auto size = static_cast<DWORD>(here.size());
+    char buffer[MAX_PATH];
+    EXPECT_EQ(GetCurrentDirectory(sizeof buffer, buffer), size);
+    EXPECT_EQ(buffer, here);
+    buffer[0] = '#';
+    EXPECT_EQ(GetCurrentDirectory(size, buffer), size + 1) << "the NUL does not fit";
+    EXPECT_EQ(GetCurrentDirectory(0, nullptr), size + 1);
+    EXPECT_EQ(buffer[0], '#');
+    EXPECT_FALSE(SetCurrentDirectory("missing"));
+    EXPECT_EQ(errno, ENOENT);
+    ASSERT_EQ(::rmdir(here.c_str()), 0);
+    EXPECT_EQ(GetCurrentDirectory(sizeof buffer, buffer), 0u);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Directories, TreeSizeIsOfTheLastSubdirectoryAndWhatFollows) {
+    writeText("flat/a", std::string(1000, 'x'));
+    writeText("flat/b", std::string(234, 'x'));
+    ASSERT_EQ(::symlink("missing", "flat/dangling"), 0);
+    EXPECT_EQ(GetDirectoryTreeSize("flat"), sizeOf("flat") + 1234);
+
+    writeText("nested/sub/a", std::string(77, 'x'));
+    EXPECT_EQ(GetDirectoryTreeSize("nested"), sizeOf("nested/sub") + 77)
+        << "replaces what was counted before";
+    ASSERT_EQ(::symlink("../../nested", "nested/sub/up"), 0);
+    ASSERT_EQ(::symlink(".", "nested/sub/self"), 0);
+    EXPECT_EQ(GetDirectoryTreeSize("nested"), sizeOf("nested/sub") + 77) << "loops add nothing";
+
+    writeText("large/file", "");
+    ASSERT_EQ(::truncate("large/file", (off_t{5} << 30) + 9), 0);
+    EXPECT_EQ(GetDirectoryTreeSize("large"), static_cast<DWORD>(sizeOf("large") + (off_t{5} << 30) + 9));
+
+    for (const char* none : {"flat/a", "missing", ""}) EXPECT_EQ(GetDirectoryTreeSize(none), 0u) << none;
+    const int before = openDescriptors();
+    const FailCall closed{Call::Opendir, EMFILE, /*onCall=*/2};
+    EXPECT_EQ(GetDirectoryTreeSize("nested"), sizeOf("nested/sub")) << "its own size is all that is known";
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(Directories, DiskSpaceIsCutTo32Bits) {
+    struct statfs space {};
+    ASSERT_EQ(::statfs(".", &space), 0);
+    _ULARGE_INTEGER total{};
+    _ULARGE_INTEGER available{};
+    _ULARGE_INTEGER free{};
+    EXPECT_TRUE(GetDiskFreeSpaceEx(".", &available, &total, &free));
+    EXPECT_EQ(total.QuadPart, space.f_blocks * static_cast<ULONGLONG>(space.f_bsize) % (1ull << 32));
+    EXPECT_EQ(total.u.HighPart | available.u.HighPart | free.u.HighPart, 0u);
+    EXPECT_EQ(free.QuadPart % static_cast<ULONGLONG>(space.f_bsize), 0u);
+    EXPECT_TRUE(GetDiskFreeSpaceEx(".", nullptr, nullptr, nullptr));
+
+    const CapturedStderr messages;
+    total.QuadPart = 77;
+    EXPECT_FALSE(GetDiskFreeSpaceEx("100%s", &total, &total, &total));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(total.QuadPart, 77u);
+    EXPECT_EQ(messages.text(),
+              "GetDiskFreeSpaceEx: Error from statvfs(100%s), errno=No such file or directory\n");
+}
+
+}  // namespace
+}  // namespace traiklofox::test
