@@ -8,6 +8,7 @@
 #include <traiklofox/file_attributes.h>
 #include <traiklofox/file_io.h>
 #include <traiklofox/file_lock.h>
+#include <traiklofox/file_mapping.h>
 #include <traiklofox/move_file.h>
 #include <traiklofox/settings.h>
 #include <traiklofox/temp_name.h>

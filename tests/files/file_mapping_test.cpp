@@ -1,0 +1,283 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <traiklofox/file_mapping.h>
+#include <traiklofox/handle.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "support/bounded_wait.h"
+#include "support/fault_injection.h"
+#include "support/private_machine.h"
+#include "support/role.h"
+#include "support/temp_dir.h"
+
+namespace traiklofox::test {
+namespace {
+
+using faults::Call;
+
+const std::string kName = "shared";
+const std::string kBacking = "/tmp/." + kName;
+
+struct HandleCloser {
+    void operator()(Handle* handle) const { CloseHandle(handle); }
+};
+using Mapping = std::unique_ptr<Handle, HandleCloser>;
+
+Mapping open(DWORD size, DWORD protection = PAGE_READWRITE) {
+    return Mapping{CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, protection, 0, size, kName.c_str())};
+}
+char* view(const Mapping& mapping, DWORD access = FILE_MAP_ALL_ACCESS, SIZE_T bytes = 0) {
+    return static_cast<char*>(MapViewOfFile(mapping.get(), access, 0, 0, bytes));
+}
+bool isMapped(void* view) {
+    static const auto pageMask = ~(static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE)) - 1);
+    return ::msync(reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(view) & pageMask), 1, MS_ASYNC) == 0;
+}
+DWORD& headerOf(char* view) {
+    return *reinterpret_cast<DWORD*>(view - 4);
+}
+
+class FileMapping : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (const auto& machine = PrivateMachine::enter(); !machine.entered())
+            GTEST_SKIP() << machine.whyNot();
+    }
+    static struct stat backing() {
+        struct stat status {};
+        EXPECT_EQ(::lstat(kBacking.c_str(), &status), 0);
+        return status;
+    }
+};
+
+TEST_F(FileMapping, TheFirstOpenerMakesAndSizesItTheOthersFindIt) {
+    for (const DWORD protection : {PAGE_READWRITE, PAGE_READONLY}) {
+        ::unlink(kBacking.c_str());
+        errno = EIO;
+        const Mapping made = open(100, protection);
+        EXPECT_EQ(errno, 0);
+        ASSERT_NE(made, nullptr);
+        EXPECT_EQ(backing().st_size, 104);
+        const int fd = static_cast<File*>(made.get())->GetFd();
+        EXPECT_EQ(::fcntl(fd, F_GETFL) & O_ACCMODE, static_cast<int>(protection));
+        EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+
+        const Mapping found = open(5000, PAGE_READONLY);
+        EXPECT_EQ(errno, EEXIST);
+        ASSERT_NE(found, nullptr);
+        EXPECT_EQ(backing().st_size, 104) << "keeps its size";
+    }
+    ::unlink(kBacking.c_str());
+    EXPECT_NE(open(0xFFFFFFFF), nullptr);
+    EXPECT_EQ(backing().st_size, 0x100000003) << "the size has 32 bits, the file more";
+}
+
+TEST_ROLE(answersInSharedMemory) {
+    if (!PrivateMachine::enter().entered()) return 1;
+    const Mapping mapping = open(100);
+    if (mapping == nullptr || errno != EEXIST) return 2;
+    char* shared = view(mapping, FILE_MAP_ALL_ACCESS, 100);
+    if (std::strcmp(shared, "question") != 0) return 3;
+    std::strcpy(shared, "answer");
+    return UnmapViewOfFile(shared) ? 0 : 4;
+}
+
+TEST_F(FileMapping, ProcessesShareItByItsName) {
+    Mapping mapping = open(100);
+    char* shared = view(mapping, FILE_MAP_WRITE, 100);
+    mapping.reset();  // a view stays
+    std::strcpy(shared, "question");
+    RoleProcess other{"answersInSharedMemory"};
+    EXPECT_EQ(other.wait(), ExitStatus::exited(0));
+    EXPECT_STREQ(shared, "answer");
+    EXPECT_TRUE(UnmapViewOfFile(shared));
+}
+
+TEST_F(FileMapping, TakesNoArgumentOrFileThatIsNoMapping) {
+    const Mapping handle{new File(-1)};
+    const struct {
+        Handle* file;
+        const char* name;
+    } kBadArguments[] = {
+        {nullptr, "name"},          {handle.get(), "name"},        {INVALID_HANDLE_VALUE, nullptr},
+        {INVALID_HANDLE_VALUE, ""}, {INVALID_HANDLE_VALUE, "a/b"}, {INVALID_HANDLE_VALUE, "./../etc/x"},
+    };
+    for (const auto& row : kBadArguments) {
+        errno = 0;
+        EXPECT_EQ(CreateFileMapping(row.file, nullptr, PAGE_READWRITE, 0, 100, row.name), nullptr);
+        EXPECT_EQ(errno, EINVAL) << (row.name != nullptr ? row.name : "null");
+    }
+
+    const std::string victim = "/tmp/victim";
+    writeText(victim, "precious");
+    ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+    const struct {
+        const char* what;
+        int (*make)(const char* victim, const char* path);
+        int error;
+    } kStrangeFiles[] = {
+        {"a symbolic link", ::symlink, ELOOP},
+        {"a dangling one", [](const char*, const char* path) { return ::symlink("/tmp/missing", path); },
+         ELOOP},
+        {"a further name", ::link, EPERM},
+        {"a pipe", [](const char*, const char* path) { return ::mkfifo(path, 0600); }, EPERM},
+        {"a directory", [](const char*, const char* path) { return ::mkdir(path, 0700); }, EPERM},
+    };
+    for (const auto& row : kStrangeFiles) {
+        ASSERT_EQ(row.make(victim.c_str(), kBacking.c_str()), 0) << row.what;
+        EXPECT_EQ(open(100, PAGE_READONLY), nullptr) << row.what;
+        EXPECT_EQ(errno, row.error) << row.what;
+        EXPECT_EQ(open(100), nullptr) << row.what;
+        ASSERT_EQ(::remove(kBacking.c_str()), 0);
+    }
+    EXPECT_EQ(CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0, 1, "."), nullptr)
+        << "is /tmp/..";
+    EXPECT_EQ(readText(victim), "precious");
+    EXPECT_NE(::access("/tmp/missing", F_OK), 0);
+}
+
+TEST_F(FileMapping, AFailureLeavesNoFileBehindThatNobodySizes) {
+    const int before = openDescriptors();
+    const struct {
+        Call call;
+        int error;
+    } kCases[] = {{Call::Open, EMFILE}, {Call::Fstat, EIO}, {Call::Ftruncate, EFBIG}};
+    for (const auto& row : kCases) {
+        const auto create = [&](const FailCall& fault, int) {
+            ::unlink(kBacking.c_str());
+            errno = 0;
+            const Mapping mapping = open(100, PAGE_READONLY);
+            EXPECT_EQ(mapping == nullptr, fault.fired() > 0);
+            EXPECT_EQ(errno, fault.fired() > 0 ? row.error : 0);
+        };
+        EXPECT_GT(failEveryCall(row.call, row.error, create, {.path = kBacking}), 0);
+        ::unlink(kBacking.c_str());
+        const FailCall cannotSize{Call::Ftruncate, EFBIG};
+        EXPECT_EQ(open(100), nullptr);
+        EXPECT_NE(::access(kBacking.c_str(), F_OK), 0);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(FileMapping, WaitsForTheMakerToSizeItAndStandsInForADeadOne) {
+    writeText(kBacking, "");
+    const CountCalls sleeps{Call::Nanosleep, {.thisThreadOnly = false}};
+    std::thread maker([&] {
+        EXPECT_TRUE(withinSeconds(30, [&] { return sleeps.calls() > 0; })) << "it does not wait";
+        EXPECT_EQ(::truncate(kBacking.c_str(), 54), 0);
+    });
+    EXPECT_NE(open(100), nullptr);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(backing().st_size, 54);
+    maker.join();
+
+    ASSERT_EQ(::truncate(kBacking.c_str(), 0), 0);
+    EXPECT_EQ(open(100, PAGE_READONLY), nullptr) << "cannot size it";
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_NE(open(100), nullptr);
+    EXPECT_EQ(errno, 0) << "the contents are this caller's to make";
+    EXPECT_EQ(backing().st_size, 104);
+}
+
+TEST_F(FileMapping, BelongsToWhomTheInstallationDoes) {
+    const SmallDisk installation("/opt", 1 << 20);
+    const std::string model = "/opt/tarnwell/registry/tw.registry.template";
+    writeText(model, "");
+    ASSERT_EQ(::chmod(model.c_str(), 0640), 0);
+    const bool mayGiveAway = ::chown(model.c_str(), 4711, 4712) == 0;
+    ::umask(077);
+    for (const bool isNew : {true, false}) {
+        if (!isNew) {
+            ASSERT_EQ(::chmod(kBacking.c_str(), 0600), 0);
+        }
+        EXPECT_NE(open(100), nullptr);
+        EXPECT_EQ(backing().st_mode & 07777, 0640u);
+        if (mayGiveAway) {
+            EXPECT_EQ(backing().st_uid, 4711u);
+        }
+    }
+}
+
+TEST_F(FileMapping, EndsAViewByWhatWasMappedNotByWhatItSays) {
+    const auto page = static_cast<SIZE_T>(::sysconf(_SC_PAGESIZE));
+    const Mapping mapping = open(static_cast<DWORD>(3 * page));
+    char* neighbour = view(mapping);
+    char* broken = view(mapping, FILE_MAP_WRITE, page);
+    EXPECT_EQ(headerOf(broken), page + 4) << "the length, the header's own included";
+    const bool isBelow = broken < neighbour;
+    headerOf(broken) = static_cast<DWORD>(isBelow ? neighbour - broken + 8 * static_cast<LONG_PTR>(page) : 0);
+    EXPECT_TRUE(UnmapViewOfFile(broken));
+    EXPECT_FALSE(isMapped(broken));
+    EXPECT_TRUE(isMapped(neighbour) && isMapped(neighbour + 2 * page));
+
+    for (void* none :
+         {static_cast<void*>(nullptr), static_cast<void*>(broken), static_cast<void*>(neighbour + page),
+          static_cast<void*>(neighbour - 4), reinterpret_cast<void*>(3)}) {
+        errno = 0;
+        EXPECT_FALSE(UnmapViewOfFile(none));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    const FailCall fails{Call::Munmap, ENOMEM};
+    EXPECT_FALSE(UnmapViewOfFile(neighbour));
+    EXPECT_TRUE(UnmapViewOfFile(neighbour)) << "still a view after a failure";
+    EXPECT_FALSE(isMapped(neighbour));
+}
+
+TEST_F(FileMapping, EveryAccessIsMappedAndOnlyWritingStoresTheLength) {
+    const Mapping mapping = open(100);
+    const struct {
+        DWORD access;
+        SIZE_T bytes;
+        DWORD header;
+    } kCases[] = {
+        {FILE_MAP_READ, 100, 0},  {FILE_MAP_ALL_ACCESS, 100, 0}, {FILE_MAP_WRITE, 0, 104},
+        {FILE_MAP_WRITE, 50, 54}, {FILE_MAP_READ, 0, 54},
+    };
+    for (const auto& row : kCases) {
+        char* mapped = view(mapping, row.access, row.bytes);
+        EXPECT_EQ(headerOf(mapped), row.header) << row.access << ' ' << row.bytes;
+        EXPECT_TRUE(UnmapViewOfFile(mapped));
+        EXPECT_FALSE(isMapped(mapped));
+    }
+}
+
+TEST_F(FileMapping, AFailedViewStoresNothingAndIsNotDetected) {
+    const Mapping mapping = open(100);
+    const Mapping readOnly = open(100, PAGE_READONLY);
+    const struct {
+        Handle* handle;
+        DWORD access, offset;
+        SIZE_T bytes;
+        int error;
+    } kCases[] = {
+        {readOnly.get(), FILE_MAP_WRITE, 0, 100, EACCES},
+        {mapping.get(), FILE_MAP_WRITE, 1, 100, EINVAL},
+        {mapping.get(), FILE_MAP_WRITE, 0, SIZE_T(-1), ENOMEM},
+        {mapping.get(), FILE_MAP_WRITE, 0, SIZE_T(-4), ENOMEM},
+    };
+    for (const auto& row : kCases) {
+        errno = 0;
+        void* failed = MapViewOfFile(row.handle, row.access, 0, row.offset, row.bytes);
+        EXPECT_EQ(errno, row.error);
+        EXPECT_EQ(failed, reinterpret_cast<void*>(3));
+        EXPECT_FALSE(UnmapViewOfFile(failed));
+    }
+    for (Handle* none : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE}) {
+        EXPECT_EQ(MapViewOfFile(none, FILE_MAP_READ, 0, 0, 100), nullptr);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    void* beyond = MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0x10000, 100);
+    EXPECT_TRUE(UnmapViewOfFile(beyond)) << "mapped, but there is no file to store a length in";
+    EXPECT_EQ(readText(kBacking), std::string(104, '\0'));
+}
+
+}  // namespace
+}  // namespace traiklofox::test
