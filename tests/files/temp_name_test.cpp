@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <traiklofox/temp_name.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <set>
 #include <sstream>
 #include <string>
@@ -11,6 +14,7 @@
 #include <vector>
 
 #include "files/temp_name.h"
+#include "support/fault_injection.h"
 #include "support/role.h"
 #include "support/temp_dir.h"
 
@@ -117,6 +121,94 @@ TEST(TempName, OtherNamesHaveNoProcess) {
                              "",
                              "tw.registry"})
         EXPECT_EQ(processOfTemporaryName(name), std::nullopt) << name;
+}
+
+TEST(TempPath, IsTheFirstOfTheVariablesThatSaysSomething) {
+    const struct {
+        const char *tmp, *temp, *tmpdir;
+        const char* path;
+    } kCases[] = {
+        {nullptr, nullptr, nullptr, "/tmp/"},
+        {"/a", "/b", "/c", "/a/"},
+        {"", "/b/", "/c", "/b/"},
+        {nullptr, nullptr, "/c", "/c/"},
+        {"with %s", nullptr, "", "with %s/"},
+    };
+    const auto set = [](const char* name, const char* value) {
+        value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
+    };
+    for (const auto& row : kCases) {
+        set("TMP", row.tmp);
+        set("TEMP", row.temp);
+        set("TMPDIR", row.tmpdir);
+        char buffer[64] = "#";
+        const auto length = static_cast<DWORD>(std::string_view(row.path).size());
+        EXPECT_EQ(GetTempPath(length, buffer), length + 1) << "the NUL does not fit";
+        EXPECT_EQ(GetTempPath(0, nullptr), length + 1);
+        EXPECT_EQ(buffer[0], '#');
+        EXPECT_EQ(GetTempPath(length + 1, buffer), length);
+        EXPECT_STREQ(buffer, row.path);
+    }
+}
+
+TEST(TempFile, HasTheGivenNumberOrAFreeOneAndIsThenMade) {
+    const TempDir directory;
+    const std::string start = directory / "";
+    char name[MAX_PATH];
+    const struct {
+        const char* prefix;
+        UINT unique;
+        const char* name;
+    } kNamed[] = {
+        {"longer", 0x1, "lon1.TMP"},
+        {"ab", 0xBEEF, "abBEEF.TMP"},
+        {nullptr, 0x12345, "2345.TMP"},
+        {"%s", 9, "%s9.TMP"},
+    };
+    for (const auto& row : kNamed) {
+        for (const std::string& parent : {directory.path(), start}) {
+            EXPECT_EQ(GetTempFileName(parent.c_str(), row.prefix, row.unique, name), row.unique);
+            EXPECT_EQ(name, start + row.name);
+            EXPECT_NE(::access(name, F_OK), 0) << "only named";
+        }
+    }
+
+    std::set<std::string> made;
+    for (int i = 0; i < 300; ++i) {
+        const UINT number = GetTempFileName(directory.path().c_str(), "tmp", 0, name);
+        ASSERT_TRUE(number > 0 && number <= 0xFFFF) << number;
+        made.insert(name);
+        struct stat status {};
+        ASSERT_EQ(::stat(name, &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0600u);
+    }
+    EXPECT_EQ(made.size(), 300u);
+
+    const std::string longest(MAX_PATH - 14, '/'), tooLong(MAX_PATH - 13, '/'),
+        missing = directory / "missing";
+    const struct {
+        const char *directory, *prefix;
+        int error;
+    } kRefused[] = {
+        {nullptr, "tmp", EINVAL},
+        {start.c_str(), "a/b", EINVAL},
+        {tooLong.c_str(), "", ENAMETOOLONG},
+        {missing.c_str(), "tmp", ENOENT},
+    };
+    name[0] = '#';
+    for (const auto& row : kRefused) {
+        EXPECT_EQ(GetTempFileName(row.directory, row.prefix, 0, name), 0u);
+        EXPECT_EQ(errno, row.error);
+        EXPECT_EQ(name[0], '#');
+    }
+    EXPECT_EQ(GetTempFileName(start.c_str(), "tmp", 1, nullptr), 0u);
+    EXPECT_EQ(GetTempFileName(longest.c_str(), "tmp", 0xFFFF, name), 0xFFFFu);
+
+    const CountCalls opens{faults::Call::Open, {.path = directory.path()}};
+    const FailCall allExist{faults::Call::Open, EEXIST, {.andAllLater = true, .path = directory.path()}};
+    EXPECT_EQ(GetTempFileName(start.c_str(), "tmp", 0, name), 0u);
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(opens.calls(), 0xFFFF);
 }
 
 }  // namespace
