@@ -55,6 +55,12 @@ class ViewList {
     }
 
   private:
+    // A fork happens outside what the lock guards, so that the child finds the list whole and the lock free. Its order
+    // is not checked there: the fork handlers of lower floors take theirs after it, and nobody else holds both.
+    ViewList() { (void)pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork); }
+    static void lockForFork() { pthread_mutex_lock(get().lock_.native()); }
+    static void unlockAfterFork() { pthread_mutex_unlock(get().lock_.native()); }
+
     Mutex<LockRank::Leaf> lock_;
     std::map<void*, size_t> lengths_ TRAIKLOFOX_GUARDED_BY(lock_);
 };

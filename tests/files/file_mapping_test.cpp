@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <traiklofox/file_mapping.h>
 #include <traiklofox/handle.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -277,6 +279,27 @@ TEST_F(FileMapping, AFailedViewStoresNothingAndIsNotDetected) {
     void* beyond = MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0x10000, 100);
     EXPECT_TRUE(UnmapViewOfFile(beyond)) << "mapped, but there is no file to store a length in";
     EXPECT_EQ(readText(kBacking), std::string(104, '\0'));
+}
+
+TEST_F(FileMapping, AForkedChildEndsViewsWhateverOtherThreadsWereDoing) {
+    const Mapping mapping = open(100);
+    char* inherited = view(mapping);
+    std::atomic<bool> done{false};
+    std::thread mapper([&] {
+        while (!done) EXPECT_TRUE(UnmapViewOfFile(view(mapping)));
+    });
+    int status = 0;
+    for (int i = 0; i < 200 && status == 0; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(20);  // ends a child that hangs
+            ::_exit(UnmapViewOfFile(inherited) ? 0 : 1);
+        }
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << "of child " << i;
+    }
+    done = true;
+    mapper.join();
 }
 
 }  // namespace
