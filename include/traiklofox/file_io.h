@@ -8,6 +8,7 @@
 ///
 /// Thread safety: any thread may call any function. A handle has one position, which all its users move.
 
+#include <traiklofox/handle.h>
 #include <traiklofox/types.h>
 
 struct _OVERLAPPED;

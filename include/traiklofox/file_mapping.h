@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <traiklofox/handle.h>
 #include <traiklofox/types.h>
 
 // How a mapping is opened: the flags of `open`.
