@@ -67,6 +67,8 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"_STARTUPINFO::hStdError", 16, 24},
         {"_PROCESS_INFORMATION", 16, 24},
         {"_PROCESS_INFORMATION::dwProcessId", 8, 16},
+        {"_ULARGE_INTEGER", 8, 8},
+        {"_ULARGE_INTEGER::HighPart", 4, 4},
         {"RegValueList", 52, 72},
     };
     std::map<std::string, size_t> here;
