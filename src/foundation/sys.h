@@ -103,6 +103,10 @@ inline int lstat(const char* path, struct stat* status) {
 inline int fstat(int fd, struct stat* status) {
     return ::fstat(fd, status);
 }
+/// What a name in a directory stands for, with times and numbers that fit on both word sizes.
+inline int statx(int directory, const char* name, int flags, struct statx* status) {
+    return ::statx(directory, name, flags, STATX_BASIC_STATS, status);
+}
 inline int access(const char* path, int mode) {
     return ::access(path, mode);
 }

@@ -1,0 +1,162 @@
+// super_glob.cpp: collects the entries of a directory that match patterns. All names are read and sorted first, so that
+// the records, which are larger, are made in their places.
+
+#include <traiklofox/super_glob.h>
+
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "files/glob_pattern.h"
+#include "files/name_sort.h"
+#include "foundation/on_exit.h"
+#include "foundation/sys.h"
+
+namespace sys = traiklofox::sys;
+
+namespace traiklofox::files {
+
+namespace {
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const {
+        const int error = errno;
+        (void)sys::closedir(directory);  // it was only read
+        errno = error;
+    }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+KZGlobResult resultOf(const char* name, const struct statx& status) {
+    KZGlobResult result{};
+    result.name = name;
+    result.mode = status.stx_mode;
+    result.links = status.stx_nlink;
+    result.owner = status.stx_uid;
+    result.group = status.stx_gid;
+    result.blockSize = status.stx_blksize;
+    result.accessNanoseconds = status.stx_atime.tv_nsec;
+    result.modificationNanoseconds = status.stx_mtime.tv_nsec;
+    result.changeNanoseconds = status.stx_ctime.tv_nsec;
+    result.device = gnu_dev_makedev(status.stx_dev_major, status.stx_dev_minor);
+    result.inode = status.stx_ino;
+    result.specialDevice = gnu_dev_makedev(status.stx_rdev_major, status.stx_rdev_minor);
+    result.size = status.stx_size;
+    result.blocks = status.stx_blocks;
+    result.accessTime = status.stx_atime.tv_sec;
+    result.modificationTime = status.stx_mtime.tv_sec;
+    result.changeTime = status.stx_ctime.tv_sec;
+    return result;
+}
+
+/// Nothing when the entry has vanished.
+std::optional<KZGlobResult> lookAt(int directory, const NamedEntry& entry) {
+    struct statx status;
+    if (sys::statx(directory, entry.name, /*flags=*/0, &status) == 0 ||
+        sys::statx(directory, entry.name, AT_SYMLINK_NOFOLLOW, &status) == 0)
+        return resultOf(entry.name, status);
+    if (errno == ENOENT) return std::nullopt;
+    KZGlobResult result{};
+    result.name = entry.name;
+    result.mode = DTTOIF(static_cast<DWORD>(entry.type));
+    return result;
+}
+
+bool byName(const KZGlobResult& left, const KZGlobResult& right) {
+    return std::strcmp(left.name, right.name) < 0;
+}
+
+}  // namespace
+
+class GlobState {
+  public:
+    void addPattern(std::string_view pattern, LeadingPeriod period) {
+        patterns_.emplace_back(pattern, period);
+    }
+    void clearPatterns() { patterns_.clear(); }
+
+    bool collect(const char* path) {
+        const Directory directory(sys::opendir(path));
+        if (!directory) return false;
+        NameStore names;
+        std::vector<NamedEntry> entries;
+        if (!readNames(directory.get(), names, entries)) return false;
+        sortByName(entries);
+
+        const size_t before = results_.size();
+        auto dropNew = foundation::onExit([&] { results_.resize(before); });
+        results_.reserve(before + entries.size());
+        for (const NamedEntry& entry : entries)
+            if (const auto result = lookAt(::dirfd(directory.get()), entry)) results_.push_back(*result);
+        names_.push_back(std::move(names));
+        dropNew.dismiss();
+        if (before > 0)
+            std::inplace_merge(results_.begin(), results_.begin() + static_cast<std::ptrdiff_t>(before),
+                               results_.end(), byName);
+        return true;
+    }
+
+    const std::vector<KZGlobResult>& results() const { return results_; }
+
+  private:
+    bool readNames(DIR* directory, NameStore& names, std::vector<NamedEntry>& entries) const {
+        for (;;) {
+            errno = 0;  // which tells the end from an error
+            const dirent* const entry = sys::readdir(directory);
+            if (entry == nullptr) return errno == 0;
+            const std::string_view name(entry->d_name);
+            const bool matches = std::ranges::any_of(
+                patterns_, [name](const GlobPattern& pattern) { return pattern.matches(name); });
+            if (matches) entries.push_back({/*key=*/0, names.add(name), entry->d_type});
+        }
+    }
+
+    std::vector<GlobPattern> patterns_;
+    std::vector<NameStore> names_;  // of the results
+    std::vector<KZGlobResult> results_;
+};
+
+}  // namespace traiklofox::files
+
+using traiklofox::files::LeadingPeriod;
+
+KZSuperGlob::KZSuperGlob() : state(std::make_unique<traiklofox::files::GlobState>()) {}
+KZSuperGlob::~KZSuperGlob() = default;
+
+BOOL KZSuperGlob::AddPattern(const CKZString& pattern, DWORD flags) {
+    if (pattern.size() >= MAX_PATH) {
+        errno = ENAMETOOLONG;
+        return FALSE;
+    }
+    const bool isExplicit = (flags & ExplicitPeriod) != 0;
+    state->addPattern(pattern, isExplicit ? LeadingPeriod::Explicit : LeadingPeriod::Ordinary);
+    return TRUE;
+}
+
+void KZSuperGlob::ClearPatterns() {
+    state->clearPatterns();
+}
+
+BOOL KZSuperGlob::GlobMore(const CKZString& directory) {
+    const int error = errno;
+    if (!state->collect(directory.c_str())) return FALSE;
+    errno = error;
+    return TRUE;
+}
+
+KZSuperGlob::iterator KZSuperGlob::begin() const {
+    return state->results().data();
+}
+
+KZSuperGlob::iterator KZSuperGlob::end() const {
+    return begin() + state->results().size();
+}
+
+bool KZSuperGlob::contains(const CKZString& name) const {
+    const auto found = std::lower_bound(
+        begin(), end(), name,
+        [](const KZGlobResult& entry, const CKZString& wanted) { return entry.name < wanted; });
+    return found != end() && name == found->name;
+}
