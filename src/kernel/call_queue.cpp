@@ -60,6 +60,15 @@ size_t CallQueue::size() const {
     return calls_.size();
 }
 
+// The natives, unchecked: a fork takes the locks of all ranks, and this one last.
+void CallQueue::lockForFork() const TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_lock(lock_.native());
+}
+
+void CallQueue::unlockAfterFork() const TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+    pthread_mutex_unlock(lock_.native());
+}
+
 bool CallQueue::publishSleep(const SleepPlace& place) {
     const LockGuard guard(lock_);
     idle_ = calls_.empty();

@@ -56,6 +56,10 @@ class CallQueue {
     /// Whether calls wait to be run. Counts as a look: an empty queue marks the thread idle.
     bool pending();
 
+    /// Around a fork by the queue's own thread, so that the child finds the queue whole and free.
+    void lockForFork() const;
+    void unlockAfterFork() const;
+
     /// How many calls wait.
     size_t size() const;
 

@@ -9,6 +9,7 @@
 #include "kernel/child_records.h"
 #include "kernel/process_watcher.h"
 #include "kernel/signals.h"
+#include "kernel/thread_life.h"
 #include "kernel/timers_at_fork.h"
 
 namespace traiklofox::kernel {
@@ -31,9 +32,11 @@ void lockForFork() {
     TimersAtFork::lock();
     Event::Lock();
     ChildRecords::lockForFork();
+    ThreadLife::lockOwnForFork();
 }
 
 void unlockInParent() {
+    ThreadLife::unlockOwnInParent();
     ChildRecords::unlockAfterFork();
     Event::Unlock();
     TimersAtFork::unlock();
@@ -41,6 +44,7 @@ void unlockInParent() {
 }
 
 void unlockInChild() {
+    ThreadLife::unlockOwnInChild();
     ChildRecords::forgetInForkedChild();
     Event::Unlock();
     TimersAtFork::forgetInChild();

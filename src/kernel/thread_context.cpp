@@ -4,6 +4,7 @@
 #include <traiklofox/threads.h>
 
 #include "foundation/hooks.h"
+#include "kernel/call_queue.h"
 #include "kernel/startup.h"
 #include "kernel/thread_life.h"
 
@@ -27,9 +28,35 @@ void ThreadContextKeyDestructor(void* record) {
 
 namespace traiklofox::kernel {
 
-bool ThreadLife::isCurrent(const Thread& thread) {
+namespace {
+
+/// The calling thread's handle, if it has been made.
+Thread* ownThread() {
     const auto* context = static_cast<const ThreadContext*>(pthread_getspecific(ThreadContextKey));
-    return context != nullptr && context->thread == &thread;
+    return context != nullptr ? context->thread : nullptr;
+}
+
+}  // namespace
+
+bool ThreadLife::isCurrent(const Thread& thread) {
+    return ownThread() == &thread;
+}
+
+void ThreadLife::lockOwnForFork() {
+    if (const Thread* own = ownThread()) own->calls->lockForFork();
+}
+
+void ThreadLife::unlockOwnInParent() {
+    if (const Thread* own = ownThread()) own->calls->unlockAfterFork();
+}
+
+// The state lock cannot be taken before the fork, for a thread must not be suspended while it holds its own. Whoever
+// had it in the parent is not here.
+void ThreadLife::unlockOwnInChild() {
+    Thread* own = ownThread();
+    if (own == nullptr) return;
+    own->lock = PTHREAD_MUTEX_INITIALIZER;
+    own->calls->unlockAfterFork();
 }
 
 void createThreadContextKey() {

@@ -14,6 +14,12 @@ class ThreadLife {
     static bool isCurrent(const Thread& thread);
     static CallQueue& callsOf(Thread& thread) { return *thread.calls; }
 
+    /// Around a fork: the child finds its thread's own handle, if there is one, whole and free, whatever other
+    /// threads were doing to it.
+    static void lockOwnForFork();
+    static void unlockOwnInParent();
+    static void unlockOwnInChild();
+
     /// Stores the id of a thread that has just been created, unless it has stored its own, or has ended,
     /// already.
     static void started(Thread& thread, pthread_t id);

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vector>
@@ -304,6 +305,37 @@ TEST_F(AsyncCallInWait, NoCallSlipsBetweenTheLookAtTheQueueAndTheSleep) {
             }));
         }
     }
+}
+
+TEST(AsyncCall, QueuedWhileTheThreadForksLeavesTheChildItsQueue) {
+    const auto nothing = [](void*, void*, void*) {};
+    Handle* self = GetCurrentThread();
+    std::atomic<bool> stop = false;
+    std::atomic<int> queued = 0;
+    std::thread other([&] {
+        while (!stop) {
+            QueueUserAPC(nothing, self, 0);
+            if (++queued % 100 == 0) Sleep(1);
+        }
+    });
+    int failed = 0;
+    for (int i = 0; i < rounds(200); ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(kBoundSeconds);  // which ends it if it hangs
+            QueueUserAPC(nothing, self, 0);
+            _exit(SleepEx(kBound, TRUE) == WAIT_IO_COMPLETION ? 0 : 1);
+        }
+        int status = -1;
+        while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
+        }
+        if (status != 0) ++failed;
+        UserAPCCheck();
+    }
+    stop = true;
+    other.join();
+    UserAPCCheck();
+    EXPECT_EQ(failed, 0);
 }
 
 }  // namespace
