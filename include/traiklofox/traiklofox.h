@@ -2,6 +2,7 @@
 
 /// The whole library.
 
+#include <traiklofox/dates.h>
 #include <traiklofox/files.h>
 #include <traiklofox/handles.h>
 #include <traiklofox/primitives.h>
