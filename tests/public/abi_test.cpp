@@ -70,6 +70,13 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"_ULARGE_INTEGER", 8, 8},
         {"_ULARGE_INTEGER::HighPart", 4, 4},
         {"RegValueList", 52, 72},
+        {"tagDATEINFO", 1304, 1304},
+        {"tagDATEINFO::shortDatePicture", 648, 648},
+        {"tagUDS", 18, 18},
+        {"tagVARIANT", 16, 16},
+        {"tagVARIANT::date", 8, 8},
+        {"CDateTime", 12, 16},
+        {"CTime", 4, 8},
     };
     std::map<std::string, size_t> here;
     for (const LayoutEntry& entry : plainLayout()) here[entry.name] = entry.bytes;
