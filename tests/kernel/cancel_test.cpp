@@ -96,6 +96,7 @@ TEST(CancelledWait, HandsASignalThatItDidNotTakeToTheNextWaiter) {
     }
 }
 
+#if !defined(__SANITIZE_THREAD__)  // which sees no lock any more of a thread that was cancelled in sem_timedwait
 TEST(CancelledWait, OfASemaphoreTakesNothingAndHandsItsWakeUpOn) {
     for (int round = 0; round < rounds(200); ++round) {
         const OwnedHandle semaphore{CreateSemaphore(nullptr, 0, 9, nullptr)};
@@ -116,6 +117,7 @@ TEST(CancelledWait, OfASemaphoreTakesNothingAndHandsItsWakeUpOn) {
         EXPECT_EQ(WaitForSingleObject(semaphore.get(), 0), WAIT_TIMEOUT);
     }
 }
+#endif
 
 TEST(CancelledWait, LeavesAThreadThatItWaitedForUsable) {
     const auto release = makeEvent(Kind::Auto);
