@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
 
 #include "files/glob_pattern.h"
 #include "files/name_sort.h"
@@ -29,9 +28,7 @@ struct DirectoryCloser {
 };
 using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
-KZGlobResult resultOf(const char* name, const struct statx& status) {
-    KZGlobResult result{};
-    result.name = name;
+void take(const struct statx& status, KZGlobResult& result) {
     result.mode = status.stx_mode;
     result.links = status.stx_nlink;
     result.owner = status.stx_uid;
@@ -48,20 +45,19 @@ KZGlobResult resultOf(const char* name, const struct statx& status) {
     result.accessTime = status.stx_atime.tv_sec;
     result.modificationTime = status.stx_mtime.tv_sec;
     result.changeTime = status.stx_ctime.tv_sec;
-    return result;
 }
 
-/// Nothing when the entry has vanished.
-std::optional<KZGlobResult> lookAt(int directory, const NamedEntry& entry) {
+/// False when the entry has vanished. Fills `result`, which is zeroed.
+bool lookAt(int directory, const NamedEntry& entry, KZGlobResult& result) {
     struct statx status;
-    if (sys::statx(directory, entry.name, /*flags=*/0, &status) == 0 ||
-        sys::statx(directory, entry.name, AT_SYMLINK_NOFOLLOW, &status) == 0)
-        return resultOf(entry.name, status);
-    if (errno == ENOENT) return std::nullopt;
-    KZGlobResult result{};
     result.name = entry.name;
+    if (sys::statx(directory, entry.name, AT_NO_AUTOMOUNT, &status) == 0 ||
+        sys::statx(directory, entry.name, AT_NO_AUTOMOUNT | AT_SYMLINK_NOFOLLOW, &status) == 0) {
+        take(status, result);
+        return true;
+    }
     result.mode = DTTOIF(static_cast<DWORD>(entry.type));
-    return result;
+    return errno != ENOENT;
 }
 
 bool byName(const KZGlobResult& left, const KZGlobResult& right) {
@@ -89,7 +85,7 @@ class GlobState {
         auto dropNew = foundation::onExit([&] { results_.resize(before); });
         results_.reserve(before + entries.size());
         for (const NamedEntry& entry : entries)
-            if (const auto result = lookAt(::dirfd(directory.get()), entry)) results_.push_back(*result);
+            if (!lookAt(::dirfd(directory.get()), entry, results_.emplace_back())) results_.pop_back();
         names_.push_back(std::move(names));
         dropNew.dismiss();
         if (before > 0)
