@@ -96,7 +96,8 @@ TEST(CancelledWait, HandsASignalThatItDidNotTakeToTheNextWaiter) {
     }
 }
 
-#if !defined(__SANITIZE_THREAD__)  // which sees no lock any more of a thread that was cancelled in sem_timedwait
+#if !defined( \
+    __SANITIZE_THREAD__)  // which sees no lock any more of a thread that was cancelled in sem_timedwait
 TEST(CancelledWait, OfASemaphoreTakesNothingAndHandsItsWakeUpOn) {
     for (int round = 0; round < rounds(200); ++round) {
         const OwnedHandle semaphore{CreateSemaphore(nullptr, 0, 9, nullptr)};
