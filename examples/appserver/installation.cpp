@@ -27,12 +27,16 @@ std::string textOf(const std::filesystem::path& file) {
     return text.str();
 }
 
-std::vector<std::string> registryLines(const std::filesystem::path& file) {
+std::vector<std::string> linesOf(const std::filesystem::path& file) {
     std::istringstream text(textOf(file));
     std::vector<std::string> lines;
-    for (std::string line; std::getline(text, line);) {
-        if (!line.empty() && line.front() != '#') lines.push_back(line);
-    }
+    for (std::string line; std::getline(text, line);) lines.push_back(line);
+    return lines;
+}
+
+std::vector<std::string> registryLines(const std::filesystem::path& file) {
+    std::vector<std::string> lines = linesOf(file);
+    std::erase_if(lines, [](const std::string& line) { return line.empty() || line.front() == '#'; });
     return lines;
 }
 

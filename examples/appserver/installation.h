@@ -17,6 +17,8 @@ std::size_t countKeyLines(const std::vector<std::string>& lines);
 std::vector<std::string> valueLinesOf(const std::vector<std::string>& lines, std::string place);
 /// A value line in its parts, as in "Port = 0x1f4".
 std::string assignmentOf(const std::string& valueLine);
+/// The lines of any file.
+std::vector<std::string> linesOf(const std::filesystem::path& file);
 /// The whole of a file.
 std::string textOf(const std::filesystem::path& file);
 
@@ -29,6 +31,7 @@ class Installation {
     std::filesystem::path registryFile() const { return home_ / "registry" / "tw.registry"; }
     std::filesystem::path backupFile() const { return home_ / "registry" / "tw.registry.bak"; }
     std::filesystem::path templateFile() const { return home_ / "registry" / "tw.registry.template"; }
+    std::filesystem::path logFile() const { return home_ / "server.log"; }
     /// The names of the files in the registry's directory, sorted.
     std::vector<std::string> fileNames() const;
 

@@ -4,12 +4,14 @@
 #include "lazy_writer.h"
 #include "request_service.h"
 #include "roles.h"
+#include "server_log.h"
 #include "setting_commands.h"
 #include "setting_watcher.h"
 
 #include <traiklofox/registry.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -21,6 +23,8 @@ constexpr DWORD kNoticeMs = 30000;
 
 class Server {
   public:
+    explicit Server(const std::filesystem::path& logFile) : log_(logFile) { log_.add("server starts"); }
+
     void watch(const Words& arguments) {
         watcher_.reset();
         watcher_ = std::make_unique<SettingWatcher>(arguments[0], arguments[1]);
@@ -34,19 +38,25 @@ class Server {
     void startLazyWriter(const Words& arguments) {
         lazyWriter_.reset();
         lazyWriter_.emplace(static_cast<DWORD>(std::stoul(arguments[0])));
+        log_.add("lazy writer starts");
     }
 
-    void stopLazyWriter() { lazyWriter_.reset(); }
+    void stopLazyWriter() {
+        lazyWriter_.reset();
+        log_.add("lazy writer has stopped");
+    }
 
     void startHelper() {
         helper_.reset();
         helper_.emplace();
+        log_.add("helper starts");
         tellHelper();
     }
 
     void awaitHelper() {
         if (!helper_) throw std::runtime_error("no helper is wanted");
         std::printf("code %u\n", static_cast<unsigned>(helper_->awaitRestart(kNoticeMs)));
+        log_.add("helper has crashed and is replaced");
         tellHelper();
     }
 
@@ -54,16 +64,26 @@ class Server {
         if (!helper_) throw std::runtime_error("no helper is wanted");
         std::printf("code %u\n", static_cast<unsigned>(helper_->finish()));
         helper_.reset();
+        log_.add("helper has stopped");
+    }
+
+    /// The date first, as it was understood.
+    void logSince(const Words& arguments) {
+        const CDateTime date = typedDate(arguments[0]);
+        std::printf("since %s\n", date.Format(VAR_DATEVALUEONLY).c_str());
+        for (const std::string& line : log_.since(date)) std::puts(line.c_str());
     }
 
     void serve(const Words& arguments) {
         const auto [workers, reports] = RequestService(arguments[0]).serve(std::stoul(arguments[1]));
         std::printf("workers %u\nreports %u\n", workers, reports);
+        log_.add("has served " + arguments[1] + " requests");
     }
 
   private:
     void tellHelper() const { std::printf("helper %u\n", static_cast<unsigned>(helper_->helper())); }
 
+    ServerLog log_;
     std::unique_ptr<SettingWatcher> watcher_;
     std::optional<LazyWriter> lazyWriter_;
     std::optional<HelperSupervisor> helper_;
@@ -75,7 +95,8 @@ int runServer() {
     InitRegistry(REG_INIT_BACKUP, /*create=*/true);
     std::printf("registry %s\n", GetRegistryPath().c_str());
 
-    Server server;
+    const std::filesystem::path registryFile = GetRegistryPath().c_str();
+    Server server(registryFile.parent_path().parent_path() / "server.log");
     Conversation conversation;
     addSettingCommands(conversation);
     conversation.add("watch KEY NAME", [&](const Words& arguments) { server.watch(arguments); });
@@ -87,6 +108,7 @@ int runServer() {
     conversation.add("await-helper", [&](const Words&) { server.awaitHelper(); });
     conversation.add("stop-helper", [&](const Words&) { server.stopHelper(); });
     conversation.add("serve KEY COUNT", [&](const Words& arguments) { server.serve(arguments); });
+    conversation.add("log-since DATE", [&](const Words& arguments) { server.logSince(arguments); });
     conversation.hold();
     return 0;
 }

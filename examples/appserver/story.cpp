@@ -14,6 +14,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <set>
 #include <string>
 #include <utility>
@@ -361,6 +362,35 @@ void killLockHolder(Team& team) {
     checkReadsTimeout(team.web2, kFirstTimeout);
 }
 
+/// As the server's lines begin.
+std::string today() {
+    const std::time_t now = std::time(nullptr);
+    std::tm fields{};
+    localtime_r(&now, &fields);
+    return std::to_string(fields.tm_mon + 1) + "/" + std::to_string(fields.tm_mday) + "/" +
+           std::to_string(fields.tm_year + 1900) + " ";
+}
+
+void readLog(Team& team, const Installation& installation, const std::string& dayOfStart) {
+    heading("The log since a date, in whatever order that is typed");
+    for (const char* typed : {"12/31/2024", "31/12/2024", "2024-12-31"}) {
+        Lines lines = team.server.ask(std::string("log-since ") + typed);
+        check(lines.front() == "since 12/31/2024", std::string("a date, ") + typed);
+        lines.erase(lines.begin());
+        check(lines == linesOf(installation.logFile()) && lines.size() >= 7, "all lines of the log");
+        const std::string dayOfEnd = today();  // a demonstration may run over midnight
+        check(std::ranges::all_of(lines,
+                                  [&](const std::string& line) {
+                                      return line.starts_with(dayOfStart) || line.starts_with(dayOfEnd);
+                                  }),
+              "lines that begin with their date");
+        say("  log-since %-12s %zu lines, as the file %s has them; the last one:", typed, lines.size(),
+            installation.logFile().filename().c_str());
+        say("    %s", lines.back().c_str());
+    }
+    check(team.server.ask("log-since 31/12/9999").size() == 1, "no line of the future");
+}
+
 void endAll(Team& team, const Installation& installation) {
     heading("The end");
     const Lines lines = registryLines(installation.registryFile());
@@ -383,6 +413,7 @@ void endAll(Team& team, const Installation& installation) {
 }  // namespace
 
 void tellStory(const Installation& installation) {
+    const std::string dayOfStart = today();
     Team team = startFromTemplate(installation);
     readByAll(team);
     changeSetting(team, installation);
@@ -390,6 +421,7 @@ void tellStory(const Installation& installation) {
     writeLazily(team, writeMs);
     killLockHolder(team);
     replaceHelper(team);
+    readLog(team, installation, dayOfStart);
     endAll(team, installation);
 }
 
