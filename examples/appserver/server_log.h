@@ -31,8 +31,8 @@ class ServerLog {
     std::vector<Entry> entries_;
 };
 
-/// A date that somebody typed: "12/31/2024", or "31/12/2024" or "2024-12-31", which can mean nothing else. Of "3/4/2024"
-/// the month stands first. Throws std::invalid_argument for any other text.
+/// A date that somebody typed: "12/31/2024", or "31/12/2024" or "2024-12-31", which can mean nothing else. Of
+/// "3/4/2024" the month stands first. Throws std::invalid_argument for any other text.
 CDateTime typedDate(const std::string& text);
 
 }  // namespace appserver

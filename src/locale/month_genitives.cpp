@@ -20,14 +20,18 @@ constexpr GenitiveNames littleEndian(const std::u16string_view (&names)[12]) {
 
 }  // namespace
 
-constinit const GenitiveNames g_rgszPolishMonth2 =
-    littleEndian({u"stycznia", u"lutego", u"marca", u"kwietnia", u"maja", u"czerwca", u"lipca", u"sierpnia",
-                  u"września", u"października", u"listopada", u"grudnia"});
+// clang-format off
+constinit const GenitiveNames g_rgszPolishMonth2 = littleEndian({
+    u"stycznia", u"lutego", u"marca", u"kwietnia", u"maja", u"czerwca",
+    u"lipca", u"sierpnia", u"września", u"października", u"listopada", u"grudnia",
+});
 
 // The second one is spelled as stored data has it.
-constinit const GenitiveNames g_rgszRussianMonth2 =
-    littleEndian({u"января", u"феврапя", u"марта", u"апреля", u"мая", u"июня", u"июля", u"августа",
-                  u"сентября", u"октября", u"ноября", u"декабря"});
+constinit const GenitiveNames g_rgszRussianMonth2 = littleEndian({
+    u"января", u"феврапя", u"марта", u"апреля", u"мая", u"июня",
+    u"июля", u"августа", u"сентября", u"октября", u"ноября", u"декабря",
+});
+// clang-format on
 
 const char* genitiveOf(int month, LCID locale) {
     if (locale == kPolish) return g_rgszPolishMonth2.bytes[month - 1];
