@@ -2,6 +2,8 @@
 
 /// Files and directories. This header only gathers those of its family.
 
+#include <traiklofox/change_notification.h>
+#include <traiklofox/completion_ports.h>
 #include <traiklofox/copy_file.h>
 #include <traiklofox/directories.h>
 #include <traiklofox/disk_space.h>

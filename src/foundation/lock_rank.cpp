@@ -8,10 +8,15 @@
 namespace traiklofox::foundation {
 namespace {
 
-constexpr const char* kRankNames[] = {
-    "registry cache", "open keys",   "registry key", "key numbers",       "process watch",
-    "timers",         "thread pool", "thread state", "event bookkeeping", "event",
-    "embedded event", "semaphore",   "leaf"};
+constexpr const char* kRankNames[] = {"watch handles",   "directory data",
+                                      "directory entry", "notify records",
+                                      "completion port", "registry cache",
+                                      "open keys",       "registry key",
+                                      "key numbers",     "process watch",
+                                      "timers",          "thread pool",
+                                      "thread state",    "event bookkeeping",
+                                      "event",           "embedded event",
+                                      "semaphore",       "leaf"};
 
 // A path walk holds two keys at a time; nothing nests deeper than this.
 constexpr int kMostHeld = 32;

@@ -9,14 +9,19 @@
 namespace traiklofox::foundation {
 
 enum class LockRank : std::uint8_t {
-    RegistryCache,  // the tree against re-reads and writes of the file: RWLock, then the System V semaphore
-    OpenKeys,       // registry handle number -> open key
-    RegistryKey,    // one key's values and subkeys, parent before child
-    KeyNumbers,     // the numbers in use by registry keys
-    ProcessWatch,   // the processes that the watching thread looks at
-    Timers,         // Timer::RequestLock: the queued timers
-    ThreadPool,     // a pool's jobs and workers
-    ThreadState,    // a thread's id, and whether it still runs
+    WatchHandles,    // the directory scanner's handles
+    DirectoryData,   // path -> what is known of a watched directory
+    DirectoryEntry,  // one watched directory: its files, and the handles that hear of changes
+    NotifyRecords,   // a watch handle: its records, and whom to wake
+    CompletionPort,  // a port's members and packets
+    RegistryCache,   // the tree against re-reads and writes of the file: RWLock, then the System V semaphore
+    OpenKeys,        // registry handle number -> open key
+    RegistryKey,     // one key's values and subkeys, parent before child
+    KeyNumbers,      // the numbers in use by registry keys
+    ProcessWatch,    // the processes that the watching thread looks at
+    Timers,          // Timer::RequestLock: the queued timers
+    ThreadPool,      // a pool's jobs and workers
+    ThreadState,     // a thread's id, and whether it still runs
     EventBookkeeping,  // Event::EventLock
     Event,             // one event's state, waiters and registered multiple waits
     EmbeddedEvent,     // the event inside a MultiEvent

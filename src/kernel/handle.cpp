@@ -10,6 +10,7 @@
 
 #include "foundation/sys.h"
 #include "kernel/handle_arguments.h"
+#include "kernel/hooks.h"
 
 using traiklofox::kernel::isNone;
 
@@ -111,6 +112,7 @@ BOOL SecurityToken::InvokeSecurityToken() {
 
 BOOL HandleClose(Handle* handle) {
     if (isNone(handle)) return 0;
+    if (handle->What() == HANDLE_KIND_CHANGE_NOTIFICATION) traiklofox::kernel::noteClosing(*handle);
     handle->DecRefCount();
     return 1;
 }
@@ -122,6 +124,7 @@ BOOL CloseHandle(Handle* handle) {
 BOOL DuplicateHandle(Handle*, Handle* source, Handle*, Handle** target, DWORD, BOOL, DWORD) {
     if (isNone(source)) return 0;
     source->IncRefCount();
+    if (source->What() == HANDLE_KIND_CHANGE_NOTIFICATION) traiklofox::kernel::noteDuplicated(*source);
     if (target != nullptr) *target = source;
     return 1;
 }

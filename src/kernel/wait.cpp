@@ -7,8 +7,10 @@
 #include <typeinfo>
 
 #include "kernel/handle_arguments.h"
+#include "kernel/mixed_wait.h"
 
 using traiklofox::kernel::isNone;
+using traiklofox::kernel::waitMixed;
 
 namespace {
 
@@ -34,7 +36,10 @@ bool allOfKind(const Handle& first, DWORD count, Handle** handles) {
     return true;
 }
 
-DWORD waitMixed(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds, BOOL alertable) {
+}  // namespace
+
+DWORD traiklofox::kernel::waitMixed(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds,
+                                    BOOL alertable) {
     if (count > MAXIMUM_WAIT_OBJECTS) return WAIT_FAILED;
     std::array<Handle*, MAXIMUM_WAIT_OBJECTS> synchs{};
     Handle* target = nullptr;
@@ -55,8 +60,6 @@ DWORD waitMixed(DWORD count, Handle** handles, BOOL waitAll, DWORD milliseconds,
         if (synchs[i] != nullptr) synchs[i]->FreeSynch();
     return result;
 }
-
-}  // namespace
 
 DWORD WaitForSingleObjectEx(Handle* handle, DWORD milliseconds, BOOL alertable) {
     return isNone(handle) ? WAIT_FAILED : handle->WaitForHandle(milliseconds, alertable);
