@@ -6,10 +6,12 @@
 #include <cstring>
 
 #include "files/arguments.h"
+#include "files/file_time.h"
 #include "files/report.h"
 #include "foundation/sys.h"
 
 using traiklofox::files::descriptorOf;
+using traiklofox::files::fileTimeOf;
 using traiklofox::files::report;
 namespace sys = traiklofox::sys;
 
@@ -25,14 +27,6 @@ int numberOf(const Handle* handle) {
 bool isWanted(const DWORD* transferred) {
     if (transferred == nullptr) errno = EINVAL;
     return transferred != nullptr;
-}
-
-/// Not by `time_tToFileTime`, which takes 32 bits of the seconds.
-_FILETIME fileTimeOf(time_t seconds) {
-    constexpr LONGLONG kUnixEpoch = 11644473600;
-    constexpr LONGLONG kUnitsPerSecond = 10'000'000;
-    const auto units = static_cast<ULONGLONG>((seconds + kUnixEpoch) * kUnitsPerSecond);
-    return {static_cast<DWORD>(units), static_cast<DWORD>(units >> 32)};
 }
 
 }  // namespace
