@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -16,6 +15,7 @@
 #include "support/bounded_wait.h"
 #include "support/captured_output.h"
 #include "support/fault_injection.h"
+#include "support/owned_handle.h"
 #include "support/temp_dir.h"
 
 namespace traiklofox::test {
@@ -25,11 +25,6 @@ using faults::Call;
 
 constexpr DWORD kFailed = 0xFFFFFFFF;
 constexpr DWORD kReadWrite = GENERIC_READ | GENERIC_WRITE;
-
-struct HandleCloser {
-    void operator()(Handle* handle) const { CloseHandle(handle); }
-};
-using OwnedHandle = std::unique_ptr<Handle, HandleCloser>;
 
 class FileIo : public testing::Test {
   protected:
@@ -124,6 +119,12 @@ TEST_F(FileIo, DispositionsDecideWhatIsMadeAndEmptied) {
 
 TEST_F(FileIo, ADirectoryIsOpenedToWatchItOnly) {
     writeText(path_, "content");
+    for (const DWORD access : {FILE_LIST_DIRECTORY, kReadWrite}) {
+        const OwnedHandle watched{CreateFile(directory_.path().c_str(), access, 0, nullptr, OPEN_EXISTING,
+                                             FILE_FLAG_BACKUP_SEMANTICS, nullptr)};
+        ASSERT_NE(watched.get(), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(watched->What(), static_cast<DWORD>(HANDLE_KIND_CHANGE_NOTIFICATION));
+    }
     const struct {
         std::string path;
         DWORD access;

@@ -10,12 +10,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <thread>
 
 #include "support/bounded_wait.h"
 #include "support/fault_injection.h"
+#include "support/owned_handle.h"
 #include "support/private_machine.h"
 #include "support/role.h"
 #include "support/temp_dir.h"
@@ -28,10 +28,7 @@ using faults::Call;
 const std::string kName = "shared";
 const std::string kBacking = "/tmp/." + kName;
 
-struct HandleCloser {
-    void operator()(Handle* handle) const { CloseHandle(handle); }
-};
-using Mapping = std::unique_ptr<Handle, HandleCloser>;
+using Mapping = OwnedHandle;
 
 Mapping open(DWORD size, DWORD protection = PAGE_READWRITE) {
     return Mapping{CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, protection, 0, size, kName.c_str())};

@@ -20,14 +20,10 @@
 #include <string>
 #include <vector>
 
+#include "support/owned_handle.h"
 #include "support/temp_dir.h"
 
 namespace traiklofox::test {
-
-struct HandleCloser {
-    void operator()(Handle* handle) const { CloseHandle(handle); }
-};
-using OwnedHandle = std::unique_ptr<Handle, HandleCloser>;
 
 inline ChangeNotificationHandle& directoryOf(const OwnedHandle& handle) {
     return static_cast<ChangeNotificationHandle&>(*handle);
