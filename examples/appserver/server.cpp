@@ -1,5 +1,6 @@
 // server.cpp: the application server's main process.
 
+#include "deploy_watcher.h"
 #include "helper_supervisor.h"
 #include "lazy_writer.h"
 #include "request_service.h"
@@ -80,13 +81,36 @@ class Server {
         log_.add("has served " + arguments[1] + " requests");
     }
 
+    void watchDeploy(const Words& arguments) {
+        deploy_.reset();
+        deploy_.emplace(arguments[0]);
+    }
+
+    void awaitDeploy() {
+        if (!deploy_) throw std::runtime_error("no deploy directory is being watched");
+        const DeployWatcher::Change change = deploy_->awaitChange(kNoticeMs);
+        std::printf("%s %s %u\n", nameOf(change.action), change.name.c_str(),
+                    static_cast<unsigned>(change.size));
+    }
+
+    void stopDeploy() { deploy_.reset(); }
+
   private:
+    static const char* nameOf(DWORD action) {
+        switch (action) {
+            case FILE_ACTION_ADDED: return "added";
+            case FILE_ACTION_REMOVED: return "removed";
+            case FILE_ACTION_MODIFIED: return "modified";
+            default: return "changed";
+        }
+    }
     void tellHelper() const { std::printf("helper %u\n", static_cast<unsigned>(helper_->helper())); }
 
     ServerLog log_;
     std::unique_ptr<SettingWatcher> watcher_;
     std::optional<LazyWriter> lazyWriter_;
     std::optional<HelperSupervisor> helper_;
+    std::optional<DeployWatcher> deploy_;
 };
 
 }  // namespace
@@ -107,6 +131,10 @@ int runServer() {
     conversation.add("start-helper", [&](const Words&) { server.startHelper(); });
     conversation.add("await-helper", [&](const Words&) { server.awaitHelper(); });
     conversation.add("stop-helper", [&](const Words&) { server.stopHelper(); });
+    conversation.add("watch-deploy DIRECTORY",
+                     [&](const Words& arguments) { server.watchDeploy(arguments); });
+    conversation.add("await-deploy", [&](const Words&) { server.awaitDeploy(); });
+    conversation.add("stop-deploy", [&](const Words&) { server.stopDeploy(); });
     conversation.add("serve KEY COUNT", [&](const Words& arguments) { server.serve(arguments); });
     conversation.add("log-since DATE", [&](const Words& arguments) { server.logSince(arguments); });
     conversation.hold();

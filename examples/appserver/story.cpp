@@ -15,6 +15,8 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
 #include <utility>
@@ -335,6 +337,33 @@ void replaceHelper(Team& team) {
     say("The event ends the wait, the helper is let go and ends with 0. Neither is left.");
 }
 
+void deploy(Team& team, const Installation& installation) {
+    heading("A file dropped into the deploy directory");
+    const std::filesystem::path directory = installation.home() / "deploy";
+    const std::filesystem::path file = directory / "application.jar";
+    const std::filesystem::path unfinished = installation.home() / "application.part";
+    std::filesystem::create_directory(directory);
+    team.server.ask("watch-deploy " + directory.string());
+    say("The server watches %s, and waits at a completion port.", directory.c_str());
+
+    const auto checkNotices = [&](const std::string& expected) {
+        const Clock::time_point begin = Clock::now();
+        const std::string line = onlyLine(team.server.ask("await-deploy"));
+        check(line == expected, "\"" + expected + "\", not \"" + line + "\"");
+        say("  %-32s after %.0f ms", line.c_str(), millisecondsSince(begin));
+    };
+    std::ofstream(unfinished) << "version 1";
+    std::filesystem::rename(unfinished, file);
+    checkNotices("added application.jar 9");
+    std::ofstream(unfinished) << "version 1.1";
+    std::filesystem::rename(unfinished, file);
+    checkNotices("modified application.jar 11");
+    std::filesystem::remove(file);
+    checkNotices("removed application.jar 11");
+    team.server.ask("stop-deploy");
+    std::filesystem::remove(directory);
+}
+
 void killLockHolder(Team& team) {
     heading("A writer killed while it holds the lock");
     ChildProcess holder("second admin", {"admin"});
@@ -421,6 +450,7 @@ void tellStory(const Installation& installation) {
     writeLazily(team, writeMs);
     killLockHolder(team);
     replaceHelper(team);
+    deploy(team, installation);
     readLog(team, installation, dayOfStart);
     endAll(team, installation);
 }
