@@ -107,12 +107,10 @@ TRAIKLOFOX_C_API LONG RegCreateKeyEx(HKEY hKey, const char* lpSubKey, DWORD Rese
 /// Reads a value. A null `lpValueName` means the value with the empty name. `*lpType` receives the type when
 /// `lpType` is not null. With both `lpData` and `lpcbData` null returns 0 at once. By type:
 /// - REG_SZ: the text with its NUL. `*lpcbData` below the need: it receives the need, result 234. It is left
-/// as it
-///   is on success, and when `lpData` is null.
+///   as it is on success, and when `lpData` is null.
 /// - REG_DWORD: 4 bytes. `*lpcbData` becomes 4; when it was less and `lpData` is not null, result 234.
-/// - REG_MULTI_SZ: the texts, each with its NUL, and one NUL more. `*lpcbData` below the need: result 234,
-/// and it is
-///   left as it is; otherwise it receives the need.
+/// - REG_MULTI_SZ: the texts, each with its NUL, and one NUL more. `*lpcbData` below the need: result 234, and
+///   it is left as it is; otherwise it receives the need.
 /// - any other type: 0, nothing copied.
 /// A null `lpcbData` with a non-null `lpData` promises that the buffer is large enough.
 /// Returns 0, 13 (no such value), 234, or -1 (unknown handle, or the key has been deleted).
