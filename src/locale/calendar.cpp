@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include <cmath>
+#include <cstdint>
 
 #include "foundation/sys.h"
 
@@ -12,9 +13,6 @@ using namespace traiklofox::locale;
 
 namespace {
 
-constexpr int kDaysOf400Years = 146097;
-constexpr int kDaysOf100Years = 36524;
-constexpr int kDaysOf4Years = 1461;
 constexpr double kHalfSecond = 5.787037037037037e-06;
 
 /// A month, counted from 0, in a year.
@@ -45,63 +43,29 @@ bool isTime(int hour, int minute, int second) {
     return hour <= 23 && minute >= 0 && minute <= 59 && second >= 0 && second <= 59;
 }
 
-/// The day of a year in its cycle of 400.
-struct DayOfYear {
-    int year;
-    int day;  ///< counted from 0
-    bool mayBeLeap;
-    bool firstOfFour;
-};
+/// Stores year, month and day of a count of days since 0000-01-01. It counts years from March, so that a leap day is a
+/// year's last, and divides by multiplying: 2939745 is 2^32 / 1461, and 2141 is 2^16 times the months in a day.
+void setDate(tagUDS& fields, unsigned days) {
+    constexpr unsigned kDaysOf400Years = 146097;
+    constexpr unsigned kDaysBeforeMarch = 60;  // of the year 0, which is a leap year
+    constexpr unsigned kDaysOfMarchToYearEnd = 306;
+    const unsigned quarterDays = 4 * (days - kDaysBeforeMarch) + 3;
+    const unsigned century = quarterDays / kDaysOf400Years;
+    const unsigned quarterDaysOfCentury = quarterDays % kDaysOf400Years | 3;
+    const std::uint64_t yearAndRest = std::uint64_t{2939745} * quarterDaysOfCentury;
+    const auto yearOfCentury = static_cast<unsigned>(yearAndRest >> 32);
+    const unsigned dayOfYear = static_cast<unsigned>(yearAndRest) / 2939745 / 4;  // since March 1
+    const unsigned monthAndRest = 2141 * dayOfYear + 197913;
 
-/// Splits days since the year 0 by centuries, fours of years and years. The first century of a cycle has a day more
-/// than the others, and so has the first year of each four but the first four of those others.
-DayOfYear splitDays(int days) {
-    const int cycle = days / kDaysOf400Years;
-    int rest = days % kDaysOf400Years;
-    const int century = (rest - 1) / kDaysOf100Years;
-    int four;
-    bool mayBeLeap = true;
-    if (century == 0) {
-        four = rest / kDaysOf4Years;
-        rest %= kDaysOf4Years;
-    } else {
-        rest = (rest - 1) % kDaysOf100Years;
-        four = (rest + 1) / kDaysOf4Years;
-        if (four == 0)
-            mayBeLeap = false;
-        else
-            rest = (rest + 1) % kDaysOf4Years;
-    }
-    int year;
-    if (mayBeLeap) {
-        year = (rest - 1) / 365;
-        if (year != 0) rest = (rest - 1) % 365;
-    } else {
-        year = rest / 365;
-        rest %= 365;
-    }
-    return {400 * cycle + 100 * century + 4 * four + year, rest, mayBeLeap, year == 0};
-}
-
-void setDate(tagUDS& fields, int days) {
-    constexpr int kLeapDay = 59;
-    const DayOfYear date = splitDays(days);
-    fields.wYear = static_cast<WORD>(date.year);
-    fields.wDayOfYear = static_cast<WORD>(date.day + 1);
-    int day = date.day;
-    if (date.firstOfFour && date.mayBeLeap) {
-        if (day == kLeapDay) {
-            fields.wMonth = 2;
-            fields.wDay = 29;
-            return;
-        }
-        if (day > kLeapDay) --day;
-    }
-    ++day;
-    int month = day / 32 + 1;
-    while (mpmmdd[month] < day) ++month;
+    const bool isNextYear = dayOfYear >= kDaysOfMarchToYearEnd;
+    const unsigned year = 100 * century + yearOfCentury + isNextYear;
+    const unsigned month = (monthAndRest >> 16) - (isNextYear ? 12 : 0);
+    const unsigned sinceNewYear =
+        isNextYear ? dayOfYear - kDaysOfMarchToYearEnd : dayOfYear + 59 + isLeapYear(static_cast<int>(year));
+    fields.wYear = static_cast<WORD>(year);
     fields.wMonth = static_cast<WORD>(month);
-    fields.wDay = static_cast<WORD>(day - mpmmdd[month - 1]);
+    fields.wDay = static_cast<WORD>((monthAndRest & 0xffff) / 2141 + 1);
+    fields.wDayOfYear = static_cast<WORD>(sinceNewYear + 1);
 }
 
 }  // namespace
@@ -138,29 +102,34 @@ HRESULT ErrPackDate(const tagUDS* fields, tagVARIANT* value, int validate, DWORD
     return S_OK;
 }
 
-HRESULT ErrUnpackDate(tagUDS* fields, const tagVARIANT* value, DWORD flags) {
+HRESULT ErrUnpackDate(tagUDS* fields, const tagVARIANT* value, DWORD /*flags*/) {
     if (value->vt != VT_DATE && value->vt != VT_R8) return E_INVALIDARG;
-    return VarUdateFromDate(value->date, flags, fields);
+    return unpackValue(value->date, *fields);
 }
 
-HRESULT VarUdateFromDate(double value, DWORD /*flags*/, tagUDS* fields) {
+HRESULT traiklofox::locale::unpackValue(const double& given, tagUDS& fields) {
     constexpr double kBefore = kFirstDay - 1;
     constexpr double kAfter = kLastDay + 1;
+    double value = given;
     if (!(value > kBefore && value < kAfter)) return E_INVALIDARG;
     const double rounded = value > 0 ? value + kHalfSecond : value - kHalfSecond;
     if (rounded > kBefore && rounded <= kLastDay) value = rounded;
 
     const int wholeDays = static_cast<int>(value);
-    const int days = wholeDays + kDayZero;  // at least 36525
-    fields->wDayOfWeek = static_cast<WORD>((days - 1) % 7);
-    setDate(*fields, days);
+    const auto days = static_cast<unsigned>(wholeDays + kDayZero);  // at least 36525
+    fields.wDayOfWeek = static_cast<WORD>((days - 1) % 7);
+    setDate(fields, days);
 
-    const double fraction = std::abs(value) - std::abs(wholeDays);
-    const int seconds = static_cast<int>(fraction * 86400);
-    fields->wHour = static_cast<WORD>(seconds / 3600);
-    fields->wMinute = static_cast<WORD>(seconds / 60 % 60);
-    fields->wSecond = static_cast<WORD>(seconds % 60);
+    const double fraction = std::abs(value - wholeDays);
+    const auto seconds = static_cast<unsigned>(static_cast<int>(fraction * 86400));
+    fields.wHour = static_cast<WORD>(seconds / 3600);
+    fields.wMinute = static_cast<WORD>(seconds / 60 % 60);
+    fields.wSecond = static_cast<WORD>(seconds % 60);
     return S_OK;
+}
+
+HRESULT VarUdateFromDate(double value, DWORD /*flags*/, tagUDS* fields) {
+    return unpackValue(value, *fields);
 }
 
 void SetUDSfromYMD(tagUDS* fields, int year, int month, int day) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "locale/calendar.h"
 #include "locale/date_info.h"
 #include "locale/month_genitives.h"
 
@@ -115,6 +116,13 @@ class DateRendering {
     bool dayRendered_ = false;
 };
 
+/// The packed form of the usual case is written at once.
+void putColonAnd(unsigned number, TextOut& out) {
+    if (number < 100) return out.putPacked(':' | TextOut::twoDigits(number) << 8, 3);
+    out.put(':');
+    out.putNumber(number);
+}
+
 const char* pictureOf(int dateOrder) {
     switch (dateOrder) {
         case DATE_ORDER_MDY: return "m/d/yy";
@@ -139,10 +147,8 @@ void RenderTime(const tagUDS& time, TextOut& out, const tagDATEINFO& info) {
         out.putTwoDigits(hour);
     else
         out.putNumber(hour);
-    out.put(':');
-    out.putTwoDigits(time.wMinute);
-    out.put(':');
-    out.putTwoDigits(time.wSecond);
+    putColonAnd(time.wMinute, out);
+    putColonAnd(time.wSecond, out);
 
     const char* designator = "";
     if (info.twelveHourClock)
@@ -154,9 +160,9 @@ void RenderTime(const tagUDS& time, TextOut& out, const tagDATEINFO& info) {
     out.put(designator);
 }
 
-std::string_view renderValue(double value, const tagDATEINFO& info, DWORD flags, TextOut& out) {
+std::string_view renderValue(const double& value, const tagDATEINFO& info, DWORD flags, TextOut& out) {
     tagUDS fields{};
-    if (VarUdateFromDate(value, flags, &fields) != S_OK) return out.text();
+    if (unpackValue(value, fields) != S_OK) return out.text();
     const bool isZeroDate = fields.wYear == 1899 && fields.wMonth == 12 && fields.wDay == 30;
     if (isZeroDate || (flags & VAR_TIMEVALUEONLY) != 0) {
         RenderTime(fields, out, info);

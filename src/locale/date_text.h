@@ -9,18 +9,23 @@
 
 namespace traiklofox::locale {
 
-/// False only for letters that differ whatever the process's locale: most words part here, without a call.
-inline bool mayBeginAlike(char left, char right) {
-    const auto lower = [](unsigned char letter) {
-        return letter >= 'A' && letter <= 'Z' ? letter + 32 : letter;
-    };
-    return ((left | right) & 0x80) != 0 ||
-           lower(static_cast<unsigned char>(left)) == lower(static_cast<unsigned char>(right));
+constexpr char asciiLower(char letter) {
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter;
 }
 
-/// Whether the first `length` bytes are the same without regard to case.
+/// Whether the first `length` bytes are the same without regard to case. Letters of ASCII are compared here, whatever
+/// the process's locale, because most words part at the first one; the rest is the C library's to compare.
 inline bool equalBytes(const char* left, const char* right, size_t length) {
-    return length == 0 || (mayBeginAlike(*left, *right) && strncasecmp(left, right, length) == 0);
+    for (size_t i = 0; i < length; ++i) {
+        if (left[i] == right[i]) {
+            if (left[i] == '\0') return true;
+        } else if (((left[i] | right[i]) & 0x80) != 0) {
+            return strncasecmp(left + i, right + i, length - i) == 0;
+        } else if (asciiLower(left[i]) != asciiLower(right[i])) {
+            return false;
+        }
+    }
+    return true;
 }
 
 /// Whether one of the texts begins with the other.
@@ -28,6 +33,13 @@ inline bool equalTexts(const char* left, const char* right) {
     const size_t leftLength = std::strlen(left);
     const size_t rightLength = std::strlen(right);
     return equalBytes(left, right, leftLength < rightLength ? leftLength : rightLength);
+}
+
+/// Whether the text has the character. The separators are too short for a call.
+inline bool contains(const char* text, char character) {
+    for (; *text != '\0'; ++text)
+        if (*text == character) return true;
+    return false;
 }
 
 }  // namespace traiklofox::locale
