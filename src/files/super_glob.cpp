@@ -19,15 +19,6 @@ namespace traiklofox::files {
 
 namespace {
 
-struct DirectoryCloser {
-    void operator()(DIR* directory) const {
-        const int error = errno;
-        (void)sys::closedir(directory);  // it was only read
-        errno = error;
-    }
-};
-using Directory = std::unique_ptr<DIR, DirectoryCloser>;
-
 void take(const struct statx& status, KZGlobResult& result) {
     result.mode = status.stx_mode;
     result.links = status.stx_nlink;
@@ -74,7 +65,7 @@ class GlobState {
     void clearPatterns() { patterns_.clear(); }
 
     bool collect(const char* path) {
-        const Directory directory(sys::opendir(path));
+        const sys::UniqueDirectory directory(sys::opendir(path));
         if (!directory) return false;
         NameStore names;
         std::vector<NamedEntry> entries;

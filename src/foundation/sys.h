@@ -33,6 +33,7 @@ extern "C" {
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <utility>
 
 namespace traiklofox::sys {
@@ -46,6 +47,11 @@ auto retryInterrupted(Call call) {
 
 inline int open(const char* path, int flags, mode_t mode = 0) {
     return retryInterrupted([&] { return ::open(path, flags | O_CLOEXEC, mode); });
+}
+
+/// A path relative to an open directory, to be read.
+inline int openForReadingAt(int directory, const char* path) {
+    return retryInterrupted([&] { return ::openat(directory, path, O_RDONLY | O_CLOEXEC); });
 }
 
 /// Never retried: Linux has freed the descriptor even when `close` fails with EINTR.
@@ -166,6 +172,16 @@ inline int munmap(void* address, size_t length) {
     return ::munmap(address, length);
 }
 
+struct DirectoryCloser {
+    void operator()(DIR* directory) const {
+        const int error = errno;
+        (void)sys::closedir(directory);  // it was only read
+        errno = error;
+    }
+};
+/// Owns an open directory; closing it keeps errno.
+using UniqueDirectory = std::unique_ptr<DIR, DirectoryCloser>;
+
 inline int kill(pid_t process, int signal) {
     return ::kill(process, signal);
 }
@@ -229,6 +245,11 @@ inline int chdir(const char* path) {
 /// Null when it fails.
 inline char* getcwd(char* buffer, size_t size) {
     return ::getcwd(buffer, size);
+}
+
+/// The number by which the machine is known; 0 when it has none.
+inline long gethostid() {
+    return ::gethostid();
 }
 
 /// Random bytes, as many as the result says; -1 when the machine has not gathered any yet. Never waits.

@@ -359,6 +359,11 @@ int __wrap_close_range(unsigned int first, unsigned int last, int flags) {
     return pass(Call::CloseRange, kNowhere, [&] { return __real_close_range(first, last, flags); });
 }
 
+long __real_gethostid();
+long __wrap_gethostid() {
+    return pass(Call::Gethostid, kNowhere, [&] { return __real_gethostid(); }, 0L);
+}
+
 int __real_clock_gettime(clockid_t, struct timespec*);
 
 int __wrap_clock_gettime(clockid_t clock, struct timespec* result) {
