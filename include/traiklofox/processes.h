@@ -3,3 +3,4 @@
 /// Processes. This header only gathers those of its family.
 
 #include <traiklofox/process.h>
+#include <traiklofox/process_list.h>

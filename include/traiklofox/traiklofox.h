@@ -5,8 +5,10 @@
 #include <traiklofox/dates.h>
 #include <traiklofox/files.h>
 #include <traiklofox/handles.h>
+#include <traiklofox/load_region.h>
 #include <traiklofox/primitives.h>
 #include <traiklofox/processes.h>
 #include <traiklofox/registry.h>
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>
+#include <traiklofox/uuid.h>
