@@ -36,7 +36,8 @@ class TextOut {
         if (number >= 100) return putNumber(number);
         putPacked(twoDigits(number), 2);
     }
-    /// The first `count` of four characters, the lowest byte first: several bytes at once, because a text of single ones
+    /// The first `count` of four characters, the lowest byte first: several bytes at once, because a text
+    /// of single ones
     /// waits for each of them.
     void putPacked(unsigned characters, size_t count) {
         if (end_ - next_ >= static_cast<std::ptrdiff_t>(sizeof characters)) {
