@@ -13,7 +13,8 @@
 /// compared with what was found before. (A subdirectory that stays away for a thousand scans is forgotten.) What
 /// has been found is forgotten when the last handle on the path is closed.
 ///
-/// Any thread may call any function. Those with Win32 names let no exception out.
+/// Any thread may call any function. Those with Win32 names let no exception out. The child of a `fork` has no scanner
+/// and watches nothing: it may watch through handles of its own, and leaves its parent's alone.
 
 #include <traiklofox/handle.h>
 #include <traiklofox/overlapped.h>
@@ -39,7 +40,7 @@ constexpr DWORD FILE_NOTIFY_CHANGE_CREATION = 0x040;
 constexpr DWORD FILE_NOTIFY_CHANGE_SECURITY = 0x100;
 
 // What has happened to a file.
-constexpr DWORD FILE_ACTION_ADDED = 1;
+constexpr DWORD FILE_ACTION_ADDED = 1;  ///< or found by the first scan
 constexpr DWORD FILE_ACTION_REMOVED = 2;
 constexpr DWORD FILE_ACTION_MODIFIED = 3;
 constexpr DWORD FILE_ACTION_DIRECTORY_CHANGED = 5;  ///< anything in the directory may be different
@@ -113,6 +114,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("change records") ChangeNotificationH
     void Lock() TRAIKLOFOX_ACQUIRE();
     void Unlock() TRAIKLOFOX_RELEASE();
 
+    /// What is watched. Changing it takes effect the first time that the handle is given to the scanner.
     CKZString GetPath() const;
     void SetPath(const CKZString& path);
     /// The directory in which the last change was seen.
@@ -124,11 +126,13 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("change records") ChangeNotificationH
     /// 1 when a marker file of the server (".KZ...") was young, see `WatchDirsThread`.
     BOOL GetChanged() const;
     void SetChanged(BOOL changed);
+    /// 1 when directories below the path are watched, too, else 0.
     BOOL GetWatchSubtree() const;
     void SetWatchSubtree(BOOL watchSubtree);
     /// FILE_NOTIFY_CHANGE_..., combined by "|".
     DWORD GetFilter() const;
     void SetFilter(DWORD filter);
+    /// The completion key, 0 for none.
     ULONG_PTR GetKey() const;
     void SetKey(ULONG_PTR key);
     /// Where records are delivered. Null stands for a buffer of the library's own: once something has been delivered,

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "files/notification_state.h"
+#include "files/renewed_in_child.h"
 #include "foundation/mutex.h"
 #include "foundation/on_exit.h"
 
@@ -20,10 +21,8 @@ struct DirectoryData {
     std::map<CKZString, std::shared_ptr<DirectoryWatch>, std::less<>> watches TRAIKLOFOX_GUARDED_BY(lock);
 };
 
-/// Never destroyed: the scanner may run while the process exits.
 DirectoryData& Dir_Data() {
-    static auto& data = *new DirectoryData;
-    return data;
+    return RenewedInChild<DirectoryData>::get();
 }
 
 std::shared_ptr<DirectoryWatch> findOrMake(DirectoryData& data, const CKZString& path)
@@ -33,7 +32,7 @@ std::shared_ptr<DirectoryWatch> findOrMake(DirectoryData& data, const CKZString&
         const auto undo = foundation::onExit([&]() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
             if (watch == nullptr) data.watches.erase(path);
         });
-        watch = std::make_shared<DirectoryWatch>(path);
+        watch = std::make_shared<DirectoryWatch>(path, &data);
     }
     return watch;
 }
@@ -91,7 +90,7 @@ void leaveWatch(ChangeNotificationHandle& handle) {
         watch = std::move(state.watch);
         state.watch = nullptr;
     }
-    if (watch == nullptr) return;
+    if (watch == nullptr || watch->home != &Dir_Data()) return;  // the parent's: it may be locked for ever
     {
         const LockGuard guard(watch->lock);
         std::erase(watch->handles, &handle);

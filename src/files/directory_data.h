@@ -56,9 +56,11 @@ inline void Invalidate_Dir_Entry(DIR_ENTRY& entry) {
 /// waits for the scan's end.
 class DirectoryWatch {
   public:
-    explicit DirectoryWatch(std::string_view watchedPath) : path(watchedPath), lock("Directory entry") {}
+    DirectoryWatch(std::string_view watchedPath, const void* madeFor)
+        : path(watchedPath), home(madeFor), lock("Directory entry") {}
 
     const CKZString path;
+    const void* const home;  // the Dir_Data that it belongs to
     RankedRWLock<foundation::LockRank::DirectoryEntry> lock;
     DIR_ENTRY entry TRAIKLOFOX_GUARDED_BY(lock);
     // Those that are open, whether the scanner has them or they wait for their next `ReadDirectoryChanges`.

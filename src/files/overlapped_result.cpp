@@ -25,6 +25,11 @@ Reading readingOf(NotificationState& state, const _OVERLAPPED* overlapped, DWORD
     return state.records != nullptr ? Reading::Delivered : Reading::None;
 }
 
+bool isHearsay(NotificationState& state) {
+    const LockGuard guard(state);
+    return state.isHearsay;
+}
+
 bool hasChanges(NotificationState& state) {
     const LockGuard guard(state);
     return state.records != nullptr && !state.records->empty();
@@ -47,7 +52,7 @@ BOOL GetOverlappedResult(Handle* handle, _OVERLAPPED* overlapped, DWORD* bytes, 
             errno = EINVAL;
             return FALSE;
         }
-        if (reading == Reading::Pending && state.claim() && hasChanges(state) &&
+        if (reading == Reading::Pending && state.claim() && !isHearsay(state) &&
             !directory->GetChangeData(&delivered, nullptr)) {
             directory->SetPending(1);
             return FALSE;  // ENOMEM

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "files/notification_state.h"
+#include "files/renewed_in_child.h"
 #include "foundation/mutex.h"
 
 namespace traiklofox::files {
@@ -19,10 +20,8 @@ struct WatchList {
     std::vector<WatchedHandle> CNH_list TRAIKLOFOX_GUARDED_BY(lock);
 };
 
-/// Never destroyed: the scanner may run while the process exits.
 WatchList& watchList() {
-    static auto& list = *new WatchList;
-    return list;
+    return RenewedInChild<WatchList>::get();
 }
 
 }  // namespace

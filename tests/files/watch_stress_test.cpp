@@ -1,11 +1,14 @@
+#include <sys/wait.h>
 #include <traiklofox/clocks.h>
 #include <traiklofox/threads.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <map>
 #include <thread>
 
 #include "files/watch_fixture.h"
+#include "support/bounded_wait.h"
 
 namespace traiklofox::test {
 namespace {
@@ -26,6 +29,7 @@ OwnedHandle startScanner() {
                                         .stop = [] { return scannerStops.load(); },
                                         .onExit = nullptr,
                                         .deviceTest = [](ULONGLONG) { return true; }};
+    scannerStops = false;
     return OwnedHandle(CreateThread(nullptr, 0, WatchDirsThread, &callbacks, 0, nullptr));
 }
 
@@ -92,6 +96,33 @@ TEST(WatchStress, AFileIsReportedOnceWhateverElseIsOpenedReadAndClosed) {
     DWORD bytes = 0;
     EXPECT_FALSE(GetOverlappedResult(steady.get(), nullptr, &bytes, FALSE)) << bytes;
     EXPECT_EQ(steady->GetRefCount(), 3) << "the caller's, the scanner's and the port's";
+}
+
+/// In the child of a fork: its own handles work, whatever the scanner was doing.
+int watchInChild(const std::string& path) {
+    ::alarm(60);
+    Handle* handle = FindFirstChangeNotification(path.c_str(), TRUE, kAllFilters);
+    UnixDirScan(path, static_cast<ChangeNotificationHandle*>(handle), nullptr);
+    const DWORD result = WaitForSingleObject(handle, 0);
+    (void)FindCloseChangeNotification(handle);
+    return result == WAIT_OBJECT_0 ? 0 : 1;
+}
+
+TEST(WatchStress, AForkedChildWatchesForItself) {
+    const TempDir directory;
+    for (int i = 0; i < 200; ++i) writeText(directory / std::to_string(i), "");
+    const OwnedHandle handle = watching(directory.path());
+    const OwnedHandle scanner = startScanner();
+    for (int i = 0; i < kRounds / 20; ++i) {
+        ASSERT_TRUE(withinSeconds(20, [] { return InUnixDirScan(); }));
+        const pid_t child = ::fork();
+        if (child == 0) ::_exit(watchInChild(directory.path()));
+        int status = -1;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_EQ(status, 0);
+    }
+    scannerStops = true;
+    EXPECT_EQ(WaitForSingleObject(scanner.get(), kBoundMs), WAIT_OBJECT_0);
 }
 
 }  // namespace
