@@ -6,27 +6,31 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <new>
 
+#include "files/file_status.h"
 #include "foundation/sys.h"
 
+using traiklofox::files::idOf;
+using traiklofox::files::statusOf;
 namespace sys = traiklofox::sys;
 
 namespace {
 
 constexpr int kSourceMode = FileLock::in | FileLock::nocreate;
 constexpr int kReplaceMode = FileLock::out | FileLock::trunc;
-constexpr blksize_t kSmallestBlock = 512;
-constexpr blksize_t kLargestBlock = 1 << 20;
+constexpr std::uint32_t kSmallestBlock = 512;
+constexpr std::uint32_t kLargestBlock = 1 << 20;
 
 /// True when `path` is the file that `opened` describes, by whatever name.
-bool isSameFile(const struct stat& opened, const char* path) {
-    struct stat other {};
-    return sys::stat(path, &other) == 0 && other.st_dev == opened.st_dev && other.st_ino == opened.st_ino;
+bool isSameFile(const struct statx& opened, const char* path) {
+    struct statx other;
+    return statusOf(path, other) && idOf(other) == idOf(opened);
 }
 
-bool copyContent(FileLock& source, FileLock& destination, blksize_t preferred) {
+bool copyContent(FileLock& source, FileLock& destination, std::uint32_t preferred) {
     const auto size = static_cast<size_t>(std::clamp(preferred, kSmallestBlock, kLargestBlock));
     const auto block = std::make_unique_for_overwrite<char[]>(size);
     for (;;) {
@@ -37,16 +41,16 @@ bool copyContent(FileLock& source, FileLock& destination, blksize_t preferred) {
 }
 
 /// The owner first: a change of owner takes mode bits away.
-void giveOwnerAndMode(FileLock& destination, const struct stat& source) {
-    (void)sys::fchown(destination.GetFileDescriptor(), source.st_uid, source.st_gid);  // as far as we may
-    (void)sys::fchmod(destination.GetFileDescriptor(), source.st_mode & 07777);
+void giveOwnerAndMode(FileLock& destination, const struct statx& source) {
+    (void)sys::fchown(destination.GetFileDescriptor(), source.stx_uid, source.stx_gid);  // as far as we may
+    (void)sys::fchmod(destination.GetFileDescriptor(), source.stx_mode & 07777);
 }
 
 bool copy(const char* from, const char* to, bool failIfExists) {
     FileLock source;
     if (!source.OpenAndLockFile(from, kSourceMode, /*already=*/nullptr, /*count=*/0)) return false;
-    struct stat status {};
-    if (source.FileStat(&status) != 0) return false;
+    struct statx status;
+    if (!statusOf(source.GetFileDescriptor(), status)) return false;
     // Before the destination is opened: that empties it, and closing it would unlock the source.
     if (isSameFile(status, to)) {
         errno = EEXIST;
@@ -56,7 +60,7 @@ bool copy(const char* from, const char* to, bool failIfExists) {
     const int mode = failIfExists ? kReplaceMode | FileLock::noreplace : kReplaceMode;
     if (!destination.OpenAndLockFile(to, mode, /*already=*/nullptr, /*count=*/0)) return false;
 
-    const bool copied = copyContent(source, destination, status.st_blksize);
+    const bool copied = copyContent(source, destination, status.stx_blksize);
     const int error = errno;
     if (!bRunningInServer) giveOwnerAndMode(destination, status);
     const bool written = destination.CloseAndUnLockFile() != FALSE;

@@ -7,6 +7,7 @@
 
 #include "files/arguments.h"
 #include "files/directory_handle.h"
+#include "files/file_status.h"
 #include "files/report.h"
 #include "foundation/sys.h"
 
@@ -61,9 +62,9 @@ int openFlags(DWORD access, DWORD disposition) {
 }
 
 Handle* openDirectory(const char* path, DWORD access) {
-    struct stat status {};
-    if (sys::stat(path, &status) != 0) return INVALID_HANDLE_VALUE;
-    if (!S_ISDIR(status.st_mode)) {
+    struct statx status;
+    if (!traiklofox::files::statusOf(path, status)) return INVALID_HANDLE_VALUE;
+    if (!S_ISDIR(status.stx_mode)) {
         errno = ENOTDIR;
         return INVALID_HANDLE_VALUE;
     }

@@ -9,6 +9,7 @@
 
 #include "files/arguments.h"
 #include "files/directory_stream.h"
+#include "files/file_status.h"
 #include "foundation/sys.h"
 
 using traiklofox::files::isGiven;
@@ -78,15 +79,15 @@ BOOL CreateDirectoryEx(const char* templateDirectory, const char* path, _SECURIT
     if (!isGiven(path) || (sys::mkdir(path, kPermissions) != 0 && errno != EEXIST)) return FALSE;
     if (templateDirectory == nullptr) return TRUE;
 
-    struct stat model {};
-    if (sys::stat(templateDirectory, &model) != 0) {
+    struct statx model;
+    if (!traiklofox::files::statusOf(templateDirectory, model)) {
         const int error = errno;
         (void)sys::rmdir(path);  // what is in use stays
         errno = error;
         return FALSE;
     }
-    (void)sys::chmod(path, model.st_mode & kModeBits);  // as far as we may
-    (void)sys::chown(path, model.st_uid, model.st_gid);
+    (void)sys::chmod(path, model.stx_mode & kModeBits);  // as far as we may
+    (void)sys::chown(path, model.stx_uid, model.stx_gid);
     return TRUE;
 }
 

@@ -14,6 +14,7 @@
 #include <iterator>
 
 #include "files/buffered_file.h"
+#include "files/file_status.h"
 #include "foundation/lock_rank.h"
 
 using traiklofox::files::BufferedFile;
@@ -92,9 +93,9 @@ int openFlags(int mode) {
 
 /// Empties a file that could have been opened with O_TRUNC, which does nothing to a device or a pipe.
 bool truncateOpened(int fd) {
-    struct stat status {};
-    if (sys::fstat(fd, &status) != 0) return false;
-    return !S_ISREG(status.st_mode) || sys::ftruncate(fd, 0) == 0;
+    struct statx status;
+    if (!traiklofox::files::statusOf(fd, status)) return false;
+    return !S_ISREG(status.stx_mode) || sys::ftruncate(fd, 0) == 0;
 }
 
 void reportOpenFailure(const char* name, int mode, int error) {

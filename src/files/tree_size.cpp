@@ -3,13 +3,16 @@
 #include <traiklofox/directories.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <string>
 #include <vector>
 
 #include "files/directory_stream.h"
-#include "foundation/sys.h"
+#include "files/file_status.h"
 
-namespace sys = traiklofox::sys;
+using traiklofox::files::FileId;
+using traiklofox::files::idOf;
+using traiklofox::files::statusOf;
 
 namespace {
 
@@ -17,8 +20,7 @@ namespace {
 struct Level {
     traiklofox::files::DirectoryStream entries;
     size_t pathLength;
-    dev_t device;
-    ino_t inode;
+    FileId id;
 };
 
 /// A walk by its own stack: how deep a tree is must not decide how much of the thread's is used.
@@ -27,9 +29,9 @@ class Walk {
     explicit Walk(const std::string& directory) : path_(directory) {}
 
     DWORD total() {
-        struct stat status {};
-        if (sys::stat(path_.c_str(), &status) != 0) return 0;
-        if (!S_ISDIR(status.st_mode)) {
+        struct statx status;
+        if (!statusOf(path_.c_str(), status)) return 0;
+        if (!S_ISDIR(status.stx_mode)) {
             errno = ENOTDIR;
             return 0;
         }
@@ -45,28 +47,26 @@ class Walk {
 
   private:
     /// A directory's total takes the place of the one so far, and begins with its own size.
-    void enter(const struct stat& directory) {
-        total_ = static_cast<DWORD>(directory.st_size);
-        Level level{traiklofox::files::DirectoryStream(path_.c_str()), path_.size(), directory.st_dev,
-                    directory.st_ino};
+    void enter(const struct statx& directory) {
+        total_ = static_cast<DWORD>(directory.stx_size);
+        Level level{traiklofox::files::DirectoryStream(path_.c_str()), path_.size(), idOf(directory)};
         if (level.entries) way_.push_back(std::move(level));
     }
 
     void visit(const char* name) {
         path_.resize(way_.back().pathLength);
         path_.append(1, '/').append(name);
-        struct stat status {};
-        if (sys::stat(path_.c_str(), &status) != 0) return;
-        if (!S_ISDIR(status.st_mode))
-            total_ += static_cast<DWORD>(status.st_size);
+        struct statx status;
+        if (!statusOf(path_.c_str(), status)) return;
+        if (!S_ISDIR(status.stx_mode))
+            total_ += static_cast<DWORD>(status.stx_size);
         else if (!isOnTheWay(status))
             enter(status);
     }
 
-    bool isOnTheWay(const struct stat& directory) const {
-        return std::any_of(way_.begin(), way_.end(), [&](const Level& level) {
-            return level.device == directory.st_dev && level.inode == directory.st_ino;
-        });
+    bool isOnTheWay(const struct statx& directory) const {
+        return std::any_of(way_.begin(), way_.end(),
+                           [&](const Level& level) { return level.id == idOf(directory); });
     }
 
     std::string path_;

@@ -94,6 +94,7 @@ extern "C" {
 int __real_open64(const char*, int, ...);
 int __real_stat64(const char*, struct stat*);
 int __real_lstat64(const char*, struct stat*);
+int __real_statx(int, const char*, int, unsigned int, struct statx*);
 int __real_statfs64(const char*, struct statfs*);
 int __real_access(const char*, int);
 int __real_chmod(const char*, mode_t);
@@ -123,6 +124,11 @@ int __wrap_stat64(const char* path, struct stat* status) {
 }
 int __wrap_lstat64(const char* path, struct stat* status) {
     return pass(Call::Lstat, at(path), [&] { return __real_lstat64(path, status); });
+}
+int __wrap_statx(int fd, const char* path, int flags, unsigned int mask, struct statx* status) {
+    const bool isOfDescriptor = *path == '\0';
+    return pass(isOfDescriptor ? Call::Fstat : Call::Stat, isOfDescriptor ? at(fd) : at(path),
+                [&] { return __real_statx(fd, path, flags, mask, status); });
 }
 int __wrap_statfs64(const char* path, struct statfs* status) {
     return pass(Call::Statfs, at(path), [&] { return __real_statfs64(path, status); });
