@@ -1,5 +1,5 @@
 # How every test is run.
-set(TRAIKLOFOX_TEST_TIMEOUT 120 CACHE STRING "Seconds that one test may take")
+set(TRAIKLOFOX_TEST_TIMEOUT 300 CACHE STRING "Seconds that one test may take")
 
 # gcc 12's thread sanitizer cannot place its shadow memory where the kernel randomizes more than 30 bits.
 set(traiklofox_test_launcher)

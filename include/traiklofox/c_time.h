@@ -17,11 +17,13 @@
 class TRAIKLOFOX_API CTimeSpan {
   public:
     CTimeSpan() = default;
+    /// A number of seconds.
     CTimeSpan(LONGLONG seconds) : m_timeSpan(seconds) {}
     /// The sum; each may be any number of its unit, negative ones too.
     CTimeSpan(LONG days, int hours, int minutes, int seconds)
         : m_timeSpan(((LONGLONG{days} * 24 + hours) * 60 + minutes) * 60 + seconds) {}
 
+    /// In seconds.
     LONGLONG GetTimeSpan() const { return m_timeSpan; }
     /// The whole length in one unit, the rest dropped.
     LONGLONG GetDays() const { return m_timeSpan / (24 * 3600); }
@@ -65,13 +67,15 @@ class TRAIKLOFOX_API CTime {
     /// Now.
     static CTime GetCurrentTime();
 
+    /// Unix time.
     time_t GetTime() const { return m_time; }
+    /// The parts in the local zone.
     int GetYear() const;
-    int GetMonth() const;  ///< 1 to 12
-    int GetDay() const;
-    int GetHour() const;
-    int GetMinute() const;
-    int GetSecond() const;
+    int GetMonth() const;      ///< 1 to 12
+    int GetDay() const;        ///< 1 to 31
+    int GetHour() const;       ///< 0 to 23
+    int GetMinute() const;     ///< 0 to 59
+    int GetSecond() const;     ///< 0 to 59, or 60 in a leap second of a zone that has them
     int GetDayOfWeek() const;  ///< 1 is Sunday
 
     /// The parts in the local zone, in UTC: stored in `*fields`, or, for a null pointer, in a record of the calling

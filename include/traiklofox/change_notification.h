@@ -57,14 +57,14 @@ typedef std::deque<_NOTIFY_INFO> NotifyRecords;
 
 /// A change as it stands in a caller's buffer, followed by others at multiples of 4 bytes.
 struct _FILE_NOTIFY_INFORMATION {
-    DWORD NextEntryOffset;  ///< from the beginning of this record; 0 in the last
-    DWORD Action;
-    DWORD FileNameLength;  ///< in bytes
-    _FILETIME LastWriteTime;
-    DWORD FileSize;
-    DWORD FileAttributes;
-    DWORD Reserved[4];  ///< 0
-    char FileName[1];   ///< as long as it says; at least 4 zeroes follow
+    DWORD NextEntryOffset;    ///< from the beginning of this record; 0 in the last
+    DWORD Action;             ///< FILE_ACTION_...
+    DWORD FileNameLength;     ///< in bytes
+    _FILETIME LastWriteTime;  ///< in whole seconds; of a removed file, as last seen
+    DWORD FileSize;           ///< the low 32 bits
+    DWORD FileAttributes;     ///< FILE_ATTRIBUTE_NORMAL, or FILE_ATTRIBUTE_DIRECTORY for the whole directory
+    DWORD Reserved[4];        ///< 0
+    char FileName[1];         ///< as long as it says; at least 4 zeroes follow
 };
 typedef _FILE_NOTIFY_INFORMATION FILE_NOTIFY_INFORMATION;
 typedef FILE_NOTIFY_INFORMATION* PFILE_NOTIFY_INFORMATION;

@@ -33,17 +33,17 @@ constexpr VARTYPE VT_DATE = 7;
 
 /// A value with its type: as much of Win32's as the date engine uses, at the same places.
 struct tagVARIANT {
-    VARTYPE vt;  ///< one of the `VT_` values
-    WORD wReserved1;
-    WORD wReserved2;
-    WORD wReserved3;
-    DATE date;
+    VARTYPE vt;       ///< one of the `VT_` values
+    WORD wReserved1;  ///< not used
+    WORD wReserved2;  ///< not used
+    WORD wReserved3;  ///< not used
+    DATE date;        ///< the value, of VT_DATE and VT_R8
 };
 typedef tagVARIANT VARIANT;
 
 /// A date in calendar fields.
 struct tagUDS {
-    WORD wYear;
+    WORD wYear;          ///< 100 to 9999; below 100 a packer takes it for one of 1930 to 2029
     WORD wMonth;         ///< 1 to 12
     WORD wDayOfWeek;     ///< 0 is Sunday
     WORD wDay;           ///< 1 to 31

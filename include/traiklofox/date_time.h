@@ -15,6 +15,7 @@ class CDateTimeSpan;
 /// A date from 0100-01-01 to 9999-12-31 with a time of day, to the second in text and fields.
 class TRAIKLOFOX_API CDateTime {
   public:
+    /// `valid` has a date; `null` has none yet, `invalid` was given something that is none.
     enum DateTimeStatus { error = -1, valid = 0, invalid = 1, null = 2 };
 
     /// 1899-12-30 00:00, valid.
@@ -44,7 +45,9 @@ class TRAIKLOFOX_API CDateTime {
     /// The current time in the local zone.
     static CDateTime GetCurrentTime();
 
+    /// The status; setting it leaves the date as it is.
     DateTimeStatus GetStatus() const { return m_status; }
+    /// See `GetStatus`.
     void SetStatus(DateTimeStatus status) { m_status = status; }
 
     /// The date in fields, the time rounded to the second. False, nothing stored, unless this is valid.
@@ -103,13 +106,14 @@ class TRAIKLOFOX_API CDateTime {
     bool operator<=(const CDateTime& other) const;
     bool operator>=(const CDateTime& other) const { return other <= *this; }
 
-    DATE m_dt = 0;
-    DateTimeStatus m_status = valid;
+    DATE m_dt = 0;                    ///< the OLE date value
+    DateTimeStatus m_status = valid;  ///< whether `m_dt` counts
 };
 
 /// A length of time in days, to 3615897 of them and as many back.
 class TRAIKLOFOX_API CDateTimeSpan {
   public:
+    /// As `CDateTime::DateTimeStatus`.
     enum DateTimeSpanStatus { valid = 0, invalid = 1, null = 2 };
 
     /// 0, valid.
@@ -121,9 +125,12 @@ class TRAIKLOFOX_API CDateTimeSpan {
         SetDateTimeSpan(days, hours, minutes, seconds);
     }
     CDateTimeSpan& operator=(double days);
+    /// The sum; each may be any number of its unit, negative ones too. Invalid when the sum is out of range.
     void SetDateTimeSpan(LONG days, int hours, int minutes, int seconds);
 
+    /// The status; setting it leaves the length as it is.
     DateTimeSpanStatus GetStatus() const { return m_status; }
+    /// See `GetStatus`.
     void SetStatus(DateTimeSpanStatus status) { m_status = status; }
 
     /// The whole length in one unit; 0 unless valid.
@@ -143,6 +150,7 @@ class TRAIKLOFOX_API CDateTimeSpan {
     /// length has the sign in each part. "" for null, "Invalid DateTimeSpan" for invalid.
     CString Format(const char* format) const;
 
+    /// The length in days, whatever the status.
     operator double() const { return m_span; }
 
     CDateTimeSpan operator+(const CDateTimeSpan& other) const;
@@ -161,8 +169,8 @@ class TRAIKLOFOX_API CDateTimeSpan {
     bool operator<=(const CDateTimeSpan& other) const { return bothValid(other) && m_span <= other.m_span; }
     bool operator>=(const CDateTimeSpan& other) const { return other <= *this; }
 
-    double m_span = 0;  ///< days
-    DateTimeSpanStatus m_status = valid;
+    double m_span = 0;                    ///< days
+    DateTimeSpanStatus m_status = valid;  ///< whether `m_span` counts
 
   private:
     double total(int perDay) const { return m_status == valid ? m_span * perDay : 0; }

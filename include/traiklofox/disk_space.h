@@ -9,7 +9,7 @@ union _ULARGE_INTEGER {
     struct {
         DWORD LowPart;   ///< the low 32 bits
         DWORD HighPart;  ///< the high 32 bits
-    } u;
+    } u;                 ///< the two words, named
     struct {
         DWORD LowPart;
         DWORD HighPart;

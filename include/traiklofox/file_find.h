@@ -56,6 +56,7 @@ class TRAIKLOFOX_API CFileFind {
     /// In bytes.
     ULONGLONG GetLength() const;
 
+    /// A directory, or a symbolic link to one.
     BOOL IsDirectory() const { return MatchesMask(FILE_ATTRIBUTE_DIRECTORY); }
     /// "." or "..".
     BOOL IsDots() const;

@@ -26,9 +26,9 @@ class TRAIKLOFOX_API CDateTimeException : public CKZIException {
 
 /// A locale that the library knows.
 struct LocaleRow {
-    const char* displayName;
-    const char* posixName;
-    LCID lcid;  ///< of some only the primary language's number; look-ups are by exact number
+    const char* displayName;  ///< in English
+    const char* posixName;    ///< as `setlocale` knows it, or once did
+    LCID lcid;                ///< of some only the primary language's number; look-ups are by exact number
 };
 
 /// Order of the numbers in a date.
@@ -41,15 +41,15 @@ enum : BYTE { CHARACTER_LETTER = 1, CHARACTER_DIGIT = 2, CHARACTER_SPACE = 4, CH
 /// The conventions of one locale for dates and times. Texts are NUL-terminated, in the locale's own encoding,
 /// and cut at a character's boundary where they are too long. What the locale does not have is empty.
 struct tagDATEINFO {
-    LCID lcid;
-    int dateOrder;          ///< one of the `DATE_ORDER_` values
-    char amDesignator[12];  ///< empty when shorter than 2 bytes
-    char pmDesignator[12];  ///< likewise
-    BOOL designatorsEqual;  ///< one of the designators begins with the other, or is empty
-    char dateSeparator[8];  ///< may be more than one character: ". "
-    char timeSeparator[8];
-    BOOL hourLeadingZero;  ///< an hour below 10 is written with two digits
-    BOOL twelveHourClock;
+    LCID lcid;                   ///< as it is listed
+    int dateOrder;               ///< one of the `DATE_ORDER_` values
+    char amDesignator[12];       ///< empty when shorter than 2 bytes
+    char pmDesignator[12];       ///< likewise
+    BOOL designatorsEqual;       ///< one of the designators begins with the other, or is empty
+    char dateSeparator[8];       ///< may be more than one character: ". "
+    char timeSeparator[8];       ///< likewise
+    BOOL hourLeadingZero;        ///< an hour below 10 is written with two digits
+    BOOL twelveHourClock;        ///< hours are written 1 to 12, with a designator
     char longMonths[12][32];     ///< in the form that stands without a day's number
     char shortMonths[12][16];    ///< without the period that some locales end them with
     BYTE shortMonthLengths[12];  ///< in bytes, that period included

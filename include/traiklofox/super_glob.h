@@ -17,23 +17,23 @@ class GlobState;
 /// itself where that is nothing. Of an entry whose status could not be read (a directory that may be listed
 /// and not searched) only the name and the type in `mode` are known, the rest is 0.
 struct KZGlobResult {
-    const char* name;  ///< within the directory; lives as long as the `KZSuperGlob`
-    DWORD mode;        ///< type and permissions
-    DWORD links;
-    DWORD owner;
-    DWORD group;
-    DWORD blockSize;          ///< preferred size for reading and writing
-    DWORD accessNanoseconds;  ///< within the second
-    DWORD modificationNanoseconds;
-    DWORD changeNanoseconds;
-    ULONGLONG device;
-    ULONGLONG inode;
-    ULONGLONG specialDevice;  ///< of a device file
-    ULONGLONG size;           ///< in bytes
-    ULONGLONG blocks;         ///< of 512 bytes
-    LONGLONG accessTime;      ///< seconds since the Unix epoch
-    LONGLONG modificationTime;
-    LONGLONG changeTime;  ///< of the status
+    const char* name;               ///< within the directory; lives as long as the `KZSuperGlob`
+    DWORD mode;                     ///< type and permissions
+    DWORD links;                    ///< how many names the file has
+    DWORD owner;                    ///< the user's id
+    DWORD group;                    ///< the group's id
+    DWORD blockSize;                ///< preferred size for reading and writing
+    DWORD accessNanoseconds;        ///< within the second
+    DWORD modificationNanoseconds;  ///< likewise
+    DWORD changeNanoseconds;        ///< likewise
+    ULONGLONG device;               ///< on which the file is
+    ULONGLONG inode;                ///< its number there
+    ULONGLONG specialDevice;        ///< of a device file
+    ULONGLONG size;                 ///< in bytes
+    ULONGLONG blocks;               ///< of 512 bytes
+    LONGLONG accessTime;            ///< seconds since the Unix epoch
+    LONGLONG modificationTime;      ///< likewise, of the content
+    LONGLONG changeTime;            ///< likewise, of the status
 
     /// The same as a `stat` record, where numbers that do not fit are cut. (Inline, since that record depends
     /// on how the caller is compiled.)
@@ -92,8 +92,9 @@ class TRAIKLOFOX_API KZSuperGlob {
         ExplicitPeriod = 0x8000,
     };
 
+    /// Results cannot be changed.
     typedef const KZGlobResult* iterator;
-    typedef const KZGlobResult* const_iterator;
+    typedef const KZGlobResult* const_iterator;  ///< the same
 
     KZSuperGlob();
     KZSuperGlob(const KZSuperGlob&) = delete;

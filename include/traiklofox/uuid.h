@@ -7,10 +7,10 @@
 
 /// A UUID.
 struct _GUID {
-    DWORD Data1;
-    WORD Data2;
-    WORD Data3;
-    BYTE Data4[8];
+    DWORD Data1;    ///< of a time-based one, the low 32 bits of the time
+    WORD Data2;     ///< the middle 16
+    WORD Data3;     ///< the high 12, and the version
+    BYTE Data4[8];  ///< the variant and clock sequence, then the node
 };
 typedef _GUID GUID;
 typedef GUID UUID;
