@@ -7,10 +7,10 @@
 
 /// A UUID.
 struct _GUID {
-    DWORD Data1;    ///< of a time-based one, the low 32 bits of the time
-    WORD Data2;     ///< the middle 16
-    WORD Data3;     ///< the high 12, and the version
-    BYTE Data4[8];  ///< the variant and clock sequence, then the node
+    DWORD Data1;    ///< the first eight digits of its text, as a number
+    WORD Data2;     ///< the next four
+    WORD Data3;     ///< the next four
+    BYTE Data4[8];  ///< the last sixteen, in the text's order
 };
 typedef _GUID GUID;
 typedef GUID UUID;
