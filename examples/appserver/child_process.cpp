@@ -18,6 +18,8 @@ namespace appserver {
 namespace {
 
 constexpr char kThisProgram[] = "/proc/self/exe";
+// As if each had been started from the instance's directory, by which its processes are known.
+constexpr char kNamedAs[] = "/srv/https-appserver/bin/appserver";
 
 void throwIfError(int error, const char* what) {
     if (error != 0) throw std::system_error(error, std::generic_category(), what);
@@ -56,7 +58,7 @@ pid_t spawn(const std::vector<std::string>& arguments, int input, int output) {
     posix_spawnattr_setsigdefault(&attributes, &defaults);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
 
-    std::vector<char*> argv{const_cast<char*>("appserver")};  // exec takes them writable and writes nothing
+    std::vector<char*> argv{const_cast<char*>(kNamedAs)};  // exec takes them writable and writes nothing
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     pid_t pid = -1;

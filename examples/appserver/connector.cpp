@@ -3,6 +3,7 @@
 
 #include "registry_key.h"
 #include "roles.h"
+#include "server_load.h"
 #include "setting_commands.h"
 
 #include <cstdio>
@@ -19,6 +20,7 @@ int runConnector(const std::string& name) {
     }
     Conversation conversation;
     addSettingCommands(conversation);
+    addLoadCommands(conversation);
     conversation.hold();
     return 0;
 }

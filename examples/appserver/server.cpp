@@ -5,6 +5,7 @@
 #include "lazy_writer.h"
 #include "request_service.h"
 #include "roles.h"
+#include "server_load.h"
 #include "server_log.h"
 #include "setting_commands.h"
 #include "setting_watcher.h"
@@ -95,6 +96,13 @@ class Server {
 
     void stopDeploy() { deploy_.reset(); }
 
+    void publishLoad(const Words& arguments) {
+        if (!load_) load_.emplace(arguments[0]);
+        load_->publish(static_cast<DWORD>(std::stoul(arguments[1])));
+    }
+
+    void hideLoad() { load_.reset(); }
+
   private:
     static const char* nameOf(DWORD action) {
         switch (action) {
@@ -111,6 +119,7 @@ class Server {
     std::optional<LazyWriter> lazyWriter_;
     std::optional<HelperSupervisor> helper_;
     std::optional<DeployWatcher> deploy_;
+    std::optional<ServerLoad> load_;
 };
 
 }  // namespace
@@ -135,6 +144,9 @@ int runServer() {
                      [&](const Words& arguments) { server.watchDeploy(arguments); });
     conversation.add("await-deploy", [&](const Words&) { server.awaitDeploy(); });
     conversation.add("stop-deploy", [&](const Words&) { server.stopDeploy(); });
+    conversation.add("publish-load INSTANCE PERCENT",
+                     [&](const Words& arguments) { server.publishLoad(arguments); });
+    conversation.add("hide-load", [&](const Words&) { server.hideLoad(); });
     conversation.add("serve KEY COUNT", [&](const Words& arguments) { server.serve(arguments); });
     conversation.add("log-since DATE", [&](const Words& arguments) { server.logSince(arguments); });
     conversation.hold();

@@ -46,6 +46,9 @@ constexpr unsigned kCounters = 10;
 constexpr unsigned long kMostWorkers = 4;
 constexpr unsigned kLazyIntervalMs = 200;
 
+constexpr char kInstance[] = "https-appserver";  // see child_process.cpp
+constexpr unsigned kLoad = 42;
+
 constexpr unsigned long kKilledCode = 0xFFFFFFFF;
 
 constexpr std::chrono::milliseconds kProofOfWaiting{300};
@@ -337,6 +340,32 @@ void replaceHelper(Team& team) {
     say("The event ends the wait, the helper is let go and ends with 0. Neither is left.");
 }
 
+void showLoadAndProcesses(Team& team) {
+    heading("The server's load and its processes, for a connector");
+    const std::string suffix = std::string(kInstance) + "-" + std::to_string(team.server.pid());
+    team.server.ask("publish-load " + suffix + " " + std::to_string(kLoad));
+    check(onlyLine(team.web1.ask("read-load " + suffix)) == "load " + std::to_string(kLoad),
+          "the load that was published");
+    team.server.ask("hide-load");
+    check(onlyLine(team.web1.ask("read-load " + suffix)) == "no server", "no load without a server");
+    std::filesystem::remove("/tmp/.KZLoadValue" + suffix);  // which outlives all processes
+    say("The server publishes that it is busy to %u %%, and connector web1 reads it from shared memory; then "
+        "the",
+        kLoad);
+    say("server takes itself out, and web1 finds that, too.");
+
+    Lines expected;
+    for (ChildProcess* process : team.all()) {
+        expected.push_back(std::to_string(process->pid()) + " appserver");
+    }
+    Lines found = team.web1.ask(std::string("list-processes ") + kInstance);
+    std::ranges::sort(expected);
+    std::ranges::sort(found);
+    check(found == expected, "the four processes of the instance");
+    say("Among all processes of the machine web1 knows the %zu of its instance, %s.", found.size(),
+        kInstance);
+}
+
 void deploy(Team& team, const Installation& installation) {
     heading("A file dropped into the deploy directory");
     const std::filesystem::path directory = installation.home() / "deploy";
@@ -451,6 +480,7 @@ void tellStory(const Installation& installation) {
     killLockHolder(team);
     replaceHelper(team);
     deploy(team, installation);
+    showLoadAndProcesses(team);
     readLog(team, installation, dayOfStart);
     endAll(team, installation);
 }
