@@ -4,7 +4,9 @@
 
 #include <sanitizer/lsan_interface.h>
 
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
+// Visible, so that the sanitizer's own library finds it.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
     return "leak:argz_add_sep\n";
 }
 
