@@ -8,6 +8,7 @@
 #include <traiklofox/load_region.h>
 #include <traiklofox/primitives.h>
 #include <traiklofox/processes.h>
+#include <traiklofox/profiles.h>
 #include <traiklofox/registry.h>
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>

@@ -18,6 +18,9 @@ enum class LockRank : std::uint8_t {
     OpenKeys,        // registry handle number -> open key
     RegistryKey,     // one key's values and subkeys, parent before child
     KeyNumbers,      // the numbers in use by registry keys
+    ProfileWrites,   // a profile's change, from its reading to the file's replacement
+    ProfileMap,      // the profiles in the cache
+    Profile,         // one profile's cached text
     ProcessWatch,    // the processes that the watching thread looks at
     Timers,          // Timer::RequestLock: the queued timers
     ThreadPool,      // a pool's jobs and workers

@@ -113,6 +113,10 @@ inline int fstat(int fd, struct stat* status) {
 inline int statx(int directory, const char* name, int flags, struct statx* status) {
     return ::statx(directory, name, flags, STATX_BASIC_STATS, status);
 }
+/// The same for an open file.
+inline int statxOpened(int fd, struct statx* status) {
+    return ::statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS, status);
+}
 inline int access(const char* path, int mode) {
     return ::access(path, mode);
 }
@@ -270,6 +274,12 @@ inline time_t wallSeconds() {
 inline timespec monotonic() {
     timespec value{};
     (void)::clock_gettime(CLOCK_MONOTONIC, &value);  // cannot fail with this clock
+    return value;
+}
+/// The same, as it was at the last tick, some milliseconds ago: reading it takes a few nanoseconds.
+inline timespec monotonicTick() {
+    timespec value{};
+    (void)::clock_gettime(CLOCK_MONOTONIC_COARSE, &value);  // cannot fail with this clock
     return value;
 }
 /// Ends early with -1 and EINTR when a signal handler ran; `remaining` then holds the rest.

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 
+#include "foundation/install_path.h"
 #include "foundation/sys.h"
 #include "registry/cache_lock.h"
 
@@ -23,18 +23,10 @@ struct PathNode {
 // Without a lock, so that no thread can hold one while another forks.
 constinit std::atomic<const PathNode*> sStaticRegistryPath{nullptr};
 
-CKZString installPathFromEnvironment() {
-    const char* home = std::getenv("TWHOME");
-    CKZString path = home != nullptr ? home : TRAIKLOFOX_DEFAULT_HOME;
-    if (path.empty() || path.back() != '/') path += '/';
-    return path;
-}
-
 }  // namespace
 
 const CKZString& sRealInstallPath() {
-    static const auto& path = *new CKZString(installPathFromEnvironment());
-    return path;
+    return foundation::installPath();
 }
 
 CKZString registryPath() {

@@ -1,0 +1,214 @@
+#include "profiles/profile_cache.h"
+
+#include <traiklofox/file_lock.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <unordered_map>
+
+#include "foundation/sys.h"
+
+namespace traiklofox::profiles {
+
+namespace {
+
+using foundation::LockGuard;
+using foundation::LockRank;
+
+constexpr size_t kMostProfiles = 64;  // kept, unless changes wait in them
+constexpr size_t kMostUnwritten = 1000;
+
+struct PathHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view path) const { return std::hash<std::string_view>{}(path); }
+};
+using ProfileMap = std::unordered_map<std::string, std::shared_ptr<Profile>, PathHash, std::equal_to<>>;
+
+constinit foundation::SmallMutex<LockRank::ProfileMap> mapLock;
+
+/// Never destroyed: threads may still run at exit.
+ProfileMap& profiles() TRAIKLOFOX_REQUIRES(mapLock) {
+    static auto& map = *new ProfileMap;
+    return map;
+}
+
+/// Held from the reading of what is changed to its replacement: the file's lock belongs to the whole process, and two
+/// names may be one file's.
+constinit foundation::Mutex<LockRank::ProfileWrites> writing;
+constinit bool isCaching TRAIKLOFOX_GUARDED_BY(writing) = false;
+
+/// Lets go of what nobody uses.
+void makeRoomLocked(ProfileMap& map) TRAIKLOFOX_REQUIRES(mapLock) {
+    // Only under this lock does anybody begin to use one.
+    std::erase_if(
+        map, [](auto& entry) { return entry.second.use_count() == 1 && entry.second->unwritten() == 0; });
+}
+
+/// Makes these changes in what the file holds, under its lock.
+bool writeLocked(Profile& profile, const std::vector<ProfileEdit>& edits) TRAIKLOFOX_REQUIRES(writing) {
+    const std::string target = targetOf(profile.path());
+    FileLock lock;
+    if (lock.OpenAndLockFile((target + ".lock").c_str(), FileLock::in, /*already=*/nullptr, /*count=*/0) ==
+        FALSE)
+        return false;
+    auto file = readFile(target.c_str());
+    if (!file) return false;
+    auto text = std::make_unique<ProfileText>(std::move(file->text));
+    bool isChanged = false;
+    for (const ProfileEdit& edit : edits) {
+        std::string changed = edited(*text, edit);
+        if (changed == text->text()) continue;
+        isChanged = true;
+        text = std::make_unique<ProfileText>(std::move(changed));
+    }
+    if (isChanged) {
+        if (!replaceFile(target, text->text())) return false;
+        const auto written = stateOf(target.c_str());
+        file->state = written.value_or(FileState{});
+        file->isSettled = false;  // others may write in the same tick
+    }
+    profile.setWritten(std::move(text), *file);
+    return true;
+}
+
+bool writeUnwrittenLocked(Profile& profile) TRAIKLOFOX_REQUIRES(writing) {
+    const auto edits = profile.unwrittenEdits();
+    return edits.empty() || writeLocked(profile, edits);
+}
+
+std::vector<std::shared_ptr<Profile>> allProfiles() {
+    const LockGuard guard(mapLock);
+    std::vector<std::shared_ptr<Profile>> all;
+    for (const auto& [path, profile] : profiles()) all.push_back(profile);
+    return all;
+}
+
+bool flushAllLocked() TRAIKLOFOX_REQUIRES(writing) {
+    int error = 0;
+    for (const auto& profile : allProfiles()) {
+        if (!writeUnwrittenLocked(*profile)) error = errno;
+        profile->distrust();
+    }
+    if (error != 0) errno = error;
+    return error == 0;
+}
+
+void flushAtExit() {
+    try {
+        (void)flushAllProfiles();  // nobody is left to hear of it
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
+}  // namespace
+
+void Profile::bringUpToDateLocked() {
+    const timespec tick = sys::monotonicTick();
+    if (text_ && tick.tv_nsec == lookedAt_.tv_nsec && tick.tv_sec == lookedAt_.tv_sec) return;
+    if (!text_ || !isSettled_ || error_ != 0 || stateOf(path_.c_str()) != state_) loadLocked();
+    lookedAt_ = tick;
+}
+
+void Profile::loadLocked() {
+    auto file = readFile(path_.c_str());
+    error_ = file ? 0 : errno;
+    if (!file)
+        file.emplace();
+    else if (!file->state.exists)
+        error_ = ENOENT;
+    state_ = file->state;
+    isSettled_ = file->isSettled;
+    text_ = std::make_unique<ProfileText>(std::move(file->text));
+    for (const ProfileEdit& edit : unwritten_) text_ = std::make_unique<ProfileText>(edited(*text_, edit));
+    if (!unwritten_.empty() && error_ == ENOENT) error_ = 0;
+}
+
+bool Profile::keep(ProfileEdit edit) {
+    const LockGuard guard(lock_);
+    bringUpToDateLocked();
+    if (error_ != 0 && error_ != ENOENT) {
+        errno = error_;
+        return false;
+    }
+    auto text = std::make_unique<ProfileText>(edited(*text_, edit));
+    unwritten_.push_back(std::move(edit));
+    text_ = std::move(text);
+    error_ = 0;
+    return true;
+}
+
+size_t Profile::unwritten() {
+    const LockGuard guard(lock_);
+    return unwritten_.size();
+}
+
+std::vector<ProfileEdit> Profile::unwrittenEdits() {
+    const LockGuard guard(lock_);
+    return unwritten_;
+}
+
+void Profile::setWritten(std::unique_ptr<ProfileText> text, const FileContent& file) {
+    const LockGuard guard(lock_);
+    text_ = std::move(text);
+    state_ = file.state;
+    isSettled_ = file.isSettled;
+    error_ = file.state.exists ? 0 : ENOENT;
+    lookedAt_ = sys::monotonicTick();
+    unwritten_.clear();
+}
+
+void Profile::distrust() {
+    const LockGuard guard(lock_);
+    lookedAt_ = {};
+    isSettled_ = false;
+}
+
+std::shared_ptr<Profile> profileOf(std::string_view path) {
+    const LockGuard guard(mapLock);
+    ProfileMap& map = profiles();
+    const auto found = map.find(path);
+    if (found != map.end()) return found->second;
+    if (map.size() >= kMostProfiles) makeRoomLocked(map);
+    return map.emplace(path, std::make_shared<Profile>(path)).first->second;
+}
+
+bool changeProfile(std::string_view path, ProfileEdit edit) {
+    const LockGuard guard(writing);
+    const auto profile = profileOf(path);
+    if (isCaching) {
+        if (!profile->keep(std::move(edit))) return false;
+        return profile->unwritten() < kMostUnwritten || writeUnwrittenLocked(*profile);
+    }
+    auto edits = profile->unwrittenEdits();
+    edits.push_back(std::move(edit));
+    return writeLocked(*profile, edits);
+}
+
+bool flushProfile(std::string_view path) {
+    const LockGuard guard(writing);
+    const auto profile = profileOf(path);
+    const bool isWritten = writeUnwrittenLocked(*profile);
+    profile->distrust();
+    return isWritten;
+}
+
+bool flushAllProfiles() {
+    const LockGuard guard(writing);
+    return flushAllLocked();
+}
+
+bool setWriteCaching(bool enabled) {
+    const LockGuard guard(writing);
+    if (enabled) {
+        static const bool flushesAtExit = std::atexit(flushAtExit) == 0;
+        if (!flushesAtExit) {
+            errno = ENOMEM;
+            return false;
+        }
+    }
+    isCaching = enabled;
+    return enabled || flushAllLocked();
+}
+
+}  // namespace traiklofox::profiles

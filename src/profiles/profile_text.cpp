@@ -1,0 +1,151 @@
+#include "profiles/profile_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <unordered_set>
+
+namespace traiklofox::profiles {
+
+namespace {
+
+using Kind = ProfileLine::Kind;
+
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+constexpr size_t kUsualLine = 24;  // bytes, to guess the number of lines by
+
+constexpr auto kLower = [] {
+    std::array<unsigned char, 256> table{};
+    for (unsigned int i = 0; i < table.size(); ++i)
+        table[i] = static_cast<unsigned char>(i >= 'A' && i <= 'Z' ? i + ('a' - 'A') : i);
+    return table;
+}();
+
+unsigned char lower(char character) {
+    return kLower[static_cast<unsigned char>(character)];
+}
+
+bool isBlank(char character) {
+    return character == ' ' || character == '\t' || character == '\r' || character == '\v' ||
+           character == '\f';
+}
+
+constexpr std::uint32_t kHashStart = 2166136261;
+
+std::uint32_t hashOn(std::uint32_t hash, std::string_view name) {
+    for (const char character : name) hash = (hash ^ lower(character)) * 16777619;
+    return hash;
+}
+
+/// Fills in what the line's `content`, which has no blanks around it, is.
+void classify(std::string_view content, ProfileLine& line) {
+    line.name = content;
+    if (content.empty()) {
+        line.kind = Kind::Blank;
+    } else if (content.front() == ';') {
+        line.kind = Kind::Comment;
+    } else if (content.front() == '[') {
+        line.kind = Kind::Section;
+        line.name = trimmed(content.substr(1, content.find(']') - 1));
+    } else if (const size_t equals = content.find('='); equals != content.npos) {
+        line.kind = Kind::Key;
+        line.name = trimmed(content.substr(0, equals));
+        line.value = trimmed(content.substr(equals + 1));
+    } else {
+        line.kind = Kind::Other;
+    }
+}
+
+}  // namespace
+
+std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+    // To the end, of which an empty text remembers the place.
+    const std::string_view whole = text;
+    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+    return text.empty() ? whole.substr(0, 0) : text;
+}
+
+std::string_view withoutQuotes(std::string_view text) {
+    const bool isQuoted =
+        text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.front() == text.back();
+    return isQuoted ? text.substr(1, text.size() - 2) : text;
+}
+
+size_t NameHash::operator()(std::string_view name) const {
+    return hashOn(kHashStart, name);
+}
+
+bool NameEqual::operator()(std::string_view left, std::string_view right) const {
+    return left.size() == right.size() &&
+           std::equal(left.begin(), left.end(), right.begin(),
+                      [](char one, char other) { return lower(one) == lower(other); });
+}
+
+size_t ProfileText::FullNameHash::operator()(const FullName& name) const {
+    return hashOn(hashOn(kHashStart, name.section) * 31, name.key);
+}
+
+bool ProfileText::FullNameEqual::operator()(const FullName& left, const FullName& right) const {
+    return NameEqual{}(left.key, right.key) && NameEqual{}(left.section, right.section);
+}
+
+ProfileText::ProfileText(std::string text) : text_(std::move(text)) {
+    const std::string_view all = text_;
+    lines_.reserve(all.size() / kUsualLine);
+    for (size_t begin = 0; begin < all.size();) {
+        const size_t lineFeed = all.find('\n', begin);
+        ProfileLine line;
+        line.begin = begin;
+        line.end = lineFeed == all.npos ? all.size() : lineFeed + 1;
+        std::string_view content = all.substr(begin, std::min(lineFeed, all.size()) - begin);
+        if (begin == 0 && content.starts_with(kByteOrderMark)) content.remove_prefix(kByteOrderMark.size());
+        content = content.substr(0, content.find('\0'));
+        classify(trimmed(content), line);
+        lines_.push_back(line);
+        begin = line.end;
+    }
+}
+
+ProfileText::Index ProfileText::makeIndex() const {
+    Index index;
+    index.reserve(lines_.size());
+    std::unordered_set<std::string_view, NameHash, NameEqual> sections;
+    std::optional<std::string_view> current;
+    for (const ProfileLine& line : lines_) {
+        if (line.kind == Kind::Section) {
+            current.reset();
+            if (sections.insert(line.name).second) current = line.name;
+        } else if (line.kind == Kind::Key && current) {
+            index.try_emplace({*current, line.name}, line.value);
+        }
+    }
+    return index;
+}
+
+std::optional<std::string_view> ProfileText::value(std::string_view section, std::string_view key) {
+    if (!index_) index_ = makeIndex();
+    const auto found = index_->find({section, key});
+    if (found == index_->end()) return std::nullopt;
+    return found->second;
+}
+
+std::optional<size_t> ProfileText::section(std::string_view name) const {
+    for (size_t i = 0; i < lines_.size(); ++i)
+        if (lines_[i].kind == Kind::Section && NameEqual{}(lines_[i].name, name)) return i;
+    return std::nullopt;
+}
+
+size_t ProfileText::endOfSection(size_t begin) const {
+    size_t end = begin + 1;
+    while (end < lines_.size() && lines_[end].kind != Kind::Section) ++end;
+    return end;
+}
+
+std::string_view ProfileText::lineEnd() const {
+    if (lines_.empty()) return "\n";
+    const std::string_view first = std::string_view(text_).substr(0, lines_.front().end);
+    return first.ends_with("\r\n") ? "\r\n" : "\n";
+}
+
+}  // namespace traiklofox::profiles
