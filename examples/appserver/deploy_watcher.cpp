@@ -65,9 +65,9 @@ DeployWatcher::Change DeployWatcher::awaitChange(DWORD milliseconds) {
 }
 
 void DeployWatcher::ask() {
-    if (!ReadDirectoryChanges(directory_.get(), buffer_.data(), buffer_.size(), /*watchSubtree=*/FALSE,
-                              FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE, /*bytes=*/nullptr,
-                              &overlapped_, /*completionRoutine=*/nullptr))
+    if (!ReadDirectoryChanges(directory_.get(), buffer_.data(), static_cast<DWORD>(buffer_.size()),
+                              /*watchSubtree=*/FALSE, FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE,
+                              /*bytes=*/nullptr, &overlapped_, /*completionRoutine=*/nullptr))
         fail("cannot watch the deploy directory");
 }
 
