@@ -1,6 +1,7 @@
 // connector.cpp: a web server's connector process. The server has made the registry before any connector
 // starts, so a connector only attaches to it.
 
+#include "legacy_settings.h"
 #include "registry_key.h"
 #include "roles.h"
 #include "server_load.h"
@@ -20,6 +21,7 @@ int runConnector(const std::string& name) {
     }
     Conversation conversation;
     addSettingCommands(conversation);
+    addLegacyCommands(conversation);
     addLoadCommands(conversation);
     conversation.hold();
     return 0;

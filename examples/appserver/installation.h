@@ -32,6 +32,8 @@ class Installation {
     std::filesystem::path backupFile() const { return home_ / "registry" / "tw.registry.bak"; }
     std::filesystem::path templateFile() const { return home_ / "registry" / "tw.registry.template"; }
     std::filesystem::path logFile() const { return home_ / "server.log"; }
+    /// The settings of an older edition.
+    std::filesystem::path legacyFile() const { return home_ / "legacy.ini"; }
     /// The names of the files in the registry's directory, sorted.
     std::vector<std::string> fileNames() const;
 

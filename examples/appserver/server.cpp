@@ -3,6 +3,7 @@
 #include "deploy_watcher.h"
 #include "helper_supervisor.h"
 #include "lazy_writer.h"
+#include "legacy_settings.h"
 #include "request_service.h"
 #include "roles.h"
 #include "server_load.h"
@@ -132,6 +133,7 @@ int runServer() {
     Server server(registryFile.parent_path().parent_path() / "server.log");
     Conversation conversation;
     addSettingCommands(conversation);
+    addLegacyCommands(conversation);
     conversation.add("watch KEY NAME", [&](const Words& arguments) { server.watch(arguments); });
     conversation.add("await-change", [&](const Words&) { server.awaitChange(); });
     conversation.add("start-lazy-writer MILLISECONDS",

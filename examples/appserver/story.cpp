@@ -449,6 +449,29 @@ void readLog(Team& team, const Installation& installation, const std::string& da
     check(team.server.ask("log-since 31/12/9999").size() == 1, "no line of the future");
 }
 
+void changeLegacyFile(Team& team, const Installation& installation) {
+    heading("A setting in the INI file of an older edition");
+    const std::string before =
+        "; kept by hand\r\n[Listener]\r\nPort = 8080\r\n;seconds\r\nKeepAlive = 30\r\n";
+    std::ofstream(installation.legacyFile(), std::ios::binary) << before;
+    const std::string name = installation.legacyFile().filename().string();
+    const auto readBy = [&](ChildProcess& process, const char* expected) {
+        const std::string line = onlyLine(process.ask("ini-get " + name + " listener keepalive"));
+        check(line == "pid " + std::to_string(process.pid()) + " reads " + expected,
+              process.title() + " to read " + expected + ", not \"" + line + "\"");
+        say("%-14s %s", process.title().c_str(), line.c_str());
+    };
+    readBy(team.server, "30");
+    readBy(team.web1, "30");
+    team.web1.ask("ini-set " + name + " LISTENER keepalive 45");
+    say("Connector web1 changes it:");
+    readBy(team.server, "45");
+    std::string expected = before;
+    expected.replace(expected.find("30"), 2, "45");
+    check(textOf(installation.legacyFile()) == expected, "a file with nothing else changed");
+    say("In %s nothing else has changed, comments and blanks included.", name.c_str());
+}
+
 void endAll(Team& team, const Installation& installation) {
     heading("The end");
     const Lines lines = registryLines(installation.registryFile());
@@ -481,6 +504,7 @@ void tellStory(const Installation& installation) {
     replaceHelper(team);
     deploy(team, installation);
     showLoadAndProcesses(team);
+    changeLegacyFile(team, installation);
     readLog(team, installation, dayOfStart);
     endAll(team, installation);
 }
