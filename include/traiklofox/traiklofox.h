@@ -6,6 +6,7 @@
 #include <traiklofox/files.h>
 #include <traiklofox/handles.h>
 #include <traiklofox/load_region.h>
+#include <traiklofox/messages.h>
 #include <traiklofox/primitives.h>
 #include <traiklofox/processes.h>
 #include <traiklofox/profiles.h>
