@@ -5,6 +5,7 @@
 #include <traiklofox/dates.h>
 #include <traiklofox/files.h>
 #include <traiklofox/handles.h>
+#include <traiklofox/internet.h>
 #include <traiklofox/load_region.h>
 #include <traiklofox/messages.h>
 #include <traiklofox/primitives.h>
