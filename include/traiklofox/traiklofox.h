@@ -13,5 +13,6 @@
 #include <traiklofox/profiles.h>
 #include <traiklofox/registry.h>
 #include <traiklofox/strings.h>
+#include <traiklofox/system_info.h>
 #include <traiklofox/types.h>
 #include <traiklofox/uuid.h>
