@@ -25,7 +25,7 @@ struct _SYSTEM_INFO {
     LPVOID lpMinimumApplicationAddress;  ///< lowest and highest address that memory may have
     LPVOID lpMaximumApplicationAddress;
     DWORD_PTR
-        dwActiveProcessorMask;  ///< a bit for each of the processors counted below, as far as there are bits
+    dwActiveProcessorMask;  ///< a bit for each of the processors counted below, as far as there are bits
     DWORD dwNumberOfProcessors;
     DWORD dwProcessorType;          ///< PROCESSOR_INTEL_PENTIUM or PROCESSOR_AMD_X8664
     DWORD dwAllocationGranularity;  ///< the page size: nothing is coarser here

@@ -56,6 +56,31 @@ void classify(std::string_view content, ProfileLine& line) {
     }
 }
 
+/// The line that begins there.
+ProfileLine lineAt(std::string_view all, size_t begin) {
+    const size_t lineFeed = all.find('\n', begin);
+    ProfileLine line;
+    line.begin = begin;
+    line.end = lineFeed == all.npos ? all.size() : lineFeed + 1;
+    std::string_view content = all.substr(begin, std::min(lineFeed, all.size()) - begin);
+    if (begin == 0 && content.starts_with(kByteOrderMark)) content.remove_prefix(kByteOrderMark.size());
+    content = content.substr(0, content.find('\0'));
+    classify(trimmed(content), line);
+    return line;
+}
+
+/// Where the next line begins that may be a section's, from the beginning of a line on; the text's end without one.
+size_t nextSection(std::string_view all, size_t begin) {
+    while (begin < all.size()) {
+        size_t first = begin == 0 && all.starts_with(kByteOrderMark) ? kByteOrderMark.size() : begin;
+        while (first < all.size() && isBlank(all[first])) ++first;
+        if (first == all.size() || all[first] == '[') break;
+        const size_t lineFeed = all.find('\n', first);
+        begin = lineFeed == all.npos ? all.size() : lineFeed + 1;
+    }
+    return begin;
+}
+
 }  // namespace
 
 std::string_view trimmed(std::string_view text) {
@@ -90,29 +115,22 @@ bool ProfileText::FullNameEqual::operator()(const FullName& left, const FullName
     return NameEqual{}(left.key, right.key) && NameEqual{}(left.section, right.section);
 }
 
-ProfileText::ProfileText(std::string text) : text_(std::move(text)) {
-    const std::string_view all = text_;
-    lines_.reserve(all.size() / kUsualLine);
-    for (size_t begin = 0; begin < all.size();) {
-        const size_t lineFeed = all.find('\n', begin);
-        ProfileLine line;
-        line.begin = begin;
-        line.end = lineFeed == all.npos ? all.size() : lineFeed + 1;
-        std::string_view content = all.substr(begin, std::min(lineFeed, all.size()) - begin);
-        if (begin == 0 && content.starts_with(kByteOrderMark)) content.remove_prefix(kByteOrderMark.size());
-        content = content.substr(0, content.find('\0'));
-        classify(trimmed(content), line);
-        lines_.push_back(line);
-        begin = line.end;
-    }
+ProfileText::ProfileText(std::string text) : text_(std::move(text)) {}
+
+const std::vector<ProfileLine>& ProfileText::lines() const {
+    if (!lines_.empty()) return lines_;
+    lines_.reserve(text_.size() / kUsualLine);
+    for (size_t begin = 0; begin < text_.size(); begin = lines_.back().end)
+        lines_.push_back(lineAt(text_, begin));
+    return lines_;
 }
 
 ProfileText::Index ProfileText::makeIndex() const {
     Index index;
-    index.reserve(lines_.size());
+    index.reserve(lines().size());
     std::unordered_set<std::string_view, NameHash, NameEqual> sections;
     std::optional<std::string_view> current;
-    for (const ProfileLine& line : lines_) {
+    for (const ProfileLine& line : lines()) {
         if (line.kind == Kind::Section) {
             current.reset();
             if (sections.insert(line.name).second) current = line.name;
@@ -124,27 +142,48 @@ ProfileText::Index ProfileText::makeIndex() const {
 }
 
 std::optional<std::string_view> ProfileText::value(std::string_view section, std::string_view key) {
-    if (!index_) index_ = makeIndex();
+    if (!index_) {
+        if (!isSearched_) {
+            isSearched_ = true;
+            return search(section, key);
+        }
+        index_ = makeIndex();
+    }
     const auto found = index_->find({section, key});
     if (found == index_->end()) return std::nullopt;
     return found->second;
 }
 
+std::optional<std::string_view> ProfileText::search(std::string_view section, std::string_view key) const {
+    bool isIn = false;
+    for (size_t begin = nextSection(text_, 0); begin < text_.size();) {
+        const ProfileLine line = lineAt(text_, begin);
+        if (line.kind == Kind::Section) {
+            if (isIn) return std::nullopt;
+            isIn = NameEqual{}(line.name, section);
+        } else if (isIn && line.kind == Kind::Key && NameEqual{}(line.name, key)) {
+            return line.value;
+        }
+        begin = isIn ? line.end : nextSection(text_, line.end);
+    }
+    return std::nullopt;
+}
+
 std::optional<size_t> ProfileText::section(std::string_view name) const {
-    for (size_t i = 0; i < lines_.size(); ++i)
-        if (lines_[i].kind == Kind::Section && NameEqual{}(lines_[i].name, name)) return i;
+    for (size_t i = 0; i < lines().size(); ++i)
+        if (lines()[i].kind == Kind::Section && NameEqual{}(lines()[i].name, name)) return i;
     return std::nullopt;
 }
 
 size_t ProfileText::endOfSection(size_t begin) const {
     size_t end = begin + 1;
-    while (end < lines_.size() && lines_[end].kind != Kind::Section) ++end;
+    while (end < lines().size() && lines()[end].kind != Kind::Section) ++end;
     return end;
 }
 
 std::string_view ProfileText::lineEnd() const {
-    if (lines_.empty()) return "\n";
-    const std::string_view first = std::string_view(text_).substr(0, lines_.front().end);
+    if (lines().empty()) return "\n";
+    const std::string_view first = std::string_view(text_).substr(0, lines().front().end);
     return first.ends_with("\r\n") ? "\r\n" : "\n";
 }
 

@@ -42,9 +42,10 @@ class ProfileText {
     ProfileText& operator=(const ProfileText&) = delete;
 
     const std::string& text() const { return text_; }
-    const std::vector<ProfileLine>& lines() const { return lines_; }
+    const std::vector<ProfileLine>& lines() const;
 
-    /// A key's value, with its quotes; names without blanks around them.
+    /// A key's value, with its quotes; names without blanks around them. The first look-up searches the text, later
+    /// ones have an index: a text that is read for one value is not worth one.
     std::optional<std::string_view> value(std::string_view section, std::string_view key);
     /// The place of the line that begins the section, in `lines`.
     std::optional<size_t> section(std::string_view name) const;
@@ -68,10 +69,12 @@ class ProfileText {
     using Index = std::unordered_map<FullName, std::string_view, FullNameHash, FullNameEqual>;
 
     Index makeIndex() const;
+    std::optional<std::string_view> search(std::string_view section, std::string_view key) const;
 
     const std::string text_;
-    std::vector<ProfileLine> lines_;
-    std::optional<Index> index_;  // made by the first look-up
+    mutable std::vector<ProfileLine> lines_;  // made when first asked for
+    bool isSearched_ = false;
+    std::optional<Index> index_;
 };
 
 }  // namespace traiklofox::profiles
