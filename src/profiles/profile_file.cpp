@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "files/file_status.h"
 #include "foundation/on_exit.h"
 #include "foundation/sys.h"
 
@@ -51,18 +52,18 @@ bool readAll(int fd, std::string& text) {
 }
 
 /// Gives an open file the owner and mode of the one that it is to replace.
-bool takeAfter(int fd, const struct stat& old) {
+bool takeAfter(int fd, const struct statx& old) {
     // Only root may give a file away; for others it stays theirs, with the group where they may.
-    if (sys::fchown(fd, old.st_uid, old.st_gid) != 0)
-        (void)sys::fchown(fd, static_cast<uid_t>(-1), old.st_gid);
-    return sys::fchmod(fd, old.st_mode & kModeBits) == 0;
+    if (sys::fchown(fd, old.stx_uid, old.stx_gid) != 0)
+        (void)sys::fchown(fd, static_cast<uid_t>(-1), old.stx_gid);
+    return sys::fchmod(fd, static_cast<mode_t>(old.stx_mode & kModeBits)) == 0;
 }
 
 }  // namespace
 
 std::optional<FileState> stateOf(const char* path) {
     struct statx status {};
-    if (sys::statx(AT_FDCWD, path, /*flags=*/0, &status) == 0) return stateFrom(status);
+    if (files::statusOf(path, status)) return stateFrom(status);
     if (errno == ENOENT || errno == ENOTDIR) return FileState{};
     return std::nullopt;
 }
@@ -75,7 +76,7 @@ std::optional<FileContent> readFile(const char* path) {
         return std::nullopt;
     }
     struct statx status {};
-    if (sys::statxOpened(file.get(), &status) != 0) return std::nullopt;
+    if (!files::statusOf(file.get(), status)) return std::nullopt;
     if (!S_ISREG(status.stx_mode)) {
         errno = S_ISDIR(status.stx_mode) ? EISDIR : EINVAL;
         return std::nullopt;
@@ -96,8 +97,8 @@ std::string targetOf(const std::string& path) {
 bool replaceFile(const std::string& path, const std::string& text) {
     const size_t slash = path.rfind('/');
     const CKZString temporary = KZTempNam(slash == path.npos ? "" : path.substr(0, slash + 1));
-    struct stat old {};
-    const bool isNew = sys::stat(path.c_str(), &old) != 0;
+    struct statx old {};
+    const bool isNew = !files::statusOf(path.c_str(), old);
     if (isNew && errno != ENOENT) return false;
 
     // Until it has its owner and mode, nobody else may read it.

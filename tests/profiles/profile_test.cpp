@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <traiklofox/profiles.h>
 #include <unistd.h>
 
@@ -273,6 +275,14 @@ TEST_F(ProfileTest, FileKeepsItsOwnerModeAndPlaceBehindALink) {
         ASSERT_EQ(::chown(path_.c_str(), 1234, 5678), 0);
     }
     ASSERT_EQ(::symlink("server.ini", link.c_str()), 0);
+    const struct {
+        long long seconds, nanoseconds;
+    } late[] = {{1LL << 32, 0}, {1LL << 32, 0}};  // of after 2038, where the file system has such dates
+#if defined(SYS_utimensat_time64)
+    ASSERT_EQ(::syscall(SYS_utimensat_time64, AT_FDCWD, path_.c_str(), late, 0), 0);
+#else
+    ASSERT_EQ(::syscall(SYS_utimensat, AT_FDCWD, path_.c_str(), late, 0), 0);
+#endif
     EXPECT_TRUE(WritePrivateProfileString("a", "x", "2", link.c_str()));
     EXPECT_EQ(value("a", "x"), "2");
     struct stat status {};
