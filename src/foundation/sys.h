@@ -113,10 +113,6 @@ inline int fstat(int fd, struct stat* status) {
 inline int statx(int directory, const char* name, int flags, struct statx* status) {
     return ::statx(directory, name, flags, STATX_BASIC_STATS, status);
 }
-/// The same for an open file.
-inline int statxOpened(int fd, struct statx* status) {
-    return ::statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS, status);
-}
 inline int access(const char* path, int mode) {
     return ::access(path, mode);
 }

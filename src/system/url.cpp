@@ -157,7 +157,8 @@ bool create(const URL_COMPONENTS& components, DWORD flags, char* buffer, DWORD* 
     if (parts.host.starts_with('[') && parts.host.ends_with(']'))
         parts.host = parts.host.substr(1, parts.host.size() - 2);
     parts.isBracketed = parts.host.find(':') != parts.host.npos;
-    parts.hasAuthority = !parts.isOpaque() && (parts.known != nullptr || !parts.host.empty());
+    parts.hasAuthority =
+        !parts.isOpaque() && (parts.known != nullptr || !parts.host.empty() || !made.user.empty());
     if (components.lpszUserName != nullptr && !made.user.empty()) parts.user = made.user;
     if (components.lpszPassword != nullptr && !made.password.empty()) parts.password = made.password;
     const bool isUsualPort = parts.known != nullptr && parts.known->port == components.nPort;
