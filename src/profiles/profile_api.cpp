@@ -49,7 +49,7 @@ auto readProfile(const char* fileName, Look look) {
 /// Copies as much as fits, and a NUL. `size` is not 0.
 DWORD giveCut(std::string_view text, char* buffer, DWORD size) {
     const size_t length = std::min<size_t>(text.size(), size - 1);
-    std::memcpy(buffer, text.data(), length);
+    std::ranges::copy(text.substr(0, length), buffer);  // which may be of nothing, at no address
     buffer[length] = '\0';
     if (length < text.size()) errno = ERANGE;
     return static_cast<DWORD>(length);
@@ -62,7 +62,7 @@ class ListWriter {
 
     void put(std::string_view text) {
         const size_t length = std::min<size_t>(text.size(), room());
-        std::memcpy(buffer_ + used_, text.data(), length);
+        std::ranges::copy(text.substr(0, length), buffer_ + used_);
         used_ += static_cast<DWORD>(length);
         if (length < text.size()) isCut_ = true;
     }
@@ -247,7 +247,7 @@ BOOL takeBytes(std::string_view text, BYTE* bytes, size_t size) {
         errno = EBADMSG;
         return FALSE;
     }
-    std::memcpy(bytes, taken.data(), size);
+    if (size > 0) std::memcpy(bytes, taken.data(), size);
     return TRUE;
 }
 

@@ -109,15 +109,12 @@ TEST(SystemInfo, MemoryIsToldInItsBounds) {
     EXPECT_GE(wide.ullTotalPageFile, wide.ullTotalPhys);
     EXPECT_LE(wide.dwMemoryLoad, 100U);
     EXPECT_LT(wide.ullAvailVirtual, wide.ullTotalVirtual);
-    struct rlimit limit {
-        RLIM_INFINITY, RLIM_INFINITY
-    };
     MEMORYSTATUS narrow{};
     GlobalMemoryStatus(&narrow);
     EXPECT_EQ(narrow.dwLength, sizeof narrow);
     EXPECT_EQ(narrow.dwTotalPhys, std::min<unsigned long long>(wide.ullTotalPhys, ~SIZE_T{0}));
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    limit.rlim_cur = 1U << 30;
+    const struct rlimit limit { 1U << 30, RLIM_INFINITY };
     ASSERT_EQ(::setrlimit(RLIMIT_AS, &limit), 0);
     ASSERT_TRUE(GlobalMemoryStatusEx(&wide));
     EXPECT_EQ(wide.ullTotalVirtual, 1U << 30);
