@@ -416,7 +416,13 @@ TEST_F(ProfileTest, CachedChangesReachTheFileAtTheNormalEndOrWhenThereAreMany) {
     const struct {
         const char *count, *end;
         int written;
-    } kCases[] = {{"3", "exit", 3}, {"3", "kill", 0}, {"1001", "kill", 1000}};
+    } kCases[] = {
+        {"3", "exit", 3},
+        {"3", "kill", 0},
+#if !defined(__SANITIZE_THREAD__)  // which takes more than half a minute for the thousand
+        {"1001", "kill", 1000},
+#endif
+    };
     for (const auto& row : kCases) {
         ::unlink(path_.c_str());
         RoleProcess process{"cachesAChangeAndEnds", {path_, row.count, row.end}};
