@@ -87,7 +87,8 @@ void checkCracked(const std::string& url) {
     require(InternetCrackUrl(again.c_str(), 0, ICU_DECODE, &same.parts), "what is made can be read",
             url + "\n" + again);
     require(std::string(same.host.data()) == plain.host.data() &&
-                std::string(same.user.data()) == plain.user.data() && same.parts.nPort == plain.parts.nPort,
+                std::string(same.user.data()) == plain.user.data() &&
+                (same.parts.nPort == plain.parts.nPort || plain.parts.nPort == 0),
             "and has the same host, user and port", url + "\n" + again);
     if (plain.host[0] != '\0')
         require(std::string(same.extra.data()) == plain.extra.data() || plain.extra[0] == '\0',

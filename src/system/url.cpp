@@ -106,11 +106,12 @@ std::string_view textOf(const URL_COMPONENTS& components, const Field& field) {
 
 /// The parts of a URL to be made, with their escapes.
 struct MadeParts {
-    std::string user, password, path, extra, port;
+    std::string host, user, password, path, extra, port;
 };
 
 MadeParts escapedParts(const URL_COMPONENTS& components, DWORD flags) {
-    MadeParts made{.user = std::string(textOf(components, kUser)),
+    MadeParts made{.host = std::string(textOf(components, kHost)),
+                   .user = std::string(textOf(components, kUser)),
                    .password = std::string(textOf(components, kPassword)),
                    .path = std::string(textOf(components, kPath)),
                    .extra = std::string(textOf(components, kExtra)),
@@ -123,6 +124,8 @@ MadeParts escapedParts(const URL_COMPONENTS& components, DWORD flags) {
                (hasExtra && (character == '?' || character == '#'));
     };
     const auto endsExtra = [](char character) { return isUnsafe(character) || character == '%'; };
+    // Of what a host may not hold, only this could be meant: it stands before an IPv6 address's zone.
+    made.host = withEscapes(made.host, [](char character) { return character == '%'; });
     made.user = withEscapes(made.user, endsUser);
     made.password = withEscapes(made.password, endsUser);
     made.path = withEscapes(made.path, endsPath);
@@ -153,16 +156,16 @@ bool create(const URL_COMPONENTS& components, DWORD flags, char* buffer, DWORD* 
     UrlParts parts;
     if (!setScheme(components, parts)) return refuse();
     MadeParts made = escapedParts(components, flags);
-    parts.host = textOf(components, kHost);
+    parts.host = made.host;
     if (parts.host.starts_with('[') && parts.host.ends_with(']'))
         parts.host = parts.host.substr(1, parts.host.size() - 2);
     parts.isBracketed = parts.host.find(':') != parts.host.npos;
-    parts.hasAuthority =
-        !parts.isOpaque() && (parts.known != nullptr || !parts.host.empty() || !made.user.empty());
     if (components.lpszUserName != nullptr && !made.user.empty()) parts.user = made.user;
     if (components.lpszPassword != nullptr && !made.password.empty()) parts.password = made.password;
     const bool isUsualPort = parts.known != nullptr && parts.known->port == components.nPort;
     if (components.nPort != INTERNET_INVALID_PORT_NUMBER && !isUsualPort) parts.port = made.port;
+    parts.hasAuthority = !parts.isOpaque() && (parts.known != nullptr || !parts.host.empty() ||
+                                               !made.user.empty() || !parts.port.empty());
     if (parts.hasAuthority && !made.path.empty() && made.path.front() != '/') made.path.insert(0, 1, '/');
     parts.path = made.path;
     parts.extra = made.extra;
