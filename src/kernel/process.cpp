@@ -7,7 +7,6 @@
 #include <traiklofox/process.h>
 
 #include <cstdio>
-#include <cstring>
 #include <new>
 
 #include "foundation/on_exit.h"
@@ -33,12 +32,8 @@ bool isZombie(pid_t pid) {
     std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     const sys::UniqueFd file(sys::open(path, O_RDONLY));
     char text[128];  // the state comes third, after a name of at most 15 characters
-    const ssize_t length = file ? sys::read(file.get(), text, sizeof text - 1) : -1;
-    if (length <= 0) return false;
-    text[length] = '\0';
-    const char* nameEnd = std::strrchr(text, ')');
-    return nameEnd != nullptr &&
-           (std::strncmp(nameEnd, ") Z", 3) == 0 || std::strncmp(nameEnd, ") X", 3) == 0);
+    const ssize_t length = file ? sys::read(file.get(), text, sizeof text) : -1;
+    return length > 0 && traiklofox::kernel::tellsOfEnd({text, static_cast<size_t>(length)});
 }
 
 /// Looks without a descriptor.
@@ -51,6 +46,13 @@ Presence lookUp(pid_t pid) {
 }
 
 }  // namespace
+
+bool traiklofox::kernel::tellsOfEnd(std::string_view statLine) {
+    const size_t nameEnd = statLine.rfind(')');  // the name may hold blanks and parentheses
+    if (nameEnd == statLine.npos) return false;
+    const std::string_view rest = statLine.substr(nameEnd);
+    return rest.starts_with(") Z") || rest.starts_with(") X");
+}
 
 Process::Process(int processId)
     : Handle(1),

@@ -4,7 +4,12 @@
 
 #include <traiklofox/process.h>
 
+#include <string_view>
+
 namespace traiklofox::kernel {
+
+/// Whether this, the start of a line of /proc/<id>/stat, is that of a process that has ended.
+bool tellsOfEnd(std::string_view statLine);
 
 class ProcessLife {
   public:

@@ -46,13 +46,26 @@ std::optional<std::string_view> readStart(int at, const char* path, std::span<ch
 
 std::optional<StatNames> namesOf(std::string_view statLine) {
     constexpr int kToParent = 2;
-    const size_t start = statLine.find('(');
     const auto rest = behindName(statLine);
-    if (start == statLine.npos || !rest) return std::nullopt;
+    if (!rest) return std::nullopt;
+    const size_t end = statLine.size() - rest->size();
+    const size_t start = statLine.find('(');
+    if (start >= end) return std::nullopt;
     const auto field = afterBlanks(*rest, kToParent);
     const auto parent = field ? numberAt<pid_t>(*field) : std::nullopt;
     if (!parent) return std::nullopt;
-    return StatNames{statLine.substr(start, statLine.size() - rest->size() - start), *parent};
+    return StatNames{statLine.substr(start, end - start), *parent};
+}
+
+std::string_view commandIn(std::string_view statLine) {
+    const size_t start = statLine.find(' ');
+    if (start == statLine.npos) return {};
+    const std::string_view word =
+        statLine.substr(start + 1, statLine.find_first_of(" \t\n\v\f\r", start + 1) - start - 1);
+    const size_t open = word.find('(');
+    const size_t close = word.find(')', open + 1);
+    if (open == word.npos || close == word.npos) return {};
+    return word.substr(open + 1, close - open - 1);
 }
 
 std::optional<int> exitSignalOf(std::string_view statLine) {

@@ -29,6 +29,9 @@ struct StatNames {
 };
 std::optional<StatNames> namesOf(std::string_view statLine);
 
+/// The name cut at its first blank and first ")", as short names are told; empty when there is none.
+std::string_view commandIn(std::string_view statLine);
+
 /// The line's 38th field; nothing when the line ends before it.
 std::optional<int> exitSignalOf(std::string_view statLine);
 

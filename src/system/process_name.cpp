@@ -19,6 +19,7 @@
 
 namespace sys = traiklofox::sys;
 using traiklofox::system::bDumbProcfs;
+using traiklofox::system::commandIn;
 using traiklofox::system::ProcPath;
 using traiklofox::system::readStart;
 
@@ -41,19 +42,10 @@ std::optional<CKZString> pathOf(pid_t process) {
     return std::nullopt;
 }
 
-/// The second word of the status line, without its parentheses.
 CKZString commandOf(pid_t process) {
     char buffer[kLongestRead];
     const auto line = readStart(AT_FDCWD, ProcPath(process, "stat").get(), buffer);
-    if (!line) return {};
-    const size_t start = line->find(' ');
-    if (start == line->npos) return {};
-    const std::string_view word =
-        line->substr(start + 1, line->find_first_of(" \t\n\v\f\r", start + 1) - start - 1);
-    const size_t open = word.find('(');
-    const size_t close = word.find(')', open + 1);
-    if (open == word.npos || close == word.npos) return {};
-    return CKZString(word.substr(open + 1, close - open - 1));
+    return line ? CKZString(commandIn(*line)) : CKZString();
 }
 
 /// A handle's process; the calling one without a handle; nothing when the handle is no process's.
