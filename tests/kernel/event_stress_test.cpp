@@ -92,7 +92,7 @@ INSTANTIATE_TEST_SUITE_P(EventStress, EventLane,
 // that there may be more returns than signals, but never fewer.
 TEST_P(EventLane, LosesNoSignal) {
     const Lane& lane = GetParam();
-    const int each = roundsOrSoak(lane.signals) / lane.producers;
+    const int each = roundsOrStress(lane.signals) / lane.producers;
     for (const Place& place : places) handles.push_back(place.event.get());
     Workers consumers;
     addWorkers(consumers, lane.consumers, [&](int number) { consume(number); });

@@ -122,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Priorities, RWLockStress, testing::Bool(), [](const aut
 
 TEST_P(RWLockStress, MixedUsesKeepTheInvariantsAndStrandNobody) {
     constexpr unsigned kThreads = 8;
-    const int each = roundsOrSoak(80'000) / static_cast<int>(kThreads);
+    const int each = roundsOrStress(80'000) / static_cast<int>(kThreads);
     Guarded guarded(GetParam());
     std::atomic<long> written = 0;
     std::latch start(kThreads);

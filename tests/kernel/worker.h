@@ -40,10 +40,10 @@ constexpr int rounds(int plain) {
 #endif
 }
 
-/// The same where the environment does not say how many (`make soak` does).
-inline int roundsOrSoak(int plain) {
-    const char* soak = std::getenv("TRAIKLOFOX_SOAK");
-    return soak != nullptr ? std::atoi(soak) : rounds(plain);
+/// The same where the environment does not say how many (`make stress` does).
+inline int roundsOrStress(int plain) {
+    const char* stress = std::getenv("TRAIKLOFOX_STRESS");
+    return stress != nullptr ? std::atoi(stress) : rounds(plain);
 }
 
 struct HandleCloser {
