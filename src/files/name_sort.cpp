@@ -1,11 +1,14 @@
-// name_sort.cpp: sorting names that begin alike, as a directory's mostly do. Eight bytes of each are compared as one
+// name_sort.cpp: sorting names that begin alike, as a directory's mostly do. Eight bytes of each are sorted as one
 // number; where they are equal, the next eight decide.
 
 #include "files/name_sort.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <numeric>
 #include <span>
+#include <utility>
 
 namespace traiklofox::files {
 
@@ -13,6 +16,8 @@ namespace {
 
 constexpr size_t kWord = sizeof(std::uint64_t);
 constexpr size_t kBlockWords = 8192;
+constexpr size_t kByteValues = 256;
+constexpr size_t kFew = 1024;  // to compare these is faster than to count their bytes
 
 std::uint64_t wordOf(const char* name, size_t offset) {
     std::uint64_t word;
@@ -29,15 +34,46 @@ bool goesOn(std::uint64_t word) {
     return (word & 0xFF) != 0;
 }
 
+/// By one byte of the keys after another, the least significant first. `spare` is as long as `entries`.
+void distribute(std::span<NamedEntry> entries, std::span<NamedEntry> spare) {
+    const auto byteOf = [](const NamedEntry& entry, size_t byte) {
+        return static_cast<std::uint8_t>(entry.key >> (8 * byte));
+    };
+    std::array<std::array<std::uint32_t, kByteValues>, kWord> counts{};
+    for (const NamedEntry& entry : entries)
+        for (size_t byte = 0; byte < kWord; ++byte) ++counts[byte][byteOf(entry, byte)];
+
+    std::span<NamedEntry> from = entries;
+    std::span<NamedEntry> to = spare;
+    for (size_t byte = 0; byte < kWord; ++byte) {
+        auto& place = counts[byte];
+        if (place[byteOf(from.front(), byte)] == entries.size()) continue;  // all have the same
+        std::exclusive_scan(place.begin(), place.end(), place.begin(), std::uint32_t{0});
+        for (const NamedEntry& entry : from) to[place[byteOf(entry, byte)]++] = entry;
+        std::swap(from, to);
+    }
+    if (from.data() != entries.data()) std::ranges::copy(from, entries.begin());
+}
+
+void sortByKey(std::span<NamedEntry> entries, std::vector<NamedEntry>& spare) {
+    if (std::ranges::is_sorted(entries, byKey)) return;
+    if (entries.size() <= kFew) {
+        std::ranges::sort(entries, byKey);
+        return;
+    }
+    if (spare.size() < entries.size()) spare.resize(entries.size());
+    distribute(entries, std::span(spare).first(entries.size()));
+}
+
 /// Their first `offset` bytes are the same.
-void sortFrom(std::span<NamedEntry> entries, size_t offset) {
+void sortFrom(std::span<NamedEntry> entries, size_t offset, std::vector<NamedEntry>& spare) {
     for (NamedEntry& entry : entries) entry.key = wordOf(entry.name, offset);
-    if (!std::ranges::is_sorted(entries, byKey)) std::ranges::sort(entries, byKey);
+    sortByKey(entries, spare);
     while (!entries.empty()) {
         const auto other = std::ranges::find_if(
             entries, [first = entries.front().key](const NamedEntry& entry) { return entry.key != first; });
         const auto alike = static_cast<size_t>(other - entries.begin());
-        if (alike > 1 && goesOn(entries.front().key)) sortFrom(entries.first(alike), offset + kWord);
+        if (alike > 1 && goesOn(entries.front().key)) sortFrom(entries.first(alike), offset + kWord, spare);
         entries = entries.subspan(alike);
     }
 }
@@ -60,7 +96,8 @@ const char* NameStore::add(std::string_view name) {
 }
 
 void sortByName(std::vector<NamedEntry>& entries) {
-    sortFrom(entries, 0);
+    std::vector<NamedEntry> spare;
+    sortFrom(entries, 0, spare);
 }
 
 }  // namespace traiklofox::files

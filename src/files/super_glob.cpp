@@ -19,6 +19,8 @@ namespace traiklofox::files {
 
 namespace {
 
+constexpr size_t kNamesAhead = 8;  // so long before its use a name is fetched from memory
+
 void take(const struct statx& status, KZGlobResult& result) {
     result.mode = status.stx_mode;
     result.links = status.stx_nlink;
@@ -67,16 +69,22 @@ class GlobState {
     bool collect(const char* path) {
         const sys::UniqueDirectory directory(sys::opendir(path));
         if (!directory) return false;
-        NameStore names;
+        NameStore unsorted;
         std::vector<NamedEntry> entries;
-        if (!readNames(directory.get(), names, entries)) return false;
+        if (!readNames(directory.get(), unsorted, entries)) return false;
         sortByName(entries);
 
         const size_t before = results_.size();
         auto dropNew = foundation::onExit([&] { results_.resize(before); });
         results_.reserve(before + entries.size());
-        for (const NamedEntry& entry : entries)
-            if (!lookAt(::dirfd(directory.get()), entry, results_.emplace_back())) results_.pop_back();
+        NameStore names;
+        for (size_t i = 0; i < entries.size(); ++i) {
+            // The names lie about in the order of reading. The copies lie in the order of their use, by the system
+            // below and by callers later.
+            __builtin_prefetch(entries[std::min(i + kNamesAhead, entries.size() - 1)].name);
+            entries[i].name = names.add(entries[i].name);
+            if (!lookAt(::dirfd(directory.get()), entries[i], results_.emplace_back())) results_.pop_back();
+        }
         names_.push_back(std::move(names));
         dropNew.dismiss();
         if (before > 0)
