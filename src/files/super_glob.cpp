@@ -3,9 +3,12 @@
 
 #include <traiklofox/super_glob.h>
 
+#include <sys/mman.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "files/glob_pattern.h"
@@ -20,6 +23,19 @@ namespace traiklofox::files {
 namespace {
 
 constexpr size_t kNamesAhead = 8;  // so long before its use a name is fetched from memory
+constexpr size_t kPageSize = 4096;
+constexpr size_t kLargePageSize = size_t{2} << 20;
+
+/// Asks the system for large pages under records that are about to be made: where the heap returned its memory to the
+/// system, as it does with more than 512 KiB on 32 bits, ordinary ones would take a fault for every 40 records.
+void preferLargePages(const KZGlobResult* begin, const KZGlobResult* end) {
+    const auto start = (reinterpret_cast<std::uintptr_t>(begin) + kPageSize - 1) & ~(kPageSize - 1);
+    const auto limit = reinterpret_cast<std::uintptr_t>(end) & ~(kPageSize - 1);
+    if (limit < start + kLargePageSize) return;
+    const int error = errno;
+    (void)::madvise(reinterpret_cast<void*>(start), limit - start, MADV_HUGEPAGE);  // a hint
+    errno = error;
+}
 
 void take(const struct statx& status, KZGlobResult& result) {
     result.mode = status.stx_mode;
@@ -77,6 +93,7 @@ class GlobState {
         const size_t before = results_.size();
         auto dropNew = foundation::onExit([&] { results_.resize(before); });
         results_.reserve(before + entries.size());
+        preferLargePages(results_.data() + before, results_.data() + results_.capacity());
         NameStore names;
         for (size_t i = 0; i < entries.size(); ++i) {
             // The names lie about in the order of reading. The copies lie in the order of their use, by the system

@@ -242,7 +242,8 @@ TEST_F(FileSearch, NamesAreInTheOrderOfTheirBytes) {
     for (const char* tail : {"", "a", "b", "aa", "\xc3\xa4", "\x01", "12345678", "123456789", "1234567", "-"})
         for (const std::string& head : {std::string(), word, word + word, word + "v", word.substr(1)})
             names.push_back(head + tail);
-    for (int i = 0; i < 300; ++i) names.push_back("entry-with-a-number-" + std::to_string(i * 7919 % 1000));
+    for (int i = 0; i < 1200; ++i)
+        names.push_back("a-numbered-entry-" + std::to_string(i * 79'199 % 100'003));
     std::erase(names, "");
     std::ranges::sort(names);
     names.erase(std::unique(names.begin(), names.end()), names.end());
