@@ -122,10 +122,14 @@ void Semaphore::noteWaiters() {
 }
 
 DWORD Semaphore::WaitForHandle(DWORD milliseconds, BOOL alertable) {
-    return tryTake() ? WAIT_OBJECT_0 : waitToTake(milliseconds, alertable);
+    if (tryTake()) [[likely]]
+        return WAIT_OBJECT_0;
+    return waitToTake(milliseconds, alertable);
 }
 
-DWORD Semaphore::waitToTake(DWORD milliseconds, BOOL alertable) {
+// Out of line, as releaseToWaiters is: it takes over its caller's arguments where they are, which costs the short way
+// no register to save.
+[[gnu::noinline]] DWORD Semaphore::waitToTake(DWORD milliseconds, BOOL alertable) {
     return traiklofox::kernel::waitWithin(
         milliseconds, alertable,
         [this](const timespec* deadline, BOOL alerts) { return block(deadline, alerts); });
@@ -154,14 +158,15 @@ BOOL Semaphore::Release(LONG amount, LONG* previous) {
     DWORD seen = state.load(std::memory_order_relaxed);
     do {
         if (amount > maxCount - countIn(seen)) return 0;
-        if (seen & kWatched) return releaseToWaiters(amount, previous);
+        if (seen & kWatched) [[unlikely]]
+            return releaseToWaiters(amount, previous);
     } while (!state.compare_exchange_weak(seen, seen + static_cast<DWORD>(amount), std::memory_order_acq_rel,
                                           std::memory_order_relaxed));
     if (previous != nullptr) *previous = countIn(seen);
     return 1;
 }
 
-BOOL Semaphore::releaseToWaiters(LONG amount, LONG* previous) {
+[[gnu::noinline]] BOOL Semaphore::releaseToWaiters(LONG amount, LONG* previous) {
     WakeList woken;
     const Section section(*this);
     DWORD seen = state.load(std::memory_order_relaxed);
@@ -181,7 +186,7 @@ Handle* CreateSemaphore(_SECURITY_ATTRIBUTES*, LONG initialCount, LONG maxCount,
     return new Semaphore(initialCount, maxCount, name);
 }
 
-BOOL ReleaseSemaphore(Handle* handle, LONG count, LONG* previous) {
+[[gnu::flatten]] BOOL ReleaseSemaphore(Handle* handle, LONG count, LONG* previous) {
     if (count < 1) return 0;
     auto* semaphore = handleAs<Semaphore>(handle, HANDLE_KIND_SEMAPHORE);
     return semaphore != nullptr ? semaphore->Release(count, previous) : 0;
