@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/epoll.h>
 #include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -218,6 +219,16 @@ inline int waitid(idtype_t which, id_t id, siginfo_t* information, int options) 
 /// A descriptor that is readable once the process has ended.
 inline int pidfdOpen(pid_t process) {
     return ::pidfd_open(process, 0);
+}
+inline int epollCreate() {
+    return ::epoll_create1(EPOLL_CLOEXEC);
+}
+inline int epollControl(int epoll, int operation, int descriptor, epoll_event* event) {
+    return ::epoll_ctl(epoll, operation, descriptor, event);
+}
+/// Those events that are there, without waiting for any.
+inline int epollTake(int epoll, epoll_event* events, size_t count) {
+    return ::epoll_wait(epoll, events, static_cast<int>(count), /*timeout=*/0);
 }
 /// Returns an error number.
 inline int posixSpawn(pid_t* process, const char* program, const posix_spawnattr_t* attributes,
