@@ -23,10 +23,6 @@ constexpr DATE valueOf(LONG day, double fraction) {
     return day < 0 ? day - fraction : day + fraction;
 }
 
-/// `VarUdateFromDate`. By reference, because on 32-bit x86 a double that was just passed on the stack, in halves,
-/// is slow to load.
-HRESULT unpackValue(const double& value, tagUDS& fields);
-
 constexpr bool isLeapYear(int year) {
     return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
 }

@@ -40,6 +40,11 @@ bool testClass(LCID locale, int byte, unsigned classes, const char* function) {
 
 }  // namespace
 
+const tagDATEINFO& listedDateInfo(LCID locale, const char* location) {
+    if (!isInitForLocale(locale)) throw CDateTimeException("Locale is not properly initialized", location);
+    return getDateInfo(locale);
+}
+
 }  // namespace traiklofox::locale
 
 using namespace traiklofox::locale;

@@ -187,7 +187,6 @@ HRESULT parseDate(const char* text, const tagDATEINFO& info, DWORD flags, double
 }  // namespace traiklofox::locale
 
 HRESULT sarnu_VarDateFromStr(const char* text, LCID locale, DWORD flags, double* value) {
-    if (!isInitForLocale(locale))
-        throw CDateTimeException("Locale is not properly initialized", "CDateTime::ParseDateTime");
-    return traiklofox::locale::parseDate(text, getDateInfo(locale), flags, value);
+    return traiklofox::locale::parseDate(
+        text, traiklofox::locale::dateInfoFor(locale, "CDateTime::ParseDateTime"), flags, value);
 }

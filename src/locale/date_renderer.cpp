@@ -2,21 +2,86 @@
 
 #include "locale/date_renderer.h"
 
+#include <array>
 #include <cstdlib>
-#include <cstring>
+#include <utility>
 
-#include "locale/calendar.h"
 #include "locale/date_info.h"
 #include "locale/month_genitives.h"
+#include "locale/unpack.h"
 
 namespace traiklofox::locale {
 
 namespace {
 
-constexpr size_t kLongestText = 128;
+/// What a part of a picture stands for.
+enum class Part {
+    Literal,
+    Separator,
+    Month,
+    MonthOfTwoDigits,
+    ShortMonth,
+    LongMonth,
+    Day,
+    DayOfTwoDigits,
+    ShortWeekday,
+    LongWeekday,
+    ShortYear,
+    Year,
+};
 
-bool isMonthLetter(char letter) {
+struct PicturePart {
+    Part part;
+    const char* literal;
+    size_t length;     ///< of the literal
+    const char* rest;  ///< of the picture
+};
+
+constexpr bool isMonthLetter(char letter) {
     return letter == 'M' || letter == 'm';
+}
+
+constexpr PicturePart literalOf(const char* text, size_t length, const char* rest) {
+    return {Part::Literal, text, length, rest};
+}
+
+/// Text up to the next quote, which is left out.
+constexpr PicturePart quotedPart(const char* text) {
+    const char* end = text;
+    while (*end != '\0' && *end != '\'') ++end;
+    return literalOf(text, static_cast<size_t>(end - text), *end == '\'' ? end + 1 : end);
+}
+
+/// The part that one to four letters stand for: `first` and those behind it.
+template <class IsLetter>
+constexpr PicturePart partOfLetters(const char* picture, Part first, IsLetter isLetter) {
+    int letters = 1;
+    while (letters < 4 && isLetter(picture[letters])) ++letters;
+    return {static_cast<Part>(static_cast<int>(first) + letters - 1), "", 0, picture + letters};
+}
+
+/// The first part of a picture that is not empty.
+constexpr PicturePart firstPart(const char* picture) {
+    if (*picture == '\'') return quotedPart(picture + 1);
+    if (*picture == '/') return {Part::Separator, "", 0, picture + 1};
+    if (isMonthLetter(*picture)) return partOfLetters(picture, Part::Month, isMonthLetter);
+    if (*picture == 'd') return partOfLetters(picture, Part::Day, [](char letter) { return letter == 'd'; });
+    if (picture[0] != 'y' || picture[1] != 'y') return literalOf(picture, 1, picture + 1);
+    if (picture[2] == 'y' && picture[3] == 'y') return {Part::Year, "", 0, picture + 4};
+    return {Part::ShortYear, "", 0, picture + 2};
+}
+
+/// The parts of a picture of three numbers.
+using NumericPicture = std::array<Part, 5>;
+
+constexpr NumericPicture partsOf(const char* picture) {
+    NumericPicture parts{};
+    for (Part& part : parts) {
+        const PicturePart found = firstPart(picture);
+        part = found.part;
+        picture = found.rest;
+    }
+    return parts;
 }
 
 /// Whether a day's letter occurs outside quotes.
@@ -29,115 +94,102 @@ bool hasDayLetter(const char* picture) {
     return false;
 }
 
+template <class Out>
 class DateRendering {
   public:
-    DateRendering(const tagUDS& date, TextOut& out, const tagDATEINFO& info)
+    DateRendering(const tagUDS& date, Out& out, const tagDATEINFO& info)
         : date_(date), out_(out), info_(info) {}
 
-    void render(const char* picture) {
+    void put(const char* picture) {
         while (*picture != '\0') {
-            if (*picture == '\'')
-                picture = literal(picture + 1);
-            else if (isMonthLetter(*picture))
-                picture = month(picture);
-            else if (*picture == 'd')
-                picture = day(picture);
-            else if (picture[0] == 'y' && picture[1] == 'y')
-                picture = year(picture);
-            else
-                character(*picture++);
+            const PicturePart part = firstPart(picture);
+            put(part);
+            picture = part.rest;
+        }
+    }
+
+    void put(const PicturePart& part) {
+        switch (part.part) {
+            case Part::Literal: return out_.put(part.literal, part.length);
+            case Part::Separator: return out_.put(info_.dateSeparator[0] != '\0' ? info_.dateSeparator : "/");
+            case Part::Month: return out_.putNumber(date_.wMonth);
+            case Part::MonthOfTwoDigits: return out_.putTwoDigits(date_.wMonth);
+            case Part::ShortMonth: return putMonth(info_.shortMonths);
+            case Part::LongMonth: return putLongMonth(part.rest);
+            case Part::Day: dayRendered_ = true; return out_.putNumber(date_.wDay);
+            case Part::DayOfTwoDigits: dayRendered_ = true; return out_.putTwoDigits(date_.wDay);
+            case Part::ShortWeekday: dayRendered_ = true; return putWeekday(info_.shortDays);
+            case Part::LongWeekday: dayRendered_ = true; return putWeekday(info_.longDays);
+            case Part::ShortYear: return putShortYear();
+            case Part::Year: return out_.putNumber(date_.wYear);
         }
     }
 
   private:
-    /// Text up to the next quote; returns what is behind that.
-    const char* literal(const char* text) {
-        const char* end = text;
-        while (*end != '\0' && *end != '\'') ++end;
-        out_.put({text, static_cast<size_t>(end - text)});
-        return *end == '\'' ? end + 1 : end;
+    template <size_t Size>
+    void putMonth(const char (&names)[12][Size]) {
+        if (date_.wMonth >= 1 && date_.wMonth <= 12) out_.put(names[date_.wMonth - 1]);
     }
 
-    const char* month(const char* picture) {
-        int letters = 1;
-        while (letters < 4 && isMonthLetter(picture[letters])) ++letters;
-        const char* rest = picture + letters;
+    template <size_t Size>
+    void putWeekday(const char (&names)[7][Size]) {
+        if (date_.wDayOfWeek < 7) out_.put(names[date_.wDayOfWeek]);
+    }
+
+    void putLongMonth(const char* rest) {
         const bool isKnown = date_.wMonth >= 1 && date_.wMonth <= 12;
-        if (letters <= 2)
-            number(date_.wMonth, letters);
-        else if (isKnown)
-            out_.put(letters == 3 ? info_.shortMonths[date_.wMonth - 1] : longMonth(rest));
-        return rest;
+        const char* genitive = isKnown ? genitiveOf(date_.wMonth, info_.lcid) : nullptr;
+        if (genitive != nullptr && (dayRendered_ || hasDayLetter(rest)))
+            out_.put(genitive);
+        else
+            putMonth(info_.longMonths);
     }
 
-    const char* longMonth(const char* rest) const {
-        const char* genitive = genitiveOf(date_.wMonth, info_.lcid);
-        if (genitive != nullptr && (dayRendered_ || hasDayLetter(rest))) return genitive;
-        return info_.longMonths[date_.wMonth - 1];
-    }
-
-    const char* day(const char* picture) {
-        int letters = 1;
-        while (letters < 4 && picture[letters] == 'd') ++letters;
-        dayRendered_ = true;
-        if (letters <= 2)
-            number(date_.wDay, letters);
-        else if (date_.wDayOfWeek < 7)
-            out_.put(letters == 3 ? info_.shortDays[date_.wDayOfWeek] : info_.longDays[date_.wDayOfWeek]);
-        return picture + letters;
-    }
-
-    const char* year(const char* picture) {
-        const bool isFull = picture[2] == 'y' && picture[3] == 'y';
-        if (!isFull && date_.wYear >= 1900 && date_.wYear <= 1999)
+    void putShortYear() {
+        if (date_.wYear >= 1900 && date_.wYear <= 1999)
             out_.putTwoDigits(date_.wYear - 1900U);
         else
             out_.putNumber(date_.wYear);
-        return picture + (isFull ? 4 : 2);
-    }
-
-    void character(char literal) {
-        if (literal == '/' && info_.dateSeparator[0] != '\0')
-            out_.put(info_.dateSeparator);
-        else
-            out_.put(literal);
-    }
-
-    void number(unsigned value, int digits) {
-        if (digits == 2)
-            out_.putTwoDigits(value);
-        else
-            out_.putNumber(value);
     }
 
     const tagUDS& date_;
-    TextOut& out_;
+    Out& out_;
     const tagDATEINFO& info_;
     bool dayRendered_ = false;
 };
 
-/// The packed form of the usual case is written at once.
-void putColonAnd(unsigned number, TextOut& out) {
-    if (number < 100) return out.putPacked(':' | TextOut::twoDigits(number) << 8, 3);
-    out.put(':');
-    out.putNumber(number);
+/// Renders the date in numbers. Each part is a constant, so that nothing of the picture is left to do.
+template <const NumericPicture& kParts, class Out>
+void putNumbers(const tagUDS& date, Out& out, const tagDATEINFO& info) {
+    DateRendering<Out> rendering(date, out, info);
+    [&]<size_t... kIndex>(std::index_sequence<kIndex...>) {
+        (rendering.put({kParts[kIndex], "", 0, ""}), ...);
+    }
+    (std::make_index_sequence<kParts.size()>());
 }
 
-const char* pictureOf(int dateOrder) {
-    switch (dateOrder) {
-        case DATE_ORDER_MDY: return "m/d/yy";
-        case DATE_ORDER_DMY: return "d/m/yy";
-        default: return "yy/m/d";
+constexpr NumericPicture kMonthDayYear = partsOf("m/d/yy");
+constexpr NumericPicture kDayMonthYear = partsOf("d/m/yy");
+constexpr NumericPicture kYearMonthDay = partsOf("yy/m/d");
+
+template <class Out>
+void putNumbers(const tagUDS& date, Out& out, const tagDATEINFO& info) {
+    switch (info.dateOrder) {
+        case DATE_ORDER_MDY: return putNumbers<kMonthDayYear>(date, out, info);
+        case DATE_ORDER_DMY: return putNumbers<kDayMonthYear>(date, out, info);
+        default: return putNumbers<kYearMonthDay>(date, out, info);
     }
 }
 
 }  // namespace
 
-void RenderDate(const tagUDS& date, const char* picture, TextOut& out, const tagDATEINFO& info) {
-    DateRendering(date, out, info).render(picture);
+template <class Out>
+void RenderDate(const tagUDS& date, const char* picture, Out& out, const tagDATEINFO& info) {
+    DateRendering<Out>(date, out, info).put(picture);
 }
 
-void RenderTime(const tagUDS& time, TextOut& out, const tagDATEINFO& info) {
+template <class Out>
+void RenderTime(const tagUDS& time, Out& out, const tagDATEINFO& info) {
     unsigned hour = time.wHour;
     if (info.twelveHourClock) {
         if (hour >= 13 && hour <= 23) hour -= 12;
@@ -147,49 +199,66 @@ void RenderTime(const tagUDS& time, TextOut& out, const tagDATEINFO& info) {
         out.putTwoDigits(hour);
     else
         out.putNumber(hour);
-    putColonAnd(time.wMinute, out);
-    putColonAnd(time.wSecond, out);
+    out.putColonAndTwoDigits(time.wMinute);
+    out.putColonAndTwoDigits(time.wSecond);
 
-    const char* designator = "";
-    if (info.twelveHourClock)
-        designator = time.wHour < 12 ? info.amDesignator : info.pmDesignator;
-    else if (info.designatorsEqual)
-        designator = info.pmDesignator;
+    if (!info.twelveHourClock && !info.designatorsEqual) return;
+    const bool isAm = info.twelveHourClock && time.wHour < 12;
+    const char* designator = isAm ? info.amDesignator : info.pmDesignator;
     if (*designator == '\0') return;
     out.put(' ');
     out.put(designator);
 }
 
-std::string_view renderValue(const double& value, const tagDATEINFO& info, DWORD flags, TextOut& out) {
-    tagUDS fields{};
-    if (unpackValue(value, fields) != S_OK) return out.text();
-    const bool isZeroDate = fields.wYear == 1899 && fields.wMonth == 12 && fields.wDay == 30;
-    if (isZeroDate || (flags & VAR_TIMEVALUEONLY) != 0) {
-        RenderTime(fields, out, info);
-        return out.text();
-    }
-    RenderDate(fields, pictureOf(info.dateOrder), out, info);
-    const bool isMidnight = fields.wHour == 0 && fields.wMinute == 0 && fields.wSecond == 0;
-    if (!isMidnight && (flags & VAR_DATEVALUEONLY) == 0) {
-        out.put(' ');
-        RenderTime(fields, out, info);
-    }
-    return out.text();
+template void RenderDate(const tagUDS&, const char*, TextLength&, const tagDATEINFO&);
+template void RenderDate(const tagUDS&, const char*, TextOut&, const tagDATEINFO&);
+template void RenderTime(const tagUDS&, TextLength&, const tagDATEINFO&);
+template void RenderTime(const tagUDS&, TextOut&, const tagDATEINFO&);
+
+namespace {
+
+/// What of a value is rendered.
+struct Parts {
+    bool date;
+    bool time;
+};
+
+Parts partsToRender(const tagUDS& fields, DWORD flags) {
+    const bool isZeroDate = fields.wDay == 30 && fields.wMonth == 12 && fields.wYear == 1899;
+    if (isZeroDate || (flags & VAR_TIMEVALUEONLY) != 0) return {.date = false, .time = true};
+    const bool isMidnight = (fields.wHour | fields.wMinute | fields.wSecond) == 0;
+    return {.date = true, .time = !isMidnight && (flags & VAR_DATEVALUEONLY) == 0};
+}
+
+template <class Out>
+void render(const tagUDS& fields, Parts parts, Out& out, const tagDATEINFO& info) {
+    if (parts.date) putNumbers(fields, out, info);
+    if (parts.date && parts.time) out.put(' ');
+    if (parts.time) RenderTime(fields, out, info);
+}
+
+}  // namespace
+
+char* renderValue(double value, const tagDATEINFO& info, DWORD flags) {
+    tagUDS fields;
+    Parts parts{};
+    if (unpackValue(value, fields) == S_OK) parts = partsToRender(fields, flags);
+    TextLength length;
+    render(fields, parts, length, info);
+    char* text = static_cast<char*>(std::malloc(length.length() + 1));
+    if (text == nullptr) return nullptr;
+    TextOut out(text);
+    render(fields, parts, out, info);
+    out.end();
+    return text;
 }
 
 }  // namespace traiklofox::locale
 
 using namespace traiklofox::locale;
 
-HRESULT sarnu_VarBstrFromDate(double value, LCID locale, DWORD flags, char** text) {
-    if (!isInitForLocale(locale))
-        throw CDateTimeException("Locale is not properly initialized", "CDateTime::Format");
-    char room[kLongestText];
-    TextOut out(room, sizeof room);
-    const std::string_view rendered = renderValue(value, getDateInfo(locale), flags, out);
-    *text = static_cast<char*>(std::malloc(rendered.size() + 1));
-    if (*text == nullptr) return S_OK;
-    std::memcpy(*text, rendered.data(), rendered.size());
-    (*text)[rendered.size()] = '\0';
+// Flat, so that the fields and the place to write to are kept in registers.
+__attribute__((flatten)) HRESULT sarnu_VarBstrFromDate(double value, LCID locale, DWORD flags, char** text) {
+    *text = renderValue(passed(value), dateInfoFor(locale, "CDateTime::Format"), flags);
     return S_OK;
 }

@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
 #include <string>
 
 #include "locale/conventions.h"
@@ -12,22 +11,11 @@
 
 using namespace traiklofox::locale;
 using traiklofox::test::inOrder;
+using traiklofox::test::inPicture;
+using traiklofox::test::rendered;
 using traiklofox::test::uds;
 
 namespace {
-
-std::string rendered(double value, const tagDATEINFO& info, DWORD flags = 0) {
-    char room[128];
-    TextOut out(room, sizeof room);
-    return std::string(renderValue(value, info, flags, out));
-}
-
-std::string inPicture(const char* picture, const tagUDS& date, const tagDATEINFO& info) {
-    char room[256];
-    TextOut out(room, sizeof room);
-    RenderDate(date, picture, out, info);
-    return std::string(out.text());
-}
 
 double packed(const tagUDS& fields) {
     tagVARIANT value{};
