@@ -54,10 +54,12 @@ std::optional<LONG> openHandle(KeyRef key) {
     const LockGuard guard(openKeysLock);
     RegKey::Opening& open = key->open;
     if (key->isDead()) return std::nullopt;
-    if (open.count++ > 0) return open.number;
-    open.number = numberToOpen(*key);
-    OpenKeyMap().insert(hashOf(open.number), key.get());
-    open.self = std::move(key);
+    if (open.count == 0) {
+        open.number = numberToOpen(*key);
+        OpenKeyMap().insert(hashOf(open.number), key.get());  // without memory for that, the key stays closed
+        open.self = std::move(key);
+    }
+    ++open.count;
     return open.number;
 }
 

@@ -1,9 +1,7 @@
 // Writers that are killed, at any system call or at any moment, lose nothing that was acknowledged, and block nobody.
 
 #include <sched.h>
-#include <sys/ipc.h>
 #include <sys/mount.h>
-#include <sys/sem.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -22,32 +20,14 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Moment = KillAtCall::Moment;
-using registry::ShmStruct;
 namespace fs = std::filesystem;
-
-/// The lines of the file that its reader would not take as they look.
-class BadLines : public RegFileVisitor {
-  public:
-    explicit BadLines(const std::string& path) { EXPECT_EQ(RegVisitFile(path.c_str(), *this), 1); }
-    void onKey(DWORD, const CKZString&, LONG) override {}
-    void onValue(DWORD, const RegValueList&) override {}
-    void onDefect(DWORD line, const char* what) override {
-        all_ += std::to_string(line) + ": " + what + "\n";
-    }
-    const std::string& all() const { return all_; }
-
-  private:
-    std::string all_;
-};
 
 class Killing : public StartedRegistryTest {
   protected:
     /// What must hold whoever was killed at whatever moment.
-    void expectWholeAndFree() const {
+    void expectWholeAndFree() {
         (void)fileKeys();  // throws unless every line is laid out as it should be
-        EXPECT_EQ(BadLines(file()).all(), "");
-        const int semaphore = ::semget(::ftok("/usr/lib/tarnwell/twml_data.dat", 1), 1, 0);
-        EXPECT_EQ(::semctl(semaphore, 0, GETVAL), 1);
+        EXPECT_EQ(semaphoreValue(), 1);
         setText(key, "survivor", std::to_string(++writes_));
         ASSERT_EQ(RegFlushKey(key), 0);
         EXPECT_EQ(inFile("survivor"), std::to_string(writes_));
@@ -55,7 +35,7 @@ class Killing : public StartedRegistryTest {
     }
 
   private:
-    mutable int writes_ = 0;
+    int writes_ = 0;
 };
 
 /// Writes one value; then dies at the call number `args[1]` of writing another.
@@ -74,8 +54,7 @@ TEST_F(Killing, AtAnySystemCallOfAWriteLosesNothingAcknowledged) {
         for (bool killed = true; killed; ++onCall) {
             const std::string number = std::to_string(onCall);
             SCOPED_TRACE(moment + (" call " + number));
-            RoleProcess writer("diesWhileItWrites", {moment, number});
-            const ExitStatus status = writer.wait();
+            const ExitStatus status = RoleProcess("diesWhileItWrites", {moment, number}).wait();
             killed = status == ExitStatus::killedBy(SIGKILL);
             EXPECT_TRUE(killed || status == ExitStatus::exited(0)) << status;
             EXPECT_EQ(inFile("acknowledged"), number);
@@ -104,11 +83,9 @@ TEST_ROLE(startsAfterOneThatDied) {
         ::mount("tmpfs", "/usr/lib/tarnwell", "tmpfs", MS_NOSUID, nullptr) != 0)
         return 1;
     ::setenv("TWHOME", args.at(1).c_str(), /*overwrite=*/1);
-    RoleProcess first("diesWhileItStarts", {args.at(0)});
-    const ExitStatus status = first.wait();
+    const ExitStatus status = RoleProcess("diesWhileItStarts", {args.at(0)}).wait();
     std::vector<Peer> next(2);
-    next[0].tell({"setMany", kExample, "a", "20"});
-    next[1].tell({"setMany", kExample, "b", "20"});
+    for (Peer& peer : next) peer.tell({"setMany", kExample, &peer == &next[0] ? "a" : "b", "20"});
     for (Peer& peer : next) EXPECT_EQ(peer.answer(), "0");
     const FileKeys keys = parseRegistry(readText(args.at(1) + "/registry/tw.registry"));
     EXPECT_EQ(keys.at(kExamplePath).size(), 41u);  // with the template's one
@@ -165,7 +142,7 @@ bool takeStep(HKEY key, int step) {
     return RegFlushKey(key) == 0;
 }
 
-/// What the file then holds of the writer: by value's name, or by key and name.
+/// What the file holds of a writer: by value's name, or by key.
 using State = std::map<std::string, std::string>;
 
 State stateAfter(int lastStep) {
@@ -188,76 +165,47 @@ TEST_ROLE(writesAndTells) {
     return 0;
 }
 
-class Writer {
-  public:
-    explicit Writer(int number) : name_("w" + std::to_string(number)) { start(); }
+struct Writer {
+    std::string name;
+    int last = 0;
+    std::unique_ptr<RoleProcess> process{};
 
     void start() {
-        process_ =
-            std::make_unique<RoleProcess>("writesAndTells", RoleArguments{name_, std::to_string(last_ + 1)});
+        process =
+            std::make_unique<RoleProcess>("writesAndTells", RoleArguments{name, std::to_string(last + 1)});
     }
-    pid_t pid() const { return process_->pid(); }
     /// Takes down what it has told until now; with a `wait`, until its end.
     void listen(std::chrono::milliseconds wait = 0ms) {
-        while (const auto line = process_->readLine(wait)) last_ = std::stoi(*line);
+        while (const auto line = process->readLine(wait)) last = std::stoi(*line);
     }
-    void killAndRestart() {
-        process_->kill(SIGKILL);
-        EXPECT_EQ(process_->wait(), ExitStatus::killedBy(SIGKILL)) << name_ << " failed";
+    void expectEnd(ExitStatus expected) {
         listen(kPeerTimeout);
-        start();
-    }
-    void stop() {
-        EXPECT_TRUE(process_->writeLine("stop"));
-        listen(kPeerTimeout);
-        EXPECT_EQ(process_->wait(), ExitStatus::exited(0)) << name_ << " was blocked or failed";
+        EXPECT_EQ(process->wait(), expected) << name << " was blocked or failed";
     }
     /// Everything is as after its last step, or as after one more, whose telling its end forestalled.
     void check(const FileKeys& keys) const {
-        const State told = stateAfter(last_);
-        const State oneMore = stateAfter(last_ + 1);
-        const State found = stateIn(keys);
-        State names = told;
-        names.insert(oneMore.begin(), oneMore.end());
-        names.insert(found.begin(), found.end());
-        for (const auto& [name, any] : names) {
-            const std::string text = textIn(found, name);
-            EXPECT_TRUE(text == textIn(told, name) || text == textIn(oneMore, name))
-                << name_ << ", told step " << last_ << ": " << name << " is " << text;
-        }
-    }
-    int last() const { return last_; }
-
-  private:
-    static std::string textIn(const State& state, const std::string& name) {
-        const auto entry = state.find(name);
-        return entry != state.end() ? entry->second : "(none)";
-    }
-    State stateIn(const FileKeys& keys) const {
-        const std::string own = std::string(kExamplePath) + "\\" + name_;
-        State state;
-        if (!keys.contains(own)) return state;
-        for (const auto& [name, value] : keys.at(own)) state[name] = value.data;
+        const std::string own = std::string(kExamplePath) + "\\" + name;
+        State found;
+        for (const auto& [value, content] : keys.at(own)) found[value] = content.data;
         for (int i = 0; i < kSubkeys; ++i)
             if (const auto key = keys.find(own + "\\" + subkeyOf(i)); key != keys.end())
-                state[subkeyOf(i)] =
-                    key->second.contains("step") ? key->second.at("step").data : "(no value)";
-        return state;
+                found[subkeyOf(i)] = key->second.at("step").data;
+        State told = stateAfter(last), oneMore = stateAfter(last + 1), names = told;
+        names.merge(State(oneMore));
+        names.merge(State(found));
+        for (const auto& [value, any] : names)
+            EXPECT_TRUE(found[value] == told[value] || found[value] == oneMore[value])
+                << name << ", told step " << last << ": " << value << " is " << found[value];
     }
-
-    std::string name_;
-    std::unique_ptr<RoleProcess> process_;
-    int last_ = 0;
 };
 
 TEST_F(Killing, AtAnyMomentLosesNothingAcknowledgedAndBlocksNobody) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    Random random(seed);
+    Random random{std::mt19937(seed)};
     std::vector<Writer> writers;
-    for (int i = 0; i < kWriters; ++i) writers.emplace_back(i);
-    int holders = 0;
-    for (int kills = 0; kills < kKills; ++kills) {
+    for (int i = 0; i < kWriters; ++i) writers.emplace_back("w" + std::to_string(i)).start();
+    for (int kills = 0; kills < kKills && !HasFailure(); ++kills) {
         const auto moment = Clock::now() + std::chrono::microseconds{random.below(20'000)};
         do {
             for (Writer& writer : writers) writer.listen();
@@ -265,28 +213,29 @@ TEST_F(Killing, AtAnyMomentLosesNothingAcknowledgedAndBlocksNobody) {
         } while (Clock::now() < moment);
         auto victim = writers.begin() + random.below(kWriters);
         if (random.below(2) == 0) {  // rather the one that has the lock
-            const auto findHolder = [&] {
-                const auto holder = static_cast<pid_t>(ShmStruct()->lockHolder.load());
-                victim = std::ranges::find(writers, holder, &Writer::pid);
-                return victim != writers.end();
-            };
-            if (!within(1s, findHolder)) victim = writers.begin();
-            ++holders;
+            (void)within(1s, [&] {
+                const auto holder = static_cast<pid_t>(registry::ShmStruct()->lockHolder.load());
+                const auto found =
+                    std::ranges::find(writers, holder, [](const Writer& w) { return w.process->pid(); });
+                if (found != writers.end()) victim = found;
+                return found != writers.end();
+            });
         }
-        victim->killAndRestart();
+        victim->process->kill(SIGKILL);
+        victim->expectEnd(ExitStatus::killedBy(SIGKILL));
+        victim->start();
         (void)fileKeys();  // throws unless the file is whole
         EXPECT_LE(otherFiles().size(), 2u * kWriters);
-        if (HasFailure()) return;
     }
-    for (Writer& writer : writers) writer.stop();
     int steps = 0;
-    const FileKeys keys = fileKeys();
-    for (const Writer& writer : writers) {
-        writer.check(keys);
-        steps += writer.last();
+    for (Writer& writer : writers) {
+        EXPECT_TRUE(writer.process->writeLine("stop"));
+        writer.expectEnd(ExitStatus::exited(0));
+        steps += writer.last;
     }
-    std::cout << steps << " steps by " << kWriters << " writers, " << kKills << " of them killed, " << holders
-              << " with the lock\n";
+    const FileKeys keys = fileKeys();
+    for (const Writer& writer : writers) writer.check(keys);
+    std::cout << steps << " steps by " << kWriters << " writers, " << kKills << " of them killed\n";
     EXPECT_GT(steps, kKills);
     expectWholeAndFree();
     EXPECT_EQ(textAt(kExample, "Name"), "primary");

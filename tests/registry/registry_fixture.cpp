@@ -1,9 +1,10 @@
 #include "registry/registry_fixture.h"
 
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <functional>
 #include <stdexcept>
 
 #include "registry/registry_line.h"
@@ -22,33 +23,29 @@ Names split(const std::string& text, char separator) {
     return parts;
 }
 
-/// Sets `count` values, each written before the next; how many were not.
-int setMany(const std::string& path, const std::string& prefix, int count) {
-    int failures = 0;
-    const OpenKey key(path);
-    for (int i = 0; i < count; ++i)
-        if (setText(key, prefix + std::to_string(i), "x") != 0 || RegFlushKey(key) != 0) ++failures;
-    return failures;
-}
-
 using Command = std::string (*)(const Names& words);
 using std::to_string;
 
 const std::map<std::string, Command>& peerCommands() {
+    // clang-format off
     static const auto& commands = *new std::map<std::string, Command>{
         {"set", [](const Names& w) { return to_string(setText(OpenKey(w.at(1)), w.at(2), w.at(3))); }},
-        {"setMany", [](const Names& w) { return to_string(setMany(w.at(1), w.at(2), std::stoi(w.at(3)))); }},
         {"get", [](const Names& w) { return textAt(w.at(1), w.at(2)).value_or("(none)"); }},
-        {"delete",
-         [](const Names& w) { return to_string(RegDeleteValue(OpenKey(w.at(1)), w.at(2).c_str())); }},
-        {"create",
-         [](const Names& w) { return to_string(OpenKey::createBelow(OpenKey(w.at(1)), w.at(2)) != 0); }},
-        {"deleteKey",
-         [](const Names& w) { return to_string(RegDeleteKey(OpenKey(w.at(1)), w.at(2).c_str())); }},
+        {"delete", [](const Names& w) { return to_string(RegDeleteValue(OpenKey(w.at(1)), w.at(2).c_str())); }},
+        {"create", [](const Names& w) { return to_string(OpenKey::createBelow(OpenKey(w.at(1)), w.at(2)) == 0); }},
+        {"deleteKey", [](const Names& w) { return to_string(RegDeleteKey(OpenKey(w.at(1)), w.at(2).c_str())); }},
         {"exists", [](const Names& w) { return to_string(keyExists(w.at(1))); }},
         {"lock", [](const Names&) { return to_string(RegLockCache(REG_LOCK_EXCLUSIVE)); }},
         {"unlock", [](const Names&) { return to_string(RegUnlockCache(REG_LOCK_EXCLUSIVE)); }},
+        {"setMany", [](const Names& w) {  // each written before the next; tells how many were not
+            int failures = 0;
+            const OpenKey key(w.at(1));
+            for (int i = 0; i < std::stoi(w.at(3)); ++i)
+                failures += setText(key, w.at(2) + to_string(i), "x") != 0 || RegFlushKey(key) != 0;
+            return to_string(failures);
+        }},
     };
+    // clang-format on
     return commands;
 }
 
@@ -67,7 +64,7 @@ OpenKey::OpenKey(const std::string& path, REGSAM access) {
 }
 
 OpenKey::~OpenKey() {
-    if (isOpen()) (void)close();
+    if (handle_ != 0) (void)close();
 }
 
 OpenKey OpenKey::createBelow(HKEY parent, const std::string& path) {
@@ -80,7 +77,7 @@ OpenKey OpenKey::createBelow(HKEY parent, const std::string& path) {
 }
 
 bool keyExists(const std::string& path) {
-    return OpenKey(path, KEY_READ).isOpen();
+    return OpenKey(path, KEY_READ) != 0;
 }
 
 LONG setText(HKEY key, const std::string& name, std::string_view text) {
@@ -153,6 +150,13 @@ FileKeys parseRegistry(const std::string& text) {
     return keys;
 }
 
+int semaphore() {
+    return ::semget(::ftok("/usr/lib/tarnwell/twml_data.dat", 1), 1, 0);
+}
+int semaphoreValue() {
+    return ::semctl(semaphore(), 0, GETVAL);
+}
+
 std::string keyLine(const std::string& path, const std::string& number) {
     return "hkey_local_machine" + (path.empty() ? "" : "\\" + path) + ":" + number + "\n";
 }
@@ -172,11 +176,6 @@ void RegistryTest::SetUp() {
                                   keyLine(kExample, "1000003") + valueLine("Name", "primary"));
     ::chmod(templateFile().c_str(), 0640);
     ::setenv("TWHOME", home().c_str(), /*overwrite=*/1);
-}
-
-void StartedRegistryTest::SetUp() {
-    RegistryTest::SetUp();
-    if (!IsSkipped()) key = OpenKey(kExample);
 }
 
 std::optional<std::string> RegistryTest::inFile(const std::string& name) const {
@@ -200,15 +199,10 @@ Names RegistryTest::otherFiles() const {
     return names;
 }
 
-std::string Peer::ask(const Names& words) {
-    tell(words);
-    return answer();
-}
-
 void Peer::tell(const Names& words) {
     std::string line;
     for (const std::string& word : words) line += (line.empty() ? "" : "\t") + word;
-    EXPECT_TRUE(process_.writeLine(line)) << line;
+    EXPECT_TRUE(process.writeLine(line)) << line;
 }
 
 void Peer::set(const std::string& name, const std::string& text) {

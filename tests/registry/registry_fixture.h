@@ -32,13 +32,9 @@ constexpr HKEY kUnknown = 0x3ffffff0 | kWriteBit;  // a handle that nobody has
 
 using Names = std::vector<std::string>;
 
-class Random {
-  public:
-    explicit Random(unsigned seed) : engine_(seed) {}
-    DWORD below(DWORD limit) { return static_cast<DWORD>(engine_() % limit); }
-
-  private:
-    std::mt19937 engine_;
+struct Random {
+    std::mt19937 engine;
+    DWORD below(DWORD limit) { return static_cast<DWORD>(engine() % limit); }
 };
 
 /// A key that is open while this lives.
@@ -57,7 +53,6 @@ class OpenKey {
     static OpenKey createBelow(HKEY parent, const std::string& path);
 
     operator HKEY() const { return handle_; }
-    bool isOpen() const { return handle_ != 0; }
     /// Closes it at once; what `RegCloseKey` returns.
     LONG close() { return RegCloseKey(std::exchange(handle_, 0)); }
 
@@ -97,6 +92,10 @@ FileKeys parseRegistry(const std::string& text);
 std::string keyLine(const std::string& path, const std::string& number = "1");
 std::string valueLine(std::string name, std::string text);
 
+/// The registry's semaphore: its identifier, and how many may take it.
+int semaphore();
+int semaphoreValue();
+
 /// An installation directory of the test's own, which TWHOME names, with a template and no registry file yet. The
 /// registry starts once in a process, so each test needs a process of its own, as ctest gives it.
 class RegistryTest : public ::testing::Test {
@@ -124,28 +123,25 @@ class RegistryTest : public ::testing::Test {
 /// The same with kExample open, and so the registry started.
 class StartedRegistryTest : public RegistryTest {
   protected:
-    void SetUp() override;
+    void SetUp() override {
+        RegistryTest::SetUp();
+        if (!IsSkipped()) key = OpenKey(kExample);
+    }
     OpenKey key;
 };
 
 /// Another process that carries out the commands listed in registry_fixture.cpp.
-class Peer {
-  public:
-    Peer() : process_("registryPeer") {}
-    std::string ask(const Names& words);
+struct Peer {
+    RoleProcess process{"registryPeer"};
+
+    std::string ask(const Names& words) { return tell(words), answer(); }
     /// The two halves of `ask`.
     void tell(const Names& words);
-    std::string answer() { return process_.readLine().value_or("(no answer)"); }
-
+    std::string answer() { return process.readLine().value_or("(no answer)"); }
     /// Sets a value of kExample and closes the key, which writes it.
     void set(const std::string& name, const std::string& text);
     /// A value of kExample as it finds it at its next look-up; "(none)" when there is none.
     std::string get(const std::string& name) { return ask({"get", kExample, name}); }
-
-    RoleProcess& process() { return process_; }
-
-  private:
-    RoleProcess process_;
 };
 
 }  // namespace traiklofox::test

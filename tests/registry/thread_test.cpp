@@ -1,6 +1,10 @@
-// Many threads in one registry, threads that are cancelled in it, and processes forked out of it.
+// Many threads in one registry, threads that are cancelled in it, processes forked out of it, and what it may cost.
 
+#include <linux/seccomp.h>
+#include <malloc.h>
 #include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,7 +52,7 @@ TEST_F(Threads, ManyAtOnceKeepTheRegistryWhole) {
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            Random random(t);
+            Random random{std::mt19937(t)};
             const OpenKey own = OpenKey::createBelow(key, "own" + std::to_string(t));
             while (!stop) {
                 ASSERT_TRUE(disturb(key, random));
@@ -91,15 +95,14 @@ void* setAndFlushForEver(void* handle) {
 
 TEST_F(Threads, ACancelledOneLeavesTheRegistryUsable) {
     Peer peer;
-    Random random(7);
+    Random random;
     HKEY handle = key;
     for (int i = 0; i < 50; ++i) {
         pthread_t thread{};
         ASSERT_EQ(::pthread_create(&thread, nullptr, setAndFlushForEver, &handle), 0);
         std::this_thread::sleep_for(
             std::chrono::microseconds{random.below(2000)});  // a random moment of its work
-        ASSERT_EQ(::pthread_cancel(thread), 0);
-        ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+        ASSERT_EQ(::pthread_cancel(thread) + ::pthread_join(thread, nullptr), 0);
         peer.set("v", std::to_string(i));
         ASSERT_EQ(textAt(kExample, "v"), std::to_string(i));
     }
@@ -127,7 +130,7 @@ TEST_F(Threads, AForkedChildCanWorkWhateverItsParentsThreadsWereDoing) {
     // A sanitizer's allocator does not survive a fork while another thread is in it.
     for (unsigned t = 0; t < (kSanitized ? 0 : 3); ++t) {
         threads.emplace_back([&, t] {
-            Random random(t);
+            Random random{std::mt19937(t)};
             while (!stop) {
                 (void)textAt(kExample, "Name");
                 if (random.below(100) == 0) (void)disturb(key, random);
@@ -146,11 +149,8 @@ TEST_F(Threads, AForkedChildCanWorkWhateverItsParentsThreadsWereDoing) {
 // The same, with a thread that is held up in the very middle of an operation.
 TEST_F(Threads, AForkWaitsForThoseWhoAreInAKey) {
     for (const char* path : {"", kExample}) {
-        const OpenKey opened(path);
-        const auto inside = registry::keyOf(opened);
-        std::atomic<bool> held{false};
-        std::atomic<bool> forking{false};
-        std::atomic<bool> forked{false};
+        const auto inside = registry::keyOf(OpenKey(path));
+        std::atomic<bool> held{false}, forking{false}, forked{false};
         std::thread thread([&] {
             {
                 const foundation::LockGuard guard(inside->lock);
@@ -178,7 +178,7 @@ TEST_F(Threads, AForkedChildDoesNotHaveItsParentsLock) {
     EXPECT_EQ(waitFor(releaser), 0);
     const pid_t worker = forkWorker("waited");
     peer.tell({"set", kExample, "v", "1"});
-    EXPECT_EQ(peer.process().readLine(20ms), std::nullopt);
+    EXPECT_EQ(peer.process.readLine(20ms), std::nullopt);
     EXPECT_EQ(::waitpid(worker, nullptr, WNOHANG), 0);
     EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
     EXPECT_EQ(peer.answer(), "0");
@@ -186,23 +186,66 @@ TEST_F(Threads, AForkedChildDoesNotHaveItsParentsLock) {
     EXPECT_EQ(textAt("software\\example\\forked", "waited"), "waited");
 }
 
-class Forking : public RegistryTest {};
+class Starting : public RegistryTest {};
 
-TEST_F(Forking, WhileAnotherThreadStartsTheRegistryWaitsForTheStart) {
+TEST_F(Starting, OtherThreadsAndForksWaitUntilTheFirstHasRead) {
     Peer holder;
     ASSERT_EQ(holder.ask({"lock"}), "1");
-    std::thread starter([] { InitRegistry(0, true); });
+    std::vector<std::thread> threads;
+    threads.emplace_back([] { InitRegistry(0, true); });
     ASSERT_TRUE(withinSeconds(30, [] { return std::atomic_ref(lRegReady).load() == 1; }));
-    std::atomic<bool> forking{false};
-    std::thread forker([&] {
-        forking = true;
-        EXPECT_EQ(waitFor(forkWorker("started")), 0);
-    });
-    ASSERT_TRUE(withinSeconds(30, [&] { return forking.load(); }));
+    std::atomic<int> begun{0};
+    threads.emplace_back([&] { EXPECT_TRUE(++begun > 0 && textAt(kExample, "Name") == "primary"); });
+    threads.emplace_back([&] { EXPECT_TRUE(++begun > 0 && waitFor(forkWorker("started")) == 0); });
+    ASSERT_TRUE(withinSeconds(30, [&] { return begun == 2; }));
     ASSERT_EQ(holder.ask({"unlock"}), "1");
-    starter.join();
-    forker.join();
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(textAt("software\\example\\forked", "started"), "started");
+}
+
+class Cost : public StartedRegistryTest {
+  protected:
+    void SetUp() override {
+        if (kSanitized) GTEST_SKIP() << "a sanitizer makes system calls, and allocates, on its own account";
+        StartedRegistryTest::SetUp();
+    }
+};
+
+TEST_F(Cost, LookUpMakesNoSystemCall) {
+    setText(key, "name", "value");
+    OpenKey::createBelow(key, "deep\\down");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    const pid_t child = ::fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        // From here on the kernel kills the process for any call but read, write and exit.
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT);
+        LONG failed = 0;
+        for (int i = 0; i < 1'000; ++i) {
+            HKEY opened = 0;
+            char text[16];
+            DWORD size = sizeof text;
+            failed |= RegOpenKeyEx(key, "deep\\DOWN", 0, KEY_READ, &opened) | RegCloseKey(opened);
+            failed |= RegQueryValueEx(key, "name", nullptr, nullptr, reinterpret_cast<BYTE*>(text), &size);
+        }
+        syscall(SYS_exit, failed == 0 ? 0 : 1);
+    }
+    EXPECT_EQ(waitFor(child), 0);
+}
+
+TEST_F(Cost, ValueTakesFewBytesOfMemory) {
+    constexpr size_t kKeys = 2'000;
+    constexpr size_t kValues = 5;
+    std::string text = keyLine(kExample);
+    for (size_t number = 0; number < kKeys; ++number) {
+        text += keyLine(std::string(kExample) + "\\group\\key" + std::to_string(number));
+        for (size_t value = 0; value < kValues; ++value)
+            text += valueLine("value" + std::to_string(value), "a text of common length");
+    }
+    const size_t before = mallinfo2().uordblks;
+    replaceFile(text);
+    ASSERT_TRUE(keyExists(std::string(kExample) + "\\group\\key1999"));
+    EXPECT_LT((mallinfo2().uordblks - before) / (kKeys * kValues), 400u);
 }
 
 }  // namespace

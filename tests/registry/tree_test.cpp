@@ -49,31 +49,31 @@ TEST_F(Tree, KeysOnTheWayShareNameAndNumberUntilTheyAreKeysThemselves) {
 }
 
 TEST_F(Tree, BadLinesAreSkippedAndTheRestIsKept) {
-    const Names bad{"no colon",
-                    "no type: x",
-                    "no type: x;",
-                    "bad type: x; REG_BINARY",
-                    ":",
-                    ";",
-                    ":;",
-                    "\t",
-                    "\r",
-                    "\x01\xff\xfe",
-                    std::string("nul\0: x;\tREG_SZ", 15),
-                    std::string(1, '\0'),
-                    "hkey_local_machine without a colon",
-                    std::string(4095, 'x'),
-                    "#hkey_local_machine\\comment:1",
-                    "# Name:\tcomment;\tREG_SZ"};
+    const std::string bad[] = {"no colon",
+                               "no type: x",
+                               "no type: x;",
+                               "bad type: x; REG_BINARY",
+                               ":",
+                               ";",
+                               ":;",
+                               "\t",
+                               "\r",
+                               "\x01\xff\xfe",
+                               std::string("nul\0: x;\tREG_SZ", 15),
+                               std::string(1, '\0'),
+                               "hkey_local_machine without a colon",
+                               std::string(4095, 'x'),
+                               "#hkey_local_machine\\comment:1",
+                               "# Name:\tcomment;\tREG_SZ"};
     std::string text =
         valueLine("orphan", "x") + keyLine("") + "\\\\:hkey_local_machine\n" + valueLine("nobody's", "x");
-    for (size_t i = 0; i < bad.size(); ++i)
+    for (size_t i = 0; i < std::size(bad); ++i)
         text += keyLine("k" + std::to_string(i)) + valueLine("before", "x") + bad[i] + "\n" +
                 valueLine("after", "y");
     const Names numbers{"", "0", "0x10", "99999999999999999999", "1073741823", "-5", "seven"};
     for (const std::string& number : numbers) text += keyLine("n" + number, number) + valueLine("v", "x");
     startOn(text + "hkey_local_machine\\\\last\\:-1\nno line end:\tx;\tREG_SZ");
-    for (size_t i = 0; i < bad.size(); ++i)
+    for (size_t i = 0; i < std::size(bad); ++i)
         EXPECT_EQ(valuesOf(OpenKey("k" + std::to_string(i), KEY_READ)), (Names{"before", "after"})) << bad[i];
     for (const std::string& number : numbers) {
         const OpenKey key("n" + number);
@@ -84,7 +84,7 @@ TEST_F(Tree, BadLinesAreSkippedAndTheRestIsKept) {
     EXPECT_EQ(valuesOf(OpenKey("", KEY_READ)), Names{});
     EXPECT_EQ(textAt("last", "no line end"), "x");
     EXPECT_EQ(WriteRegistry(), 1);
-    EXPECT_EQ(fileKeys().size(), bad.size() + numbers.size() + 2);
+    EXPECT_EQ(fileKeys().size(), std::size(bad) + numbers.size() + 2);
 }
 
 TEST_F(Tree, ALineThatIsTooLongStopsTheReadingUntilItIsMended) {

@@ -1,12 +1,15 @@
-// Values: what is stored for which type, every result of reading them, and what is refused.
+// Values: what is stored for which type, every result of reading them, what is refused, and their lines in the file.
 
 #include <filesystem>
 
+#include "registry/reg_value.h"
 #include "registry/registry_fixture.h"
 #include "support/captured_output.h"
 
 namespace traiklofox::test {
 namespace {
+
+using registry::kLongestLine;
 
 class ValueApi : public StartedRegistryTest {
   protected:
@@ -17,32 +20,20 @@ class ValueApi : public StartedRegistryTest {
         setText(key, "text", "four");
         setNumber(key, "number", 500);
         setBytes(REG_MULTI_SZ, "multi", kMulti);
-        setBytes(/*type=*/3, "other", "bytes");
+        setBytes(/*type=*/3, "other", "bytes");  // which ends an enumeration
     }
     LONG setBytes(DWORD type, const char* name, const std::string& bytes) const {
         return RegSetValueEx(key, name, 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
                              static_cast<DWORD>(bytes.size()));
     }
-    const std::string kText{"four\0", 5};
-    const std::string kNumber{"\xf4\x01\0\0", 4};
-    const std::string kMulti{"a\0b\0\0", 5};
+    const std::string kText{"four\0", 5}, kNumber{"\xf4\x01\0\0", 4}, kMulti{"a\0b\0\0", 5};
 };
 
 // One value read with a buffer of `size` bytes, or with none: by its name, and by its index.
 TEST_F(ValueApi, ReadingsGiveTheDocumentedResultsSizesAndBytes) {
-    struct Row {
-        DWORD index;
-        const char* name;
-        DWORD size;
-        bool buffer;
-        LONG queried;
-        DWORD queriedSize;
-        LONG enumerated;
-        DWORD enumeratedSize;
-        std::string bytes;
-    };
-    const Row rows[] = {
-        //  name  buffer     queried  enumerated  bytes
+    // clang-format off
+    const struct { DWORD index; const char* name; DWORD size; bool buffer; LONG queried; DWORD queriedSize;
+                   LONG enumerated; DWORD enumeratedSize; std::string bytes; } kRows[] = {
         {0, "text", 5, true, 0, 5, 0, 5, kText},       {0, "TEXT", 99, true, 0, 99, 0, 99, kText},
         {0, "text", 4, true, 234, 5, 234, 4, ""},      {0, "text", 0, true, 234, 5, 234, 0, ""},
         {0, "text", 0, false, 0, 0, 0, 0, ""},         {1, "number", 4, true, 0, 4, 0, 4, kNumber},
@@ -50,80 +41,76 @@ TEST_F(ValueApi, ReadingsGiveTheDocumentedResultsSizesAndBytes) {
         {1, "number", 0, false, 0, 4, 0, 4, ""},       {2, "multi", 5, true, 0, 5, 0, 5, kMulti},
         {2, "multi", 99, true, 0, 5, 0, 99, kMulti},   {2, "multi", 4, true, 234, 4, 234, 4, ""},
         {2, "multi", 7, false, 0, 5, 0, 7, ""},        {3, "other", 99, true, 0, 99, -1, 99, ""},
-        {4, "missing", 99, true, 13, 99, 259, 99, ""},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.name) + ", size " + std::to_string(row.size));
-        const std::string expected = row.bytes + std::string(100 - row.bytes.size(), '?');
+        {4, "missing", 99, true, 13, 99, 259, 99, ""}};
+    // clang-format on
+    char name[] = "????????";
+    DWORD length = 0;
+    for (const auto& row : kRows)
         for (const bool byName : {true, false}) {
+            SCOPED_TRACE(std::string(row.name) + (byName ? " queried, " : " enumerated, ") +
+                         std::to_string(row.size));
             std::string bytes(100, '?');
             const auto buffer = row.buffer ? reinterpret_cast<LPBYTE>(bytes.data()) : nullptr;
             DWORD size = row.size;
-            char name[20];
-            DWORD length = sizeof name - 1;
-            const LONG result =
-                byName ? RegQueryValueEx(key, row.name, nullptr, nullptr, buffer, &size)
-                       : RegEnumValue(key, row.index, name, &length, nullptr, nullptr, buffer, &size);
-            EXPECT_EQ(result, byName ? row.queried : row.enumerated) << byName;
-            EXPECT_EQ(size, byName ? row.queriedSize : row.enumeratedSize) << byName;
-            EXPECT_EQ(bytes, expected) << byName;
+            length = sizeof name - 1;
+            EXPECT_EQ(byName ? RegQueryValueEx(key, row.name, nullptr, nullptr, buffer, &size)
+                             : RegEnumValue(key, row.index, name, &length, nullptr, nullptr, buffer, &size),
+                      byName ? row.queried : row.enumerated);
+            EXPECT_EQ(size, byName ? row.queriedSize : row.enumeratedSize);
+            EXPECT_EQ(bytes, row.bytes + std::string(100 - row.bytes.size(), '?'));
         }
-    }
-}
-
-TEST_F(ValueApi, AnEnumeratedNameNeedsRoomForItsLengthAlone) {
-    char name[] = "????????";
-    DWORD length = 3;
+    // An enumerated name needs room for its length alone.
+    std::fill_n(name, 8, '?');
+    length = 3;
     DWORD type = REG_NONE;
     EXPECT_EQ(RegEnumValue(key, 0, name, &length, nullptr, &type, nullptr, nullptr), 234);
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(type, REG_NONE);
-    EXPECT_STREQ(name, "????????");
+    EXPECT_TRUE(length == 4 && type == REG_NONE && name == std::string("????????"));
     EXPECT_EQ(RegEnumValue(key, 0, name, &length, nullptr, &type, nullptr, nullptr), 0);
-    EXPECT_EQ(length, 4u);
-    EXPECT_EQ(type, REG_SZ);
-    EXPECT_EQ(std::string(name, 8), std::string("text\0???", 8));
+    EXPECT_TRUE(length == 4 && type == REG_SZ && std::string(name, 8) == std::string("text\0???", 8));
 }
 
 TEST_F(ValueApi, ResultsOfTheOtherCalls) {
     BYTE data[8] = {};
     char name[8];
     DWORD size = 8;
+    const auto query = [&](HKEY from, const char* value, BYTE* to, DWORD* room) {
+        return RegQueryValueEx(from, value, nullptr, nullptr, to, room);
+    };
+    const auto enumerate = [](HKEY from, char* to, DWORD* length) {
+        return RegEnumValue(from, 0, to, length, nullptr, nullptr, nullptr, nullptr);
+    };
+    // clang-format off
     expectResults({
-        {"query: nowhere to put it", 0,
-         RegQueryValueEx(kUnknown, "text", nullptr, nullptr, nullptr, nullptr)},
-        {"query: unknown handle", -1, RegQueryValueEx(kUnknown, "text", nullptr, nullptr, data, &size)},
-        {"query: no size of a number", 0, RegQueryValueEx(key, "number", nullptr, nullptr, data, nullptr)},
-        {"query: no size of a text", 0, RegQueryValueEx(key, "text", nullptr, nullptr, data, nullptr)},
-        {"query: no empty name", 13, RegQueryValueEx(key, nullptr, nullptr, nullptr, data, &size)},
-        {"enum: no name", -1, RegEnumValue(key, 0, nullptr, &size, nullptr, nullptr, nullptr, nullptr)},
-        {"enum: no length", -1, RegEnumValue(key, 0, name, nullptr, nullptr, nullptr, nullptr, nullptr)},
-        {"enum: unknown handle", -1,
-         RegEnumValue(kUnknown, 0, name, &size, nullptr, nullptr, nullptr, nullptr)},
-        {"set: unknown handle", -1, setText(kUnknown, "v", "x")},
+        {"query: nowhere to put it", 0, query(kUnknown, "text", nullptr, nullptr)},
+        {"query: unknown", -1, query(kUnknown, "text", data, &size)},
+        {"query: no empty name", 13, query(key, nullptr, data, &size)},
+        {"query: no size of a number", 0, query(key, "number", data, nullptr)},
+        {"query: no size of a text", 0, query(key, "text", data, nullptr)},
+        {"enum: no name", -1, enumerate(key, nullptr, &size)},
+        {"enum: no length", -1, enumerate(key, name, nullptr)},
+        {"enum: unknown", -1, enumerate(kUnknown, name, &size)},
+        {"set: unknown", -1, setText(kUnknown, "v", "x")},
         {"set: null number", -1, RegSetValueEx(key, "v", 0, REG_DWORD, nullptr, 4)},
-        {"set: null text", 0, RegSetValueEx(key, "null text", 0, REG_SZ, nullptr, 4)},
-        {"set: null texts", 0, RegSetValueEx(key, "null texts", 0, REG_MULTI_SZ, nullptr, 4)},
+        {"set: null text", 0, RegSetValueEx(key, "null", 0, REG_SZ, nullptr, 4)},
+        {"set: null texts", 0, RegSetValueEx(key, "nulls", 0, REG_MULTI_SZ, nullptr, 4)},
         {"set: no texts", 0, RegSetValueEx(key, "no texts", 0, REG_MULTI_SZ, data, 0)},
         {"set: null name", 0, RegSetValueEx(key, nullptr, 0, REG_SZ, data, 1)},
-        {"query: the empty name", 0, RegQueryValueEx(key, nullptr, nullptr, nullptr, data, &size)},
+        {"query: the empty name", 0, query(key, nullptr, data, &size)},
         {"delete: null name", -1, RegDeleteValue(key, nullptr)},
-        {"delete: missing", -1, RegDeleteValue(key, "missing")},
-        {"delete: empty name", 0, RegDeleteValue(key, "")},
-        {"delete: unknown handle", -1, RegDeleteValue(kUnknown, "text")},
-        {"node: null entry", -1, RegSetValueNode("n", REG_SZ, data, nullptr)},
+        {"delete: missing", -1, RegDeleteValue(key, "missing")}, {"delete: empty name", 0, RegDeleteValue(key, "")},
+        {"delete: unknown", -1, RegDeleteValue(kUnknown, "text")},
+        {"node: null", -1, RegSetValueNode("n", REG_SZ, data, nullptr)},
     });
-}
-
-TEST_F(ValueApi, NamesIgnoreCaseAndTheLastSpellingStays) {
+    // clang-format on
+    // Names ignore case, and the last spelling stays.
     const std::string upper = "A Name That Is Far Too Long To Be Kept In Place";
     const std::string lower = "a name that is far too long to be kept in place";
-    ASSERT_EQ(RegDeleteValue(key, "other"), 0);  // which ends an enumeration
-    for (const auto& [name, text] : {std::pair{upper, "1"}, {upper, "2"}, {lower, "3"}, {lower, "4"}}) {
-        EXPECT_EQ(setText(key, name, text), 0);
+    for (const char* gone : {"other", "null", "nulls", "no texts"}) EXPECT_EQ(RegDeleteValue(key, gone), 0);
+    for (const auto& [spelt, text] : {std::pair{upper, "1"}, {upper, "2"}, {lower, "3"}, {lower, "4"}}) {
+        EXPECT_EQ(setText(key, spelt, text), 0);
         EXPECT_EQ(textOf(key, upper), text);
         EXPECT_EQ(textOf(key, lower), text);
-        EXPECT_EQ(valuesOf(key), (Names{"text", "number", "multi", name}));
+        EXPECT_EQ(valuesOf(key), (Names{"text", "number", "multi", spelt}));
     }
     EXPECT_EQ(RegDeleteValue(key, upper.c_str()), 0);
     EXPECT_EQ(valuesOf(key), (Names{"text", "number", "multi"}));
@@ -135,13 +122,14 @@ TEST_F(ValueApi, ValuesLastAsTheFileCanHoldThem) {
     setText(key, "cut", "before;after");
     setText(key, "blanks", "  at both ends  ");
     ASSERT_EQ(RegFlushKey(key), 0);
-    EXPECT_EQ(fileKeys().at(kExamplePath), (FileKeys::mapped_type{{"text", {"REG_SZ", "four"}},
-                                                                  {"number", {"REG_DWORD", "0x1f4"}},
-                                                                  {"multi", {"REG_MULTI_SZ", "a b "}},
-                                                                  {"zero", {"REG_DWORD", "0"}},
-                                                                  {"all", {"REG_DWORD", "0xffffffff"}},
-                                                                  {"cut", {"REG_SZ", "before"}},
-                                                                  {"blanks", {"REG_SZ", "at both ends  "}}}));
+    const FileKeys::mapped_type expected{{"text", {"REG_SZ", "four"}},
+                                         {"number", {"REG_DWORD", "0x1f4"}},
+                                         {"multi", {"REG_MULTI_SZ", "a b "}},
+                                         {"zero", {"REG_DWORD", "0"}},
+                                         {"all", {"REG_DWORD", "0xffffffff"}},
+                                         {"cut", {"REG_SZ", "before"}},
+                                         {"blanks", {"REG_SZ", "at both ends  "}}};
+    EXPECT_EQ(fileKeys().at(kExamplePath), expected);
     EXPECT_NE(fileText().find("\tbefore;after;"), std::string::npos);
     // Only a change is written; a change of type is one. A type that the file has no word for leaves the file.
     setText(key, "text", "four");
@@ -157,8 +145,9 @@ TEST_F(ValueApi, ValuesLastAsTheFileCanHoldThem) {
     EXPECT_EQ(inFile("text"), std::nullopt);
 }
 
-TEST_F(ValueApi, WhatTheFileCannotHoldIsRefusedWithALine) {
-    const std::string fits(4095 - 23 - 2 - 6, 'd');  // the name's column, the data's end and tab, the type
+TEST_F(ValueApi, WhatTheFileCannotHoldIsRefusedWithALineAndABatchIsSetAsOne) {
+    const std::string fits(kLongestLine - 23 - 2 - 6,
+                           'd');  // the name's column, the data's end and tab, the type
     const CKZString withNul(std::string("n\0ul", 4));
     EXPECT_EQ(setText(key, "longest", fits), 0);
     for (const auto& [name, data] : {std::pair<CKZString, CKZString>{"line\nfeed", ""},
@@ -180,35 +169,66 @@ TEST_F(ValueApi, WhatTheFileCannotHoldIsRefusedWithALine) {
         EXPECT_EQ(said.text().find("RegBatchSetValueEx: "), 0u) << said.text();
         EXPECT_NE(said.text().find("\nRegSetValueEx: "), std::string::npos) << said.text();
     }
-    EXPECT_EQ(RegDeleteValue(key, "other"), 0);  // which ends an enumeration
-    EXPECT_EQ(valuesOf(key), (Names{"text", "number", "multi", "longest"}));
-    ASSERT_EQ(RegFlushKey(key), 0);
-    EXPECT_EQ(inFile("longest"), fits);
-}
-
-TEST_F(ValueApi, ABatchIsSetAsOne) {
     RegValueList text, number, multi, null;
     BYTE seven[] = {7, 0, 0, 0};
     char texts[] = "x\0yz\0";
     auto* bytes = reinterpret_cast<BYTE*>(texts);
-    const OpenKey reading(kExample, KEY_READ);
     expectResults({
         {"a text", 0, RegSetValueNode("t", REG_SZ, bytes, &text)},
         {"a number", 0, RegSetValueNode("n", REG_DWORD, seven, &number)},
         {"texts", 0, RegSetValueNode("m", REG_MULTI_SZ, bytes, &multi)},
         {"null number", -1, RegSetValueNode("null", REG_DWORD, nullptr, &null)},
         {"null texts", 0, RegSetValueNode("null", REG_MULTI_SZ, nullptr, &null)},
-        {"handle for reading", -1, RegBatchSetValueEx(reading, {text})},
+        {"handle for reading", -1, RegBatchSetValueEx(OpenKey(kExample, KEY_READ), {text})},
         {"unknown handle", -1, RegBatchSetValueEx(kUnknown, {text})},
         {"empty", 0, RegBatchSetValueEx(key, {})},
         {"all", 0, RegBatchSetValueEx(key, {text, number, multi, null})},
         {"flush", 0, RegFlushKey(key)},
     });
-    const auto values = fileKeys().at(kExamplePath);
-    EXPECT_EQ(values.at("t"), (FileValue{"REG_SZ", "x"}));
-    EXPECT_EQ(values.at("n"), (FileValue{"REG_DWORD", "0x7"}));
-    EXPECT_EQ(values.at("m"), (FileValue{"REG_MULTI_SZ", "x yz "}));
-    EXPECT_EQ(values.at("null"), (FileValue{"REG_MULTI_SZ", ""}));
+    const FileKeys::mapped_type expected{{"text", {"REG_SZ", "four"}},
+                                         {"number", {"REG_DWORD", "0x1f4"}},
+                                         {"multi", {"REG_MULTI_SZ", "a b "}},
+                                         {"longest", {"REG_SZ", fits}},
+                                         {"t", {"REG_SZ", "x"}},
+                                         {"n", {"REG_DWORD", "0x7"}},
+                                         {"m", {"REG_MULTI_SZ", "x yz "}},
+                                         {"null", {"REG_MULTI_SZ", ""}}};
+    EXPECT_EQ(fileKeys().at(kExamplePath), expected);
+}
+
+TEST(ValueLine, IsLaidOutInColumnsAndReadByItsMarks) {
+    const std::string longest(kLongestLine - std::string("n:;REG_SZ").size(), 'd');
+    const RegValue before(REG_SZ, "before", "as it was");
+    const struct {
+        std::string line;
+        RegValue value;
+        bool isSoWritten = true;
+    } kCases[] = {
+        {"Port:                 \t0x1f4;                \tREG_DWORD", {REG_DWORD, "Port", "0x1f4"}},
+        {":                     \t;                     \tREG_SZ", {REG_SZ, "", ""}},
+        {"OneLessThanTheColumns:\ta b ;                 \tREG_MULTI_SZ",
+         {REG_MULTI_SZ, "OneLessThanTheColumns", "a b "}},
+        {"AnameAsLongAsTheColumn:\tx;                    \tREG_SZ", {REG_SZ, "AnameAsLongAsTheColumn", "x"}},
+        {"n:" + longest + ";REG_SZ", {REG_SZ, "n", longest}},  // in columns it would grow too long to be read
+        {"Port:   ;REG_SZ", {REG_SZ, "Port", ""}, false},
+        {" a name : data with blanks ; \t REG_MULTI_SZ",
+         {REG_MULTI_SZ, " a name ", "data with blanks "},
+         false},
+        {"a:b:c;\tREG_SZ", {REG_SZ, "a", "b:c"}, false},
+        {"a:\tx;y\tREG_DWORD;\tREG_SZ", {REG_SZ, "a", "x"}, false},  // cut, but the type is found
+        {"a:\tx;\tREG_SZ ", before, false},                          // no value, as those below
+        {"a:\tx;\treg_sz", before, false},
+        {"a:x;y; REG_SZ", before, false},
+    };
+    for (const auto& [line, value, isSoWritten] : kCases) {
+        RegValue read = before;
+        std::string text;
+        EXPECT_EQ(read.FormatValue(line.c_str()) != 0, !(value == before)) << line;
+        EXPECT_EQ(read, value) << line;
+        value.appendLine(text);
+        EXPECT_TRUE(!isSoWritten || text == line + "\n") << text;
+    }
+    EXPECT_EQ(RegValue().FormatValue(nullptr), 0);
 }
 
 }  // namespace

@@ -1,11 +1,12 @@
-// Writing the file: what is in it, whose it is, what is left lying about, and what becomes of everything when a
-// system call fails.
+// Writing the file: what is in it, whose it is, what is left lying about, and the thread that makes few writes of many
+// changes.
 
+#include <pthread.h>
 #include <sys/stat.h>
 #include <traiklofox/temp_name.h>
 
+#include <atomic>
 #include <filesystem>
-#include <optional>
 #include <thread>
 
 #include "registry/registry_fixture.h"
@@ -22,7 +23,7 @@ namespace fs = std::filesystem;
 
 class Writing : public StartedRegistryTest {};
 
-TEST_F(Writing, PutsKeysAndValuesInTheOrderOfTheirNamesAndLeavesNothingElse) {
+TEST_F(Writing, PutsKeysAndValuesInTheOrderOfTheirNamesOrNothing) {
     OpenKey::createBelow(key, "beta");
     OpenKey::createBelow(key, "Alpha\\below");
     setText(key, "zulu", "last");
@@ -35,13 +36,12 @@ TEST_F(Writing, PutsKeysAndValuesInTheOrderOfTheirNamesAndLeavesNothingElse) {
                               keyLine(kExample, "1000003") + valueLine("Alfa", "first") +
                               valueLine("Name", "primary") + valueLine("zulu", "last") +
                               line("software\\example\\Alpha\\below") + line("software\\example\\beta"));
-    struct stat ours {};
-    struct stat theirs {};
-    ASSERT_EQ(::stat(file().c_str(), &ours), 0);
-    ASSERT_EQ(::stat(templateFile().c_str(), &theirs), 0);
-    EXPECT_EQ(ours.st_mode & 07777, 0640u);
-    EXPECT_EQ(ours.st_uid, theirs.st_uid);
-    EXPECT_EQ(ours.st_gid, theirs.st_gid);
+    replaceFile("# no key at all\n");
+    const CapturedStderr said;
+    EXPECT_EQ(WriteRegistry(), 0);
+    EXPECT_EQ(said.text().find("WriteRegistry: Temp file -  "), 0u) << said.text();
+    EXPECT_NE(said.text().find(" is zero length.\n"), std::string::npos) << said.text();
+    EXPECT_EQ(fileText(), "# no key at all\n");
     EXPECT_EQ(otherFiles(), Names{});
 }
 
@@ -64,9 +64,7 @@ TEST_F(Writing, RemovesTheTemporaryFilesOfTheDeadAlone) {
     writeText(elses, "somebody else's");
     ASSERT_TRUE(fs::exists(deads));
     ASSERT_EQ(WriteRegistry(), 1);
-    EXPECT_FALSE(fs::exists(deads));
-    EXPECT_TRUE(fs::exists(alives));
-    EXPECT_TRUE(fs::exists(elses));
+    EXPECT_TRUE(!fs::exists(deads) && fs::exists(alives) && fs::exists(elses));
 }
 
 TEST_F(Writing, AFullDiskLeavesTheOldFileWholeAndTheChangesForTheNextWrite) {
@@ -92,55 +90,20 @@ TEST_F(Writing, AFullDiskLeavesTheOldFileWholeAndTheChangesForTheNextWrite) {
     for (int i = 0; i < 20; ++i) EXPECT_EQ(keys.at(kExamplePath).at("v" + std::to_string(i)).data, text);
 }
 
-TEST_F(Writing, AFailedWriteKeepsEveryKindOfChangeForTheNext) {
-    OpenKey::createBelow(key, "doomed");
-    setText(key, "gone", "1");
-    ASSERT_EQ(RegFlushKey(key), 0);
-    {
-        const CapturedStderr quiet;
-        const FailCall fails{Call::Rename, EIO, {.andAllLater = true}};
-        EXPECT_EQ(RegDeleteValue(key, "gone"), 0);
-        EXPECT_EQ(RegDeleteKey(key, "doomed"), 0);
-        const OpenKey made = OpenKey::createBelow(key, "made");
-        setText(made, "v", "1");
-        EXPECT_EQ(RegFlushKey(made), -1);
-        EXPECT_EQ(WriteRegistry(), 0);
-    }
-    replaceFile(fileText());  // a re-read meanwhile brings nothing back
-    EXPECT_FALSE(keyExists("software\\example\\doomed"));
-    EXPECT_EQ(RegFlushKey(key), 0);
-    EXPECT_EQ(fileKeys(), parseRegistry(keyLine("") + keyLine("software") + keyLine(kExample) +
-                                        valueLine("Name", "primary") + keyLine("software\\example\\made") +
-                                        valueLine("v", "1")));
-}
-
-TEST_F(Writing, WithNothingToWriteTheOldFileStays) {
-    replaceFile("# no key at all\n");
-    const CapturedStderr said;
-    EXPECT_EQ(WriteRegistry(), 0);
-    EXPECT_EQ(said.text().find("WriteRegistry: Temp file -  "), 0u) << said.text();
-    EXPECT_NE(said.text().find(" is zero length.\n"), std::string::npos) << said.text();
-    EXPECT_EQ(fileText(), "# no key at all\n");
-    EXPECT_EQ(otherFiles(), Names{});
-}
-
 // A process without descriptors waits for one; the others must not wait for that process.
 TEST_F(Writing, AProcessWithoutDescriptorsDoesNotBlockTheOthers) {
     Peer peer;
     EXPECT_EQ(peer.get("Name"), "primary");
     setText(key, "v", "1");
-    std::optional<FailCall> noDescriptor;
-    noDescriptor.emplace(Call::Open, EMFILE, faults::Options{.andAllLater = true, .path = ".kztmp."});
+    std::optional<FailCall> noDescriptor(std::in_place, Call::Open, EMFILE,
+                                         faults::Options{.andAllLater = true, .path = ".kztmp."});
     std::thread writer([&] { EXPECT_EQ(RegFlushKey(key), 0); });
-    const bool waits = withinSeconds(30, [&] { return noDescriptor->calls() > 2; });
+    EXPECT_TRUE(withinSeconds(30, [&] { return noDescriptor->calls() > 2; }));
     peer.tell({"set", kExample, "w", "1"});
-    const auto answer = peer.process().readLine(std::chrono::seconds{5});
+    EXPECT_EQ(peer.process.readLine(std::chrono::seconds{5}), "0");
     noDescriptor.reset();
     writer.join();
-    EXPECT_TRUE(waits);
-    EXPECT_EQ(answer, "0");
-    EXPECT_EQ(inFile("v"), "1");
-    EXPECT_EQ(inFile("w"), "1");
+    EXPECT_EQ(inFile("v").value_or("") + inFile("w").value_or(""), "11");
 }
 
 TEST_F(Writing, ABackupIsAWholeCopyAndAFailedOneKeepsTheOld) {
@@ -159,6 +122,59 @@ TEST_F(Writing, ABackupIsAWholeCopyAndAFailedOneKeepsTheOld) {
         EXPECT_NE(said.text().find("RegBackupRegistry: "), std::string::npos) << said.text();
         EXPECT_EQ(readText(backup), copied);
         EXPECT_EQ(otherFiles(), Names{"tw.registry.bak"});
+    }
+}
+
+class LazyWriter : public StartedRegistryTest {
+  protected:
+    static bool isLazy() { return std::atomic_ref(bLazyFlush).load() != 0; }
+    void startWriter(DWORD milliseconds) {
+        interval = milliseconds;
+        const auto run = [](void* every) -> void* { return RegLazyWriteThread(every), nullptr; };
+        ASSERT_EQ(::pthread_create(&writer, nullptr, run, &interval), 0);
+        ASSERT_TRUE(withinSeconds(30, isLazy));
+    }
+    void cancelWriter() {
+        ASSERT_EQ(::pthread_cancel(writer), 0);
+        void* result = nullptr;
+        ASSERT_EQ(::pthread_join(writer, &result), 0);
+        EXPECT_EQ(result, PTHREAD_CANCELED);
+        EXPECT_FALSE(isLazy());
+    }
+    void setAndFlush(const std::string& name, const std::string& text) {
+        ASSERT_EQ(setText(key, name, text) + RegFlushKey(key), 0);
+    }
+    DWORD interval = 0;
+    pthread_t writer{};
+};
+
+TEST_F(LazyWriter, AThousandChangesBecomeFewWritesAndAFailedOneIsTriedAgain) {
+    const CapturedStderr quiet;
+    startWriter(100);
+    const CountCalls renames{Call::Rename};
+    for (int i = 0; i < 1000; ++i) setAndFlush("v", std::to_string(i));
+    {
+        const FailCall fails{Call::Fdatasync, EIO, {.andAllLater = true}};
+        setText(key, "last", "1");
+        ASSERT_EQ(key.close(), 0);
+        ASSERT_TRUE(withinSeconds(30, [&] { return fails.fired() >= 2; }));
+        EXPECT_EQ(inFile("last"), std::nullopt);
+    }
+    EXPECT_TRUE(withinSeconds(30, [&] { return inFile("last") == "1" && inFile("v") == "999"; }));
+    EXPECT_LE(renames.calls(), 100);
+    cancelWriter();
+}
+
+TEST_F(LazyWriter, ACancelledOneWritesOnceMoreAndLaterChangesAreWrittenAtOnce) {
+    for (const DWORD milliseconds : {60'000u, 0u}) {
+        startWriter(milliseconds);
+        const std::string text = std::to_string(milliseconds);
+        setAndFlush("pending", text);
+        EXPECT_TRUE(milliseconds == 0 || inFile("pending") == std::nullopt);
+        cancelWriter();
+        EXPECT_EQ(inFile("pending"), text);
+        setAndFlush("direct", text);
+        EXPECT_EQ(inFile("direct"), text);
     }
 }
 
