@@ -2,7 +2,7 @@
 
 /// A file that is opened and locked in one step.
 
-#include <sys/stat.h>
+#include <traiklofox/file_status.h>
 #include <traiklofox/strings.h>
 #include <traiklofox/thread_safety.h>
 #include <traiklofox/types.h>
@@ -97,11 +97,17 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("file lock's opening") FileLock {
 
     /// The descriptor, which stays the object's own; -1 when closed.
     int GetFileDescriptor() const;
-    /// `fstat`, with all text in the file: 0, or -1 with `errno`. (Inline, since `struct stat` depends on how
-    /// the caller is compiled.)
+    /// `fstat`, with all text in the file: 0, or -1 with `errno`. A number that does not fit the caller's record
+    /// is cut to its low bits, as `KZFileStatus` says, and never makes it fail. (Inline, since `struct stat`
+    /// depends on how the caller is compiled.)
     __attribute__((always_inline)) int FileStat(struct stat* status) {
-        return Flush() ? ::fstat(GetFileDescriptor(), status) : -1;
+        KZFileStatus known;
+        if (!FileStat(&known)) return -1;
+        known.GetStat(status);
+        return 0;
     }
+    /// The same, uncut: TRUE, or FALSE with `errno` and `*status` as it was.
+    BOOL FileStat(KZFileStatus* status);
 
     /// Reads up to `count` bytes. Returns how many, less than `count` only at the end of the file; 0 at the
     /// end, for a closed or bad stream, and after an error (`IsBad`).

@@ -13,6 +13,7 @@
 #include <traiklofox/file_lock.h>
 #include <traiklofox/file_mapping.h>
 #include <traiklofox/file_search.h>
+#include <traiklofox/file_status.h>
 #include <traiklofox/move_file.h>
 #include <traiklofox/settings.h>
 #include <traiklofox/super_glob.h>

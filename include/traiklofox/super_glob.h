@@ -2,7 +2,7 @@
 
 /// File name patterns, and the entries of a directory that match them.
 
-#include <sys/stat.h>
+#include <traiklofox/file_status.h>
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>
 
@@ -13,52 +13,11 @@ namespace traiklofox::files {
 class GlobState;
 }
 
-/// An entry that was found. Its numbers are those of `stat`: of what a symbolic link leads to, or of the link
-/// itself where that is nothing. Of an entry whose status could not be read (a directory that may be listed
-/// and not searched) only the name and the type in `mode` are known, the rest is 0.
-struct KZGlobResult {
-    const char* name;               ///< within the directory; lives as long as the `KZSuperGlob`
-    DWORD mode;                     ///< type and permissions
-    DWORD links;                    ///< how many names the file has
-    DWORD owner;                    ///< the user's id
-    DWORD group;                    ///< the group's id
-    DWORD blockSize;                ///< preferred size for reading and writing
-    DWORD accessNanoseconds;        ///< within the second
-    DWORD modificationNanoseconds;  ///< likewise
-    DWORD changeNanoseconds;        ///< likewise
-    ULONGLONG device;               ///< on which the file is
-    ULONGLONG inode;                ///< its number there
-    ULONGLONG specialDevice;        ///< of a device file
-    ULONGLONG size;                 ///< in bytes
-    ULONGLONG blocks;               ///< of 512 bytes
-    LONGLONG accessTime;            ///< seconds since the Unix epoch
-    LONGLONG modificationTime;      ///< likewise, of the content
-    LONGLONG changeTime;            ///< likewise, of the status
-
-    /// The same as a `stat` record, where numbers that do not fit are cut. (Inline, since that record depends
-    /// on how the caller is compiled.)
-    __attribute__((always_inline)) void GetStat(struct stat* status) const {
-        *status = {};
-        status->st_dev = static_cast<decltype(status->st_dev)>(device);
-        status->st_ino = static_cast<decltype(status->st_ino)>(inode);
-        status->st_mode = static_cast<decltype(status->st_mode)>(mode);
-        status->st_nlink = static_cast<decltype(status->st_nlink)>(links);
-        status->st_uid = static_cast<decltype(status->st_uid)>(owner);
-        status->st_gid = static_cast<decltype(status->st_gid)>(group);
-        status->st_rdev = static_cast<decltype(status->st_rdev)>(specialDevice);
-        status->st_size = static_cast<decltype(status->st_size)>(size);
-        status->st_blksize = static_cast<decltype(status->st_blksize)>(blockSize);
-        status->st_blocks = static_cast<decltype(status->st_blocks)>(blocks);
-        setTime(status->st_atim, accessTime, accessNanoseconds);
-        setTime(status->st_mtim, modificationTime, modificationNanoseconds);
-        setTime(status->st_ctim, changeTime, changeNanoseconds);
-    }
-
-  private:
-    static void setTime(struct timespec& time, LONGLONG seconds, DWORD nanoseconds) {
-        time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
-        time.tv_nsec = static_cast<decltype(time.tv_nsec)>(nanoseconds);
-    }
+/// An entry that was found: of what a symbolic link leads to, or of the link itself where that is nothing. Of an
+/// entry whose status could not be read (a directory that may be listed and not searched) only the name and the
+/// type in `mode` are known, the rest is 0.
+struct KZGlobResult : KZFileStatus {
+    const char* name;  ///< within the directory; lives as long as the `KZSuperGlob`
 };
 
 /// Collects the entries of directories whose names match any of its patterns, sorted by name, each once.

@@ -14,7 +14,6 @@
 #include "foundation/sys.h"
 
 using traiklofox::files::idOf;
-using traiklofox::files::statusOf;
 namespace sys = traiklofox::sys;
 
 namespace {
@@ -27,7 +26,7 @@ constexpr std::uint32_t kLargestBlock = 1 << 20;
 /// True when `path` is the file that `opened` describes, by whatever name.
 bool isSameFile(const struct statx& opened, const char* path) {
     struct statx other;
-    return statusOf(path, other) && idOf(other) == idOf(opened);
+    return sys::stat(path, &other) == 0 && idOf(other) == idOf(opened);
 }
 
 bool copyContent(FileLock& source, FileLock& destination, std::uint32_t preferred) {
@@ -50,7 +49,7 @@ bool copy(const char* from, const char* to, bool failIfExists) {
     FileLock source;
     if (!source.OpenAndLockFile(from, kSourceMode, /*already=*/nullptr, /*count=*/0)) return false;
     struct statx status;
-    if (!statusOf(source.GetFileDescriptor(), status)) return false;
+    if (sys::fstat(source.GetFileDescriptor(), &status) != 0) return false;
     // Before the destination is opened: that empties it, and closing it would unlock the source.
     if (isSameFile(status, to)) {
         errno = EEXIST;

@@ -7,7 +7,6 @@
 
 #include "files/arguments.h"
 #include "files/directory_handle.h"
-#include "files/file_status.h"
 #include "files/report.h"
 #include "foundation/sys.h"
 
@@ -63,7 +62,7 @@ int openFlags(DWORD access, DWORD disposition) {
 
 Handle* openDirectory(const char* path, DWORD access) {
     struct statx status;
-    if (!traiklofox::files::statusOf(path, status)) return INVALID_HANDLE_VALUE;
+    if (sys::stat(path, &status) != 0) return INVALID_HANDLE_VALUE;
     if (!S_ISDIR(status.stx_mode)) {
         errno = ENOTDIR;
         return INVALID_HANDLE_VALUE;

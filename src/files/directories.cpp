@@ -9,7 +9,6 @@
 
 #include "files/arguments.h"
 #include "files/directory_stream.h"
-#include "files/file_status.h"
 #include "foundation/sys.h"
 
 using traiklofox::files::isGiven;
@@ -46,9 +45,9 @@ std::string placeOf(std::string_view link, std::string_view target) {
 /// False, with errno as it was, when `path` is no symbolic link.
 bool removeLinkAndTarget(const char* path) {
     const int error = errno;
-    struct stat status {};
+    struct statx status;
     if (sys::lstat(path, &status) != 0) return false;
-    if (!S_ISLNK(status.st_mode)) {
+    if (!S_ISLNK(status.stx_mode)) {
         errno = error;
         return false;
     }
@@ -80,7 +79,7 @@ BOOL CreateDirectoryEx(const char* templateDirectory, const char* path, _SECURIT
     if (templateDirectory == nullptr) return TRUE;
 
     struct statx model;
-    if (!traiklofox::files::statusOf(templateDirectory, model)) {
+    if (sys::stat(templateDirectory, &model) != 0) {
         const int error = errno;
         (void)sys::rmdir(path);  // what is in use stays
         errno = error;

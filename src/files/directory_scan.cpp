@@ -7,15 +7,14 @@
 #include "files/directory_scan.h"
 
 #include <traiklofox/settings.h>
-#include <traiklofox/time_conversion.h>
-
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "files/file_attributes.h"
+#include "files/file_status.h"
+#include "files/file_time.h"
 #include "files/notification_state.h"
 #include "foundation/mutex.h"
 #include "foundation/on_exit.h"
@@ -42,12 +41,11 @@ using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 /// A directory on the way down to the one that is read, by which a loop of links is known.
 struct Ancestor {
     const Ancestor* above;
-    dev_t device;
-    ino_t inode;
+    FileId id;
 
     bool isAmong(const Ancestor* ancestors) const {
         for (; ancestors != nullptr; ancestors = ancestors->above)
-            if (ancestors->device == device && ancestors->inode == inode) return true;
+            if (ancestors->id == id) return true;
         return false;
     }
 };
@@ -58,12 +56,6 @@ struct Listener {
     DWORD filter;
     bool wantsSubtree;
 };
-
-_FILETIME fileTime(long long seconds) {
-    _FILETIME time{};
-    time_tToFileTime(static_cast<LONG>(seconds), &time, /*microseconds=*/0);
-    return time;
-}
 
 /// What of a file differs, as filter bits.
 DWORD differences(const FILE_ENTRY& file, const struct statx& status) {
@@ -104,14 +96,14 @@ class Scan {
 
     void run(bool (*deviceTest)(ULONGLONG device)) {
         const Directory directory(sys::opendir(path_.c_str()));
-        struct stat status {};
+        struct statx status;
         if (directory == nullptr || sys::fstat(::dirfd(directory.get()), &status) != 0) return;
-        const bool isTrusted = deviceTest == nullptr || deviceTest(status.st_dev);
+        const bool isTrusted = deviceTest == nullptr || deviceTest(deviceOf(status));
         const LockGuard guard(watch_.lock);
         findListeners();
         noteDevice(isTrusted, status);
-        const Ancestor root{nullptr, status.st_dev, status.st_ino};
-        watch_.entry.mtimeSeconds = status.st_mtime;
+        const Ancestor root{nullptr, idOf(status)};
+        watch_.entry.mtimeSeconds = status.stx_mtime.tv_sec;
         readDirectory(directory, watch_.entry, root);
     }
 
@@ -128,7 +120,7 @@ class Scan {
         wantsSubtree_ = std::ranges::any_of(listeners_, &Listener::wantsSubtree);
     }
 
-    void noteDevice(bool isTrusted, const struct stat& status) TRAIKLOFOX_REQUIRES(watch_.lock) {
+    void noteDevice(bool isTrusted, const struct statx& status) TRAIKLOFOX_REQUIRES(watch_.lock) {
         DIR_ENTRY& entry = watch_.entry;
         if (isTrusted) {
             entry.flags &= ~DIR_ENTRY::kDeviceReported;
@@ -137,7 +129,7 @@ class Scan {
         if ((entry.flags & DIR_ENTRY::kDeviceReported) != 0) return;
         const _NOTIFY_INFO record{.action = FILE_ACTION_DIRECTORY_CHANGED,
                                   .name = {},
-                                  .time = fileTime(status.st_mtime),
+                                  .time = fileTimeOf(status.stx_mtime.tv_sec),
                                   .attributes = FILE_ATTRIBUTE_DIRECTORY,
                                   .size = 0};
         for (const Listener& listener : listeners_) {
@@ -162,11 +154,11 @@ class Scan {
                 --depth_;
             });
             const Directory directory(sys::opendir(path_.c_str()));
-            struct stat status {};
+            struct statx status;
             if (directory == nullptr || sys::fstat(::dirfd(directory.get()), &status) != 0) continue;
-            const Ancestor here{&above, status.st_dev, status.st_ino};
+            const Ancestor here{&above, idOf(status)};
             if (here.isAmong(&above)) continue;
-            subdirectory->mtimeSeconds = status.st_mtime;
+            subdirectory->mtimeSeconds = status.stx_mtime.tv_sec;
             readDirectory(directory, *subdirectory, here);
         }
     }
@@ -335,7 +327,7 @@ class Scan {
     void report(DWORD action, const FILE_ENTRY& file, DWORD different, bool quietly = false) {
         const _NOTIFY_INFO record{.action = action,
                                   .name = std::string(path_, rootLength_) + file.name,
-                                  .time = fileTime(file.mtimeSeconds),
+                                  .time = fileTimeOf(file.mtimeSeconds),
                                   .attributes = typeAttributeOf(file.mode),
                                   .size = static_cast<DWORD>(file.size)};
         const std::string_view directory =

@@ -3,11 +3,9 @@
 #include "files/file_attributes.h"
 
 #include "files/arguments.h"
-#include "files/file_status.h"
 #include "foundation/sys.h"
 
 using traiklofox::files::isGiven;
-using traiklofox::files::statusOf;
 namespace sys = traiklofox::sys;
 
 namespace {
@@ -51,13 +49,13 @@ CKZString FileAttribs2String(mode_t mode) {
 
 DWORD GetFileAttributes(const char* path) {
     struct statx status;
-    if (!isGiven(path) || !statusOf(path, status)) return INVALID_FILE_ATTRIBUTES;
+    if (!isGiven(path) || sys::stat(path, &status) != 0) return INVALID_FILE_ATTRIBUTES;
     return traiklofox::files::attributesOf(status.stx_mode);
 }
 
 BOOL SetFileAttributes(const char* path, DWORD attributes) {
     struct statx status;
-    if (!isGiven(path) || !statusOf(path, status)) return FALSE;
+    if (!isGiven(path) || sys::stat(path, &status) != 0) return FALSE;
     const mode_t write = (attributes & FILE_ATTRIBUTE_READONLY) != 0 ? 0 : kWrite;
     const mode_t execute = (attributes & FILE_ATTRIBUTE_SYSTEM) != 0 ? kExecute : 0;
     return sys::chmod(path, (status.stx_mode & kModeBits & ~(kWrite | kExecute)) | write | execute) == 0;

@@ -46,7 +46,7 @@ std::string quoted(std::string_view name) {
 }
 
 bool exists(const char* path) {
-    struct stat status {};
+    struct statx status;
     return sys::lstat(path, &status) == 0;
 }
 

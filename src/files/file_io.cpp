@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "files/arguments.h"
-#include "files/file_status.h"
 #include "files/file_time.h"
 #include "files/report.h"
 #include "foundation/sys.h"
@@ -14,7 +13,6 @@
 using traiklofox::files::descriptorOf;
 using traiklofox::files::fileTimeOf;
 using traiklofox::files::report;
-using traiklofox::files::statusOf;
 namespace sys = traiklofox::sys;
 
 namespace {
@@ -67,14 +65,14 @@ BOOL SetEndOfFile(Handle* file) {
 DWORD GetFileSize(Handle* file, DWORD* sizeHigh) {
     if (sizeHigh != nullptr) *sizeHigh = 0;
     struct statx status;
-    if (statusOf(descriptorOf(file), status)) return static_cast<DWORD>(status.stx_size);
+    if (sys::fstat(descriptorOf(file), &status) == 0) return static_cast<DWORD>(status.stx_size);
     report("GetFileSize: for fd %d errno: %s\n", numberOf(file), std::strerror(errno));
     return INVALID_FILE_SIZE;
 }
 
 BOOL GetFileTime(Handle* file, _FILETIME* created, _FILETIME* accessed, _FILETIME* written) {
     struct statx status {};
-    if (!statusOf(descriptorOf(file), status))
+    if (sys::fstat(descriptorOf(file), &status) != 0)
         report("GetFileTime: for fd %d errno: %s\n", numberOf(file), std::strerror(errno));
     if (created != nullptr) *created = fileTimeOf(status.stx_mtime.tv_sec);
     if (accessed != nullptr) *accessed = fileTimeOf(status.stx_atime.tv_sec);

@@ -94,7 +94,7 @@ int openFlags(int mode) {
 /// Empties a file that could have been opened with O_TRUNC, which does nothing to a device or a pipe.
 bool truncateOpened(int fd) {
     struct statx status;
-    if (!traiklofox::files::statusOf(fd, status)) return false;
+    if (sys::fstat(fd, &status) != 0) return false;
     return !S_ISREG(status.stx_mode) || sys::ftruncate(fd, 0) == 0;
 }
 
@@ -241,6 +241,13 @@ BOOL FileLock::UnLockFile() {
 
 int FileLock::GetFileDescriptor() const {
     return stream->descriptor();
+}
+
+BOOL FileLock::FileStat(KZFileStatus* status) {
+    struct statx found;
+    if (!Flush() || sys::fstat(GetFileDescriptor(), &found) != 0) return FALSE;
+    traiklofox::files::take(found, *status);
+    return TRUE;
 }
 
 int FileLock::ReadBlk(void* buffer, int count) {

@@ -53,28 +53,28 @@ Backing openBacking(const char* path, int flags) {
 /// False, with errno, for a directory or device, and for a file that is known elsewhere by another name: its owner,
 /// mode and content are not ours to change.
 bool isOwnPlainFile(int fd) {
-    struct stat status {};
+    struct statx status;
     if (sys::fstat(fd, &status) != 0) return false;
-    if (S_ISREG(status.st_mode) && status.st_nlink <= 1) return true;
+    if (S_ISREG(status.stx_mode) && status.stx_nlink <= 1) return true;
     errno = EPERM;
     return false;
 }
 
 /// So that every process of the installation can open it.
 void giveToInstallation(int fd) {
-    struct stat model {};
+    struct statx model;
     if (sys::stat(TRAIKLOFOX_TEMPLATE_FILE, &model) != 0) return;
-    (void)sys::fchown(fd, model.st_uid, model.st_gid);  // as far as we may
-    (void)sys::fchmod(fd, model.st_mode & kModeBits);
+    (void)sys::fchown(fd, model.stx_uid, model.stx_gid);  // as far as we may
+    (void)sys::fchmod(fd, model.stx_mode & kModeBits);
 }
 
 enum class Sizing { Done, NeverDone, Unknown };
 
 Sizing waitForSizing(int fd) {
     for (DWORD waited = 0;; waited += kSizingStepMs) {
-        struct stat status {};
+        struct statx status;
         if (sys::fstat(fd, &status) != 0) return Sizing::Unknown;
-        if (status.st_size > 0) return Sizing::Done;
+        if (status.stx_size > 0) return Sizing::Done;
         if (waited >= kSizingWaitMs) return Sizing::NeverDone;
         SleepEx(kSizingStepMs, FALSE);
     }

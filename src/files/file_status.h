@@ -1,22 +1,13 @@
 #pragma once
 
-// What the system tells of a file, whatever its size and its date: `stat` on 32 bits refuses a file that was changed
-// after 2038.
+#include <sys/sysmacros.h>
+#include <traiklofox/file_status.h>
 
 #include <cstdint>
 
 #include "foundation/sys.h"
 
 namespace traiklofox::files {
-
-/// Of what `path` names, following symbolic links. False with errno.
-inline bool statusOf(const char* path, struct statx& status) {
-    return sys::statx(AT_FDCWD, path, AT_NO_AUTOMOUNT, &status) == 0;
-}
-/// Of an open file.
-inline bool statusOf(int fd, struct statx& status) {
-    return sys::statx(fd, "", AT_EMPTY_PATH, &status) == 0;
-}
 
 /// Two names of one file have one id.
 struct FileId {
@@ -26,6 +17,30 @@ struct FileId {
 };
 inline FileId idOf(const struct statx& status) {
     return {status.stx_dev_major, status.stx_dev_minor, status.stx_ino};
+}
+
+/// As `stat` numbers it.
+inline ULONGLONG deviceOf(const struct statx& status) {
+    return gnu_dev_makedev(status.stx_dev_major, status.stx_dev_minor);
+}
+
+inline void take(const struct statx& status, KZFileStatus& result) {
+    result.mode = status.stx_mode;
+    result.links = status.stx_nlink;
+    result.owner = status.stx_uid;
+    result.group = status.stx_gid;
+    result.blockSize = status.stx_blksize;
+    result.accessNanoseconds = status.stx_atime.tv_nsec;
+    result.modificationNanoseconds = status.stx_mtime.tv_nsec;
+    result.changeNanoseconds = status.stx_ctime.tv_nsec;
+    result.device = deviceOf(status);
+    result.inode = status.stx_ino;
+    result.specialDevice = gnu_dev_makedev(status.stx_rdev_major, status.stx_rdev_minor);
+    result.size = status.stx_size;
+    result.blocks = status.stx_blocks;
+    result.accessTime = status.stx_atime.tv_sec;
+    result.modificationTime = status.stx_mtime.tv_sec;
+    result.changeTime = status.stx_ctime.tv_sec;
 }
 
 }  // namespace traiklofox::files

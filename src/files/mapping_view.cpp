@@ -84,8 +84,8 @@ void* MapViewOfFile(Handle* mapping, DWORD access, DWORD, DWORD offsetLow, SIZE_
         errno = EINVAL;
         return nullptr;
     }
-    struct stat status {};
-    const off_t fileSize = sys::fstat(fd, &status) == 0 ? status.st_size : 0;
+    struct statx status;
+    const off_t fileSize = sys::fstat(fd, &status) == 0 ? static_cast<off_t>(status.stx_size) : 0;
     const size_t length = lengthFor(bytes, fileSize);
     void* mapped = sys::mapShared(length, static_cast<int>(access), fd, static_cast<off_t>(offsetLow));
     if (mapped == MAP_FAILED) return viewIn(mapped);

@@ -19,7 +19,7 @@ bool moveByCopying(const char* from, const char* to, BYTE failIfExists) {
 int renameToNewName(const char* from, const char* to) {
     if (sys::renameNoReplace(from, to) == 0) return 0;
     if (errno != EINVAL) return -1;
-    struct stat status {};
+    struct statx status;
     if (sys::lstat(to, &status) != 0) return errno == ENOENT ? sys::rename(from, to) : -1;
     errno = EEXIST;
     return -1;

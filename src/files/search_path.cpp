@@ -11,8 +11,8 @@ namespace {
 constexpr size_t kNeverSplitAt = 1;
 
 bool isDirectory(const std::string& path) {
-    struct stat status {};
-    return sys::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    struct statx status;
+    return sys::stat(path.c_str(), &status) == 0 && S_ISDIR(status.stx_mode);
 }
 
 }  // namespace

@@ -4,13 +4,13 @@
 #include <traiklofox/super_glob.h>
 
 #include <sys/mman.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 
+#include "files/file_status.h"
 #include "files/glob_pattern.h"
 #include "files/name_sort.h"
 #include "foundation/on_exit.h"
@@ -35,25 +35,6 @@ void preferLargePages(const KZGlobResult* begin, const KZGlobResult* end) {
     const int error = errno;
     (void)::madvise(reinterpret_cast<void*>(start), limit - start, MADV_HUGEPAGE);  // a hint
     errno = error;
-}
-
-void take(const struct statx& status, KZGlobResult& result) {
-    result.mode = status.stx_mode;
-    result.links = status.stx_nlink;
-    result.owner = status.stx_uid;
-    result.group = status.stx_gid;
-    result.blockSize = status.stx_blksize;
-    result.accessNanoseconds = status.stx_atime.tv_nsec;
-    result.modificationNanoseconds = status.stx_mtime.tv_nsec;
-    result.changeNanoseconds = status.stx_ctime.tv_nsec;
-    result.device = gnu_dev_makedev(status.stx_dev_major, status.stx_dev_minor);
-    result.inode = status.stx_ino;
-    result.specialDevice = gnu_dev_makedev(status.stx_rdev_major, status.stx_rdev_minor);
-    result.size = status.stx_size;
-    result.blocks = status.stx_blocks;
-    result.accessTime = status.stx_atime.tv_sec;
-    result.modificationTime = status.stx_mtime.tv_sec;
-    result.changeTime = status.stx_ctime.tv_sec;
 }
 
 /// False when the entry has vanished. Fills `result`, which is zeroed.

@@ -66,7 +66,7 @@ CKZString KZTempNam(const CKZString& directory) {
     start.erase(start.find_last_not_of('/') + 1);
 
     CKZString name;
-    struct stat status {};
+    struct statx status;
     do {
         name.Format("%s/%s%d.%x-%" PRIx64, start.c_str(), traiklofox::files::kPrefix.data(),
                     static_cast<int>(getpid()), counter.fetch_add(1, std::memory_order_relaxed),

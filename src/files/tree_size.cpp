@@ -9,10 +9,11 @@
 
 #include "files/directory_stream.h"
 #include "files/file_status.h"
+#include "foundation/sys.h"
 
 using traiklofox::files::FileId;
 using traiklofox::files::idOf;
-using traiklofox::files::statusOf;
+namespace sys = traiklofox::sys;
 
 namespace {
 
@@ -30,7 +31,7 @@ class Walk {
 
     DWORD total() {
         struct statx status;
-        if (!statusOf(path_.c_str(), status)) return 0;
+        if (sys::stat(path_.c_str(), &status) != 0) return 0;
         if (!S_ISDIR(status.stx_mode)) {
             errno = ENOTDIR;
             return 0;
@@ -57,7 +58,7 @@ class Walk {
         path_.resize(way_.back().pathLength);
         path_.append(1, '/').append(name);
         struct statx status;
-        if (!statusOf(path_.c_str(), status)) return;
+        if (sys::stat(path_.c_str(), &status) != 0) return;
         if (!S_ISDIR(status.stx_mode))
             total_ += static_cast<DWORD>(status.stx_size);
         else if (!isOnTheWay(status))

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include "files/file_status.h"
 #include "foundation/on_exit.h"
 #include "foundation/sys.h"
 
@@ -63,7 +62,7 @@ bool takeAfter(int fd, const struct statx& old) {
 
 std::optional<FileState> stateOf(const char* path) {
     struct statx status {};
-    if (files::statusOf(path, status)) return stateFrom(status);
+    if (sys::stat(path, &status) == 0) return stateFrom(status);
     if (errno == ENOENT || errno == ENOTDIR) return FileState{};
     return std::nullopt;
 }
@@ -76,7 +75,7 @@ std::optional<FileContent> readFile(const char* path) {
         return std::nullopt;
     }
     struct statx status {};
-    if (!files::statusOf(file.get(), status)) return std::nullopt;
+    if (sys::fstat(file.get(), &status) != 0) return std::nullopt;
     if (!S_ISREG(status.stx_mode)) {
         errno = S_ISDIR(status.stx_mode) ? EISDIR : EINVAL;
         return std::nullopt;
@@ -98,7 +97,7 @@ bool replaceFile(const std::string& path, const std::string& text) {
     const size_t slash = path.rfind('/');
     const CKZString temporary = KZTempNam(slash == path.npos ? "" : path.substr(0, slash + 1));
     struct statx old {};
-    const bool isNew = !files::statusOf(path.c_str(), old);
+    const bool isNew = sys::stat(path.c_str(), &old) != 0;
     if (isNew && errno != ENOENT) return false;
 
     // Until it has its owner and mode, nobody else may read it.

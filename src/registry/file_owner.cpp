@@ -14,8 +14,8 @@ bool giveToRegistryOwner(int fd) {
     if (sys::fchmod(fd, KzFileMode) == 0) return true;
     const int error = errno;
     // On a file system that knows no modes all files, the template among them, have one.
-    struct stat status {};
-    const bool same = sys::fstat(fd, &status) == 0 && (status.st_mode & 07777) == KzFileMode;
+    struct statx status;
+    const bool same = sys::fstat(fd, &status) == 0 && (status.stx_mode & 07777) == KzFileMode;
     errno = error;
     return same;
 }

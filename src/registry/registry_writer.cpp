@@ -85,13 +85,13 @@ bool printTree(FileLock& file, WriteBatch& batch) {
 
 /// What is known of the temporary file once all text is in it; false after a message.
 bool checkTemporary(FileLock& file, const CKZString& name) {
-    struct stat status {};
-    if (file.FileStat(&status) != 0) {
+    KZFileStatus status;
+    if (!file.FileStat(&status)) {
         unix_err("WriteRegistry: Unable to stat temp file - %s.  errno = %s\n", name.c_str(),
                  std::strerror(errno));
         return false;
     }
-    if (status.st_size == 0) {
+    if (status.size == 0) {
         unix_err("WriteRegistry: Temp file -  %s is zero length.\n", name.c_str());
         return false;
     }

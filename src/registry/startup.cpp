@@ -68,15 +68,15 @@ void checkAccess() {
 }
 
 void recordTemplateOwner() {
-    struct stat status {};
+    struct statx status;
     if (sys::stat(templatePath().c_str(), &status) != 0) {
         unix_err("\n\nInitRegistry: stat(%s) failed, errno - %s\n Exiting...", templatePath().c_str(),
                  std::strerror(errno));
         endProcess();
     }
-    KzUserId = status.st_uid;
-    KzGroupId = status.st_gid;
-    KzFileMode = status.st_mode & 07777;
+    KzUserId = status.stx_uid;
+    KzGroupId = status.stx_gid;
+    KzFileMode = status.stx_mode & 07777;
 }
 
 /// Makes the registry file from the template in one step: a process killed on the way leaves no half
@@ -92,7 +92,7 @@ bool copyTemplate() {
 void createFromTemplate() {
     for (int attempt = 0; attempt < kCopyAttempts; ++attempt) {
         if (attempt > 0) SleepEx(kCopyRetryMs, FALSE);
-        struct stat status {};
+        struct statx status;
         if (sys::stat(registryPath().c_str(), &status) == 0 || copyTemplate()) return;
     }
     unix_err("InitRegistry: Template copy failed!!\n");
@@ -101,12 +101,12 @@ void createFromTemplate() {
 }
 
 void ensureFile() {
-    struct stat status {};
+    struct statx status;
     if (sys::stat(registryPath().c_str(), &status) != 0) {
         createFromTemplate();
         return;
     }
-    if (status.st_size > 0) return;
+    if (status.stx_size > 0) return;
     // An empty registry is a lost one: the operator is to restore it, the template would hide the loss.
     unix_err(
         "\n\nInitRegistry: Registry is zero length.\nPlease restore %s from backup file %s.\nExiting...\n",

@@ -249,33 +249,6 @@ TEST_F(FileIo, TellsSizesBeyond32BitsByTheirLowHalfAndTimesInSeconds) {
     EXPECT_TRUE(GetFileTime(file.get(), nullptr, nullptr, nullptr));
 }
 
-TEST_F(FileIo, FilesOfLaterThan2038AreFilesLikeOthers) {
-    writeText(path_, "content");
-    const OwnedHandle file = open(kReadWrite, OPEN_EXISTING);
-    const struct {
-        long long seconds, nanoseconds;
-    } times[] = {{1LL << 32, 0}, {1LL << 32, 0}};  // as the system takes them where `timespec` has 32 bits
-#if defined(SYS_utimensat_time64)
-    ASSERT_EQ(::syscall(SYS_utimensat_time64, AT_FDCWD, path_.c_str(), times, 0), 0);
-#else
-    ASSERT_EQ(::syscall(SYS_utimensat, AT_FDCWD, path_.c_str(), times, 0), 0);
-#endif
-    _FILETIME written;
-    EXPECT_TRUE(GetFileTime(file.get(), nullptr, nullptr, &written));
-    const ULONGLONG time = static_cast<ULONGLONG>(written.dwHighDateTime) << 32 | written.dwLowDateTime;
-    if (time < ((1ull << 31) + 11'644'473'600) * 10'000'000)
-        GTEST_SKIP() << "the file system has no such dates";
-    EXPECT_EQ(time, ((1ull << 32) + 11'644'473'600) * 10'000'000);
-    EXPECT_EQ(GetFileSize(file.get(), nullptr), 7u);
-    EXPECT_EQ(GetFileAttributes(path_.c_str()), FILE_ATTRIBUTE_NORMAL);
-    EXPECT_TRUE(SetFileAttributes(path_.c_str(), FILE_ATTRIBUTE_READONLY));
-    EXPECT_GE(GetDirectoryTreeSize(directory_.path()), 7u);
-    EXPECT_TRUE(SetFileAttributes(path_.c_str(), FILE_ATTRIBUTE_NORMAL));
-    EXPECT_TRUE(CopyFile(path_.c_str(), (directory_ / "copy").c_str(), TRUE));
-    writeText(directory_ / "new", "new");
-    EXPECT_TRUE(CopyFile((directory_ / "new").c_str(), path_.c_str(), FALSE)) << "over it";
-}
-
 TEST_F(FileIo, WhatIsNoFileHandleFailsWithEbadf) {
     const OwnedHandle event{CreateEvent(nullptr, FALSE, FALSE, nullptr)};
     for (Handle* handle : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, event.get()}) {

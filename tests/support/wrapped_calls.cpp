@@ -126,8 +126,9 @@ int __wrap_lstat64(const char* path, struct stat* status) {
     return pass(Call::Lstat, at(path), [&] { return __real_lstat64(path, status); });
 }
 int __wrap_statx(int fd, const char* path, int flags, unsigned int mask, struct statx* status) {
-    const bool isOfDescriptor = *path == '\0';
-    return pass(isOfDescriptor ? Call::Fstat : Call::Stat, isOfDescriptor ? at(fd) : at(path),
+    const bool isOfDescriptor = (flags & AT_EMPTY_PATH) != 0;
+    const Call ofPath = (flags & AT_SYMLINK_NOFOLLOW) != 0 ? Call::Lstat : Call::Stat;
+    return pass(isOfDescriptor ? Call::Fstat : ofPath, isOfDescriptor ? at(fd) : at(path),
                 [&] { return __real_statx(fd, path, flags, mask, status); });
 }
 int __wrap_statfs64(const char* path, struct statfs* status) {
