@@ -6,6 +6,7 @@
 #   make soak      everything at once in 14 processes, among kills, full disks and clock steps   SOAK_MINUTES=10 SOAK_SEED=
 #   make stress    the kernel's stress tests at full length: 10 million signals a lane, about half an hour
 #   make bench     every benchmark beside its floor        PRESET=amd64 for 64-bit
+#   make figures   the same, and its figures and chart into docs/performance.*
 #   make fuzz      each parser against made-up inputs      FUZZ_SECONDS=600 for each target
 #   make install   into PREFIX (/usr/local), below DESTDIR
 #   make package   a Debian package, in build/package
@@ -69,6 +70,10 @@ bench:
 	cmake --preset $(PRESET) -DTRAIKLOFOX_BENCH=ON
 	cmake --build $(BUILD) --parallel $(JOBS) --target benchmarks
 	cmake --build $(BUILD) --target bench
+
+figures: bench
+	@scripts/bootstrap figures
+	scripts/performance $(BUILD)/bench
 
 # What it comes upon besides findings is kept in build/fuzz/corpus, for the next run to start from.
 fuzz:

@@ -18,7 +18,7 @@ constexpr std::string_view kFloorSuffix = "/floor";
 struct Standard {
     size_t place;  // in the table: in the order of registration, which the random order of the runs hides
     std::string floor;
-    double aim;
+    std::string aim;
 };
 
 std::map<std::string, Standard>& standards() {
@@ -59,6 +59,11 @@ std::string ratioText(double ratio) {
     return text;
 }
 
+std::string aimText(const Measurement& measurement) {
+    if (measurement.aimNanoseconds > 0) return inSuitableUnit(measurement.aimNanoseconds);
+    return measurement.aim > 0 ? ratioText(measurement.aim) : "";
+}
+
 std::string processorModel() {
     std::ifstream file{"/proc/cpuinfo"};
     for (std::string line; std::getline(file, line);) {
@@ -71,7 +76,10 @@ std::string processorModel() {
 
 Comparison::Comparison(const Measurement& measurement) {
     const size_t place = standards().size();
-    standards()[measurement.operation] = {place, measurement.floor, measurement.aim};
+    standards()[measurement.operation] = {place, measurement.floor, aimText(measurement)};
+    // For who reads the run's JSON.
+    benchmark::AddCustomContext("floor of " + measurement.operation, measurement.floor);
+    benchmark::AddCustomContext("aim of " + measurement.operation, aimText(measurement));
     add(measurement.operation, measurement.body, measurement);
     add(measurement.operation + std::string{kFloorSuffix}, measurement.floorBody, measurement);
 }
@@ -121,17 +129,17 @@ void ComparisonReporter::Finalize() {
     });
     int width = 9;
     for (const Row& row : rows_) width = std::max(width, static_cast<int>(row.name.size()));
-    std::printf("%-*s | %10s | %10s | %6s | %5s | %s\n", width, "operation", "takes", "floor", "ratio", "aim",
+    std::printf("%-*s | %10s | %10s | %6s | %6s | %s\n", width, "operation", "takes", "floor", "ratio", "aim",
                 "what the floor is");
     for (const Row& row : rows_) {
         if (row.nanoseconds.empty()) continue;
         const Standard& standard = standards()[row.operation];
         const double taken = median(row.nanoseconds);
         const double floor = row.floorNanoseconds.empty() ? 0 : median(row.floorNanoseconds);
-        std::printf("%-*s | %10s | %10s | %6s | %5s | %s\n", width, row.name.c_str(),
+        std::printf("%-*s | %10s | %10s | %6s | %6s | %s\n", width, row.name.c_str(),
                     inSuitableUnit(taken).c_str(), floor > 0 ? inSuitableUnit(floor).c_str() : "",
-                    floor > 0 ? ratioText(taken / floor).c_str() : "",
-                    standard.aim > 0 ? ratioText(standard.aim).c_str() : "", standard.floor.c_str());
+                    floor > 0 ? ratioText(taken / floor).c_str() : "", standard.aim.c_str(),
+                    standard.floor.c_str());
     }
     (void)std::fflush(stdout);
 }

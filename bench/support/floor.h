@@ -27,7 +27,8 @@ struct Measurement {
     std::function<void(benchmark::State&)> body;
     std::string floor;
     std::function<void(benchmark::State&)> floorBody;
-    double aim = 0;  ///< greatest wanted ratio; 0: none is set
+    double aim = 0;             ///< greatest wanted ratio; 0: none is set
+    double aimNanoseconds = 0;  ///< greatest wanted time instead; 0: none is set
     /// The bodies give each iteration's time by `SetIterationTime`.
     bool measuresItself = false;
     /// Applied to the operation and to its floor, for arguments, threads or iterations.
