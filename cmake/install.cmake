@@ -12,6 +12,11 @@ configure_package_config_file(cmake/traiklofoxConfig.cmake.in traiklofoxConfig.c
 write_basic_package_version_file(traiklofoxConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/traiklofoxConfig.cmake ${PROJECT_BINARY_DIR}/traiklofoxConfigVersion.cmake
   DESTINATION ${package_directory})
+# Found from where the file itself stands, as the CMake package is.
+set(pkgconfig_directory ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pc_prefix ${pkgconfig_directory} ${CMAKE_INSTALL_PREFIX})
+file(RELATIVE_PATH pc_libdir ${pkgconfig_directory} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH pc_includedir ${pkgconfig_directory} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 configure_file(cmake/traiklofox.pc.in traiklofox.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/traiklofox.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME copyright)

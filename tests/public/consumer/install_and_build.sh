@@ -1,30 +1,39 @@
 #!/usr/bin/env bash
-# usage: install_and_build.sh BUILD-TREE CONSUMER-SOURCE SCRATCH CMAKE COMPILER FLAGS...
-# Installs the build tree twice below SCRATCH, and builds and runs an application against what was installed, through
-# the CMake package and through pkg-config's file.
+# usage: install_and_build.sh BUILD-TREE CONSUMER-SOURCE GENERATED CMAKE COMPILER FLAGS...
+# Installs the build tree twice below GENERATED/consumer, and builds and runs an application against what was installed,
+# through the CMake package and through pkg-config, and a program that finds the functions of GENERATED/c_names.list at
+# run time.
 set -euo pipefail
-build=$1 source=$2 scratch=$3 cmake=$4 compiler=$5
+build=$1 source=$2 generated=$3 cmake=$4 compiler=$5
 shift 5
 
+fail() { echo "$1"; exit 1; }
+scratch=$generated/consumer
 rm -rf "$scratch"
 mkdir -p "$scratch"
 install() { DESTDIR=$scratch/root "$cmake" --install "$build" --prefix /opt/test >"$scratch/install.log"; }
 install
 lock_file=$(find "$scratch/root" -name '*_data.dat')
-[ -f "$lock_file" ] || { echo "no lock file was installed"; exit 1; }
+[ -f "$lock_file" ] || fail "no lock file was installed"
+[ "$(stat -c %a "$lock_file")" = 644 ] || fail "not everybody can read the lock file, or some may write it"
 inode=$(stat -c %i "$lock_file")
 echo kept >"$lock_file"
 install
-[ "$(stat -c %i "$lock_file")" = "$inode" ] && [ "$(cat "$lock_file")" = kept ] || { echo "the lock file was replaced"; exit 1; }
+[ "$(stat -c %i "$lock_file")" = "$inode" ] && [ "$(cat "$lock_file")" = kept ] || fail "the lock file was replaced"
+[ -n "$(find "$scratch/root" -name '*.registry.template')" ] || fail "no template was installed"
+[ "$("$scratch/root/opt/test/bin/kzreg" --help | wc -l)" -gt 5 ] || fail "kzreg does not run where it was installed"
 
-libraries=$(dirname "$(find "$scratch/root" -name 'libtraiklofox.so')")
+library=$(find "$scratch/root" -name 'libtraiklofox.so')
 "$cmake" -S "$source" -B "$scratch/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$*" \
-  -DCMAKE_PREFIX_PATH="$scratch/root/opt/test" >"$scratch/configure.log"
+  -DCMAKE_C_FLAGS="$*" -DCMAKE_PREFIX_PATH="$scratch/root/opt/test" >"$scratch/configure.log"
 "$cmake" --build "$scratch/build" >"$scratch/build.log" || { cat "$scratch/build.log"; exit 1; }
 "$scratch/build/consumer"
+"$scratch/build/by_name" "$library" "$generated/c_names.list"
 
-pc=$libraries/pkgconfig/traiklofox.pc
-field() { sed -n "s/^$1: //p" "$pc" | sed "s|\${libdir}|$libraries|; s|\${includedir}|$scratch/root/opt/test/include|"; }
-# shellcheck disable=SC2046  # the fields are lists of options
-"$compiler" "$@" -std=c++20 $(field Cflags) "$source/consumer.cpp" $(field Libs) -o "$scratch/with_pkg_config"
-LD_LIBRARY_PATH=$libraries "$scratch/with_pkg_config"
+export PKG_CONFIG_PATH=${library%/*}/pkgconfig
+pkg-config --exact-version "$(sed -n 's/^set(PACKAGE_VERSION "\(.*\)").*/\1/p' \
+  "$(find "$scratch/root" -name traiklofoxConfigVersion.cmake)")" traiklofox || fail "the two packages' versions differ"
+# shellcheck disable=SC2046  # lists of options
+"$compiler" "$@" -std=c++20 $(pkg-config --cflags traiklofox) "$source/consumer.cpp" $(pkg-config --libs traiklofox) \
+  -o "$scratch/with_pkg_config"
+LD_LIBRARY_PATH=${library%/*} "$scratch/with_pkg_config"
