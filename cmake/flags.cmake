@@ -8,3 +8,11 @@ endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(traiklofox_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
+# What a program has run is written when it ends. Its own fork and exec do without: in a child that shares its parent's
+# memory, as one between vfork and exec does, they would take the parent's counts for written.
+if(TRAIKLOFOX_COVERAGE)
+  set(without_wrappers fork execl execle execlp execv execve execvp)
+  list(TRANSFORM without_wrappers PREPEND -fno-builtin-)
+  target_compile_options(traiklofox_flags INTERFACE --coverage -O0 ${without_wrappers})
+  target_link_options(traiklofox_flags INTERFACE --coverage)
+endif()

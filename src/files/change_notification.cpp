@@ -43,8 +43,8 @@ bool prepareReading(ChangeNotificationHandle& handle, const ReadRequest& request
     auto records = std::make_unique<NotifyRecords>();
     std::unique_ptr<CompletionCall> completion;
     if (request.routine != nullptr)
-        completion.reset(new CompletionCall{
-            request.routine, HandleRef<Thread>(static_cast<Thread*>(GetCurrentThread())), {}});
+        completion = std::make_unique<CompletionCall>(
+            CompletionCall{request.routine, HandleRef<Thread>(static_cast<Thread*>(GetCurrentThread())), {}});
     const bool hasOwnBuffer = request.buffer == nullptr && state.hasOwnBuffer();
     if (!hasOwnBuffer) handle.SetBuffer(request.buffer);
     if (!hasOwnBuffer || handle.GetBufSize() < request.size) handle.SetBufSize(request.size);
