@@ -27,13 +27,13 @@ Board* mapBoard() {
     return static_cast<Board*>(memory);
 }
 
+}  // namespace
+
 void raise(Count& most, std::uint32_t value) {
     std::uint32_t seen = most.load();
     while (seen < value && !most.compare_exchange_weak(seen, value)) {
     }
 }
-
-}  // namespace
 
 Board& board() {
     static Board* const mapped = mapBoard();  // zeroes at first, which every field begins with

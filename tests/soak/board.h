@@ -11,108 +11,66 @@
 
 namespace traiklofox::soak {
 
-enum class Op : unsigned {
-    RegistryWrite,
-    RegistryLook,
-    Notification,
-    LazyWrite,
-    Signal,
-    SemaphoreUnit,
-    MixedWait,
-    Timer,
-    QueuedCall,
-    PoolJob,
-    Child,
-    FileLock,
-    Mapping,
-    DroppedFile,
-    TemporaryName,
-    Search,
-    Copy,
-    Date,
-    ProfileWrite,
-    Uuid,
-    ProcessList,
-};
-/// What one is counted, and what the worst time is of.
-constexpr const char* kOperations[] = {
-    "registry: step of several changes, flushed",
-    "registry: key opened, read and closed",
-    "registry: change told by an event",
-    "registry: lazy write, set to file",
-    "event handed over and back",
-    "semaphore unit taken",
-    "wait for event, thread and process",
-    "timer fired (worst: how late)",
-    "queued call run",
-    "pool job, from queue to end",
-    "child, start to exit code",
-    "file lock taken",
-    "named mapping opened, changed, closed",
-    "dropped file, to its report",
-    "temporary file named and made",
-    "directory searched",
-    "file copied",
-    "date rendered and parsed",
-    "profile value written",
-    "UUID made, to text and back",
-    "process list",
-};
-constexpr size_t kOperationCount = std::size(kOperations);
-static_assert(kOperationCount == static_cast<size_t>(Op::ProcessList) + 1);
+// clang-format off
+// What is counted, and what the worst time is of.
+#define SOAK_OPERATIONS(ROW) \
+    ROW(RegistryWrite,  "registry: step of several changes, flushed") \
+    ROW(RegistryLook,   "registry: key opened, read and closed") \
+    ROW(Notification,   "registry: change told by an event") \
+    ROW(LazyWrite,      "registry: lazy write, set to file") \
+    ROW(Signal,         "event handed over and back") \
+    ROW(SemaphoreUnit,  "semaphore unit taken") \
+    ROW(MixedWait,      "wait for event, thread and process") \
+    ROW(Timer,          "timer fired (worst: how late)") \
+    ROW(QueuedCall,     "queued call run") \
+    ROW(PoolJob,        "pool job, from queue to end") \
+    ROW(Child,          "child, start to exit code") \
+    ROW(FileLock,       "file lock taken") \
+    ROW(Mapping,        "named mapping opened, changed, closed") \
+    ROW(DroppedFile,    "dropped file, to its report") \
+    ROW(TemporaryName,  "temporary file named and made") \
+    ROW(Search,         "directory searched") \
+    ROW(Copy,           "file copied") \
+    ROW(Date,           "date rendered and parsed") \
+    ROW(ProfileWrite,   "profile value written") \
+    ROW(Uuid,           "UUID made, to text and back") \
+    ROW(ProcessList,    "process list")
 
-enum class Invariant : unsigned {
-    WritesStay,
-    FileIsWhole,
-    WritesAreSeen,
-    ChangesAreTold,
-    NobodyBlocks,
-    NobodyCrashes,
-    SignalsArrive,
-    TimersFire,
-    JobsRun,
-    ChildrenReaped,
-    LocksExclude,
-    MappingsShared,
-    FilesReported,
-    NamesUnique,
-    SearchesFind,
-    CopiesWhole,
-    DatesRoundTrip,
-    ProfilesKeep,
-    UuidsDiffer,
-    ProcessesListed,
-    NothingLeaks,
-    MemoryBounded,
-    SharedStateClean,
-};
-constexpr const char* kInvariants[] = {
-    "no acknowledged registry write is lost",
-    "the registry file is whole whenever it is read",
-    "an acknowledged write is seen by every later look-up",
-    "an acknowledged change signals the event tied before",
-    "nobody is blocked for a minute",
-    "nobody ends but by our SIGKILL",
-    "no signal, unit or call is lost or counted twice",
-    "each timer fires once, not early, cancelled ones never",
-    "each pool job runs once",
-    "each child gives its exit code and is reaped",
-    "a file lock has one holder",
-    "no change of a named mapping is lost",
-    "a dropped file is reported once, and once when gone",
-    "no temporary name is given twice",
-    "a search finds what is there",
-    "a copy that succeeds is whole",
-    "a date rendered and parsed is the same",
-    "no acknowledged profile write is lost",
-    "UUIDs differ, and survive their text",
-    "the process list has this process and its parent",
-    "no descriptor or thread is left over",
-    "memory does not grow after the warm-up",
-    "one semaphore, free; one page, attached by nobody",
-};
+#define SOAK_INVARIANTS(ROW) \
+    ROW(WritesStay,        "no acknowledged registry write is lost") \
+    ROW(FileIsWhole,       "the registry file is whole whenever it is read") \
+    ROW(WritesAreSeen,     "an acknowledged write is seen by every later look-up") \
+    ROW(ChangesAreTold,    "an acknowledged change signals the event tied before") \
+    ROW(NobodyBlocks,      "nobody is blocked for a minute") \
+    ROW(NobodyCrashes,     "nobody ends but by our SIGKILL") \
+    ROW(SignalsArrive,     "no signal, unit or call is lost or counted twice") \
+    ROW(TimersFire,        "each timer fires once, not early, cancelled ones never") \
+    ROW(JobsRun,           "each pool job runs once") \
+    ROW(ChildrenReaped,    "each child gives its exit code and is reaped") \
+    ROW(LocksExclude,      "a file lock has one holder") \
+    ROW(MappingsShared,    "no change of a named mapping is lost") \
+    ROW(FilesReported,     "a dropped file is reported once, and once when gone") \
+    ROW(NamesUnique,       "no temporary name is given twice") \
+    ROW(SearchesFind,      "a search finds what is there") \
+    ROW(CopiesWhole,       "a copy that succeeds is whole") \
+    ROW(DatesRoundTrip,    "a date rendered and parsed is the same") \
+    ROW(ProfilesKeep,      "no acknowledged profile write is lost") \
+    ROW(UuidsDiffer,       "UUIDs differ, and survive their text") \
+    ROW(ProcessesListed,   "the process list has this process and its parent") \
+    ROW(NothingLeaks,      "no descriptor or thread is left over") \
+    ROW(MemoryBounded,     "memory does not grow after the warm-up") \
+    ROW(SharedStateClean,  "one semaphore, free; one page, attached by nobody")
+// clang-format on
+
+#define SOAK_NAME(name, text) name,
+#define SOAK_TEXT(name, text) text,
+enum class Op : unsigned { SOAK_OPERATIONS(SOAK_NAME) };
+enum class Invariant : unsigned { SOAK_INVARIANTS(SOAK_NAME) };
+using enum Invariant;
+constexpr const char* kOperations[] = {SOAK_OPERATIONS(SOAK_TEXT)};
+constexpr const char* kInvariants[] = {SOAK_INVARIANTS(SOAK_TEXT)};
+constexpr size_t kOperationCount = std::size(kOperations);
 constexpr size_t kInvariantCount = std::size(kInvariants);
-static_assert(kInvariantCount == static_cast<size_t>(Invariant::SharedStateClean) + 1);
 
 using Count = std::atomic<std::uint32_t>;
 static_assert(Count::is_always_lock_free, "a killed process must leave no lock behind");
@@ -135,7 +93,8 @@ struct Board {
     Count stop;       // the run is over
     Count warmUntil;  // seconds of the monotonic clock
     Count clockSteps, faults;
-    Count guarded;  // changed under the file lock alone, in two steps
+    Count residentGrowthKiB, heapGrowthKiB;  // the most of any process
+    Count guarded;                           // changed under the file lock alone, in two steps
     struct {
         Count done, refused, worstUs;
     } operations[kOperationCount];
@@ -162,6 +121,9 @@ void note(Op op, Clock::duration took);
 /// Which worker this process is, for what is noted and checked.
 void playAs(const std::string& role, size_t slot);
 Slot& ownSlot();
+
+/// Takes note of the most.
+void raise(Count& most, std::uint32_t value);
 
 /// Does it, and notes how long it took; a false result counts as refused.
 template <class Operation>

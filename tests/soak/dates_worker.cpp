@@ -42,7 +42,7 @@ void renderAndParse(test::Random& random) {
                sarnu_VarBstrFromDate(value.date, kEnglish, 0, &text) == S_OK &&
                sarnu_VarDateFromStr(text, kEnglish, 0, &parsed) == S_OK && parsed == value.date;
     });
-    check(Invariant::DatesRoundTrip, isSame, "%.17g, rendered %s, parsed %.17g", value.date, text, parsed);
+    check(DatesRoundTrip, isSame, "%.17g, rendered %s, parsed %.17g", value.date, text, parsed);
     std::free(text);
 }
 
@@ -60,10 +60,10 @@ void writeProfile(size_t slot, const std::string& file) {
                                          std::to_string(number).c_str(), file.c_str()) != 0;
     };
     if (!timed(Op::ProfileWrite, write))
-        check(Invariant::ProfilesKeep, test::within(kBound, write), "%u cannot be written", number);
+        check(ProfilesKeep, test::within(kBound, write), "%u cannot be written", number);
     journal.acknowledged = number;
     const std::uint32_t found = numberInProfile(slot, file);
-    check(Invariant::ProfilesKeep, found == number, "%u is read as %u", number, found);
+    check(ProfilesKeep, found == number, "%u is read as %u", number, found);
 }
 
 /// Of all workers, as the file has them now.
@@ -75,7 +75,7 @@ void readProfile(const std::string& file) {
     for (size_t slot = 0; slot < kMostSlots; ++slot) {
         if (acknowledged[slot] == 0) continue;
         const std::uint32_t found = numberInProfile(slot, file);
-        check(Invariant::ProfilesKeep, found >= acknowledged[slot], "worker %zu: %u is read as %u", slot,
+        check(ProfilesKeep, found >= acknowledged[slot], "worker %zu: %u is read as %u", slot,
               acknowledged[slot], found);
     }
 }
@@ -91,14 +91,14 @@ void makeUuids() {
             unsigned char* text = nullptr;
             const bool survives = UuidCreate(&made) == 0 && UuidToString(&made, &text) == 0 &&
                                   UuidFromString(text, &read) == 0 && UuidCompare(&made, &read, nullptr) == 0;
-            check(Invariant::UuidsDiffer, survives, "a text is read as another");
+            check(UuidsDiffer, survives, "a text is read as another");
             if (text != nullptr) texts.emplace_back(reinterpret_cast<const char*>(text));
             return RpcStringFree(&text) == 0;
         });
     }
     std::ranges::sort(texts);
     const auto twice = std::ranges::adjacent_find(texts);
-    check(Invariant::UuidsDiffer, twice == texts.end(), "%s is given twice",
+    check(UuidsDiffer, twice == texts.end(), "%s is given twice",
           twice != texts.end() ? twice->c_str() : "none");
 }
 
@@ -110,13 +110,12 @@ void listProcesses() {
     });
     ids.resize(bytes / sizeof(DWORD));
     const auto has = [&](pid_t id) { return std::ranges::count(ids, static_cast<DWORD>(id)) == 1; };
-    check(Invariant::ProcessesListed, listed && has(::getpid()) && has(::getppid()), "among %zu processes",
-          ids.size());
+    check(ProcessesListed, listed && has(::getpid()) && has(::getppid()), "among %zu processes", ids.size());
 }
 
 TEST_ROLE(dates) {
     Life life(args, kGreatSteps);
-    check(Invariant::DatesRoundTrip, initLocaleInfo(), "no locales");
+    check(DatesRoundTrip, initLocaleInfo(), "no locales");
     const std::string profile = homeDirectory() + "/soak.ini";
     return life.live([&] {
         for (int i = 0; i < 50; ++i) renderAndParse(life.random);

@@ -18,9 +18,9 @@
 #include <map>
 #include <thread>
 
-#include "soak/files_worker.h"
 #include "soak/life.h"
 #include "soak/registry_state.h"
+#include "soak/workers.h"
 #include "support/owned_handle.h"
 #include "support/temp_dir.h"
 
@@ -57,9 +57,8 @@ void countUnderLock(Life& life) {
     if (life.random.below(2) == 0) std::this_thread::sleep_for(50us);
     board().guarded = next;
     std::this_thread::yield();
-    check(Invariant::LocksExclude, locked && board().guarded == next,
-          "somebody else changed it under the lock");
-    check(Invariant::LocksExclude, file.CloseAndUnLockFile(), "not unlocked");
+    check(LocksExclude, locked && board().guarded == next, "somebody else changed it under the lock");
+    check(LocksExclude, file.CloseAndUnLockFile(), "not unlocked");
     ++journal.acknowledged;
 }
 
@@ -67,12 +66,13 @@ void countInMapping() {
     Journal& journal = ownSlot().mapping;
     ++journal.asked;
     const bool changed = timed(Op::Mapping, [] {
-        const OwnedHandle mapping(openCounter());
+        const OwnedHandle mapping(
+            CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Count), kMapping));
         auto* counter = static_cast<Count*>(MapViewOfFile(mapping.get(), FILE_MAP_ALL_ACCESS, 0, 0, 0));
         ++*counter;
         return UnmapViewOfFile(counter) != 0;
     });
-    check(Invariant::MappingsShared, changed, "not unmapped");
+    check(MappingsShared, changed, "not unmapped");
     ++journal.acknowledged;
 }
 
@@ -82,11 +82,11 @@ void makeTemporaryFiles() {
     (void)timed(Op::TemporaryName, [&] {
         const CKZString name = KZTempNam(directory.c_str());
         const int fd = ::open(name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
-        check(Invariant::NamesUnique, fd >= 0, "%s: %s", name.c_str(), std::strerror(errno));
+        check(NamesUnique, fd >= 0, "%s: %s", name.c_str(), std::strerror(errno));
         ::close(fd);
         char made[MAX_PATH];
         const UINT number = GetTempFileName(directory.c_str(), "skt", 0, made);
-        check(Invariant::NamesUnique, number != 0, "GetTempFileName: %s", std::strerror(errno));
+        check(NamesUnique, number != 0, "GetTempFileName: %s", std::strerror(errno));
         return ::unlink(name.c_str()) == 0 && ::unlink(made) == 0;
     });
 }
@@ -98,7 +98,7 @@ void searchFor(const std::string& pattern) {
         int found = search != INVALID_HANDLE_VALUE ? 1 : 0;
         while (found != 0 && FindNextFile(search, &data)) ++found;
         (void)FindClose(search);
-        check(Invariant::SearchesFind, found == kSearched, "%d of %d files", found, kSearched);
+        check(SearchesFind, found == kSearched, "%d of %d files", found, kSearched);
         return true;
     });
 }
@@ -107,8 +107,7 @@ void searchFor(const std::string& pattern) {
 void copy(const std::string& original, size_t slot) {
     const std::string to = homeDirectory() + "/copy" + std::to_string(slot);
     if (timed(Op::Copy, [&] { return CopyFile(original.c_str(), to.c_str(), /*failIfExists=*/0) != 0; }))
-        check(Invariant::CopiesWhole, fs::file_size(to) == kCopied, "%zu bytes",
-              static_cast<size_t>(fs::file_size(to)));
+        check(CopiesWhole, fs::file_size(to) == kCopied, "%zu bytes", static_cast<size_t>(fs::file_size(to)));
     ::unlink(to.c_str());
 }
 
@@ -121,8 +120,8 @@ class Watched {
         : path_(path),
           port_(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0)),
           directory_(new ChangeNotificationHandle(path.c_str(), FALSE, FILE_NOTIFY_CHANGE_SIZE)) {
-        check(Invariant::FilesReported,
-              CreateIoCompletionPort(directory_.get(), port_.get(), 1, 0) != nullptr, "no port");
+        check(FilesReported, CreateIoCompletionPort(directory_.get(), port_.get(), 1, 0) != nullptr,
+              "no port");
         ask();
         scanner_.reset(CreateThread(nullptr, 0, WatchDirsThread, &callbacks, 0, nullptr));
     }
@@ -130,8 +129,7 @@ class Watched {
     Watched& operator=(const Watched&) = delete;
     ~Watched() {
         scannerStops = true;
-        check(Invariant::NobodyBlocks, WaitForSingleObject(scanner_.get(), kBoundMs) == WAIT_OBJECT_0,
-              "the scanner");
+        check(NobodyBlocks, WaitForSingleObject(scanner_.get(), kBoundMs) == WAIT_OBJECT_0, "the scanner");
     }
 
     /// Files that come whole, grow, and go again: each is told once.
@@ -159,7 +157,7 @@ class Watched {
         .deviceTest = nullptr};
 
     void ask() {
-        check(Invariant::FilesReported,
+        check(FilesReported,
               ReadDirectoryChanges(directory_.get(), nullptr, 0, FALSE, FILE_NOTIFY_CHANGE_SIZE, nullptr,
                                    nullptr, nullptr),
               "not asked");
@@ -181,7 +179,7 @@ class Watched {
                                        record.FileNameLength);
                 const auto expected = told.find(name);
                 const bool isFirst = expected != told.end() && expected->second++ == 0;
-                check(Invariant::FilesReported, isFirst && record.Action == action,
+                check(FilesReported, isFirst && record.Action == action,
                       "%s told again, or by %u instead of %u", name.c_str(),
                       static_cast<unsigned>(record.Action), static_cast<unsigned>(action));
                 left -= isFirst;
@@ -190,7 +188,7 @@ class Watched {
             }
             ask();
         }
-        check(Invariant::FilesReported, left == 0, "%d of %d files are not told by %u", left, count,
+        check(FilesReported, left == 0, "%d of %d files are not told by %u", left, count,
               static_cast<unsigned>(action));
     }
 
@@ -220,9 +218,4 @@ TEST_ROLE(files) {
 }
 
 }  // namespace
-
-Handle* openCounter() {
-    return CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Count), "soak");
-}
-
 }  // namespace traiklofox::soak

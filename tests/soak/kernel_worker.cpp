@@ -45,19 +45,19 @@ void handEventsOver(unsigned seed) {
         for (int i = 0; i < kHandOvers; ++i) {
             const DWORD count = static_cast<DWORD>(handles.size());
             const DWORD which = WaitForMultipleObjects(count, handles.data(), FALSE, kBoundMs);
-            check(Invariant::SignalsArrive, which == sent, "hand-over %d: event %u of %u", i,
+            check(SignalsArrive, which == sent, "hand-over %d: event %u of %u", i,
                   static_cast<unsigned>(which), static_cast<unsigned>(sent));
             SetEvent(answered.get());
         }
     });
-    test::Random random(seed);
+    test::Random random{std::mt19937(seed)};
     for (int i = 0; i < kHandOvers; ++i) {
         sent = random.below(8);
         const bool came = timed(Op::Signal, [&] {
             SetEvent(handles[sent]);
             return WaitForSingleObject(answered.get(), kBoundMs) == WAIT_OBJECT_0;
         });
-        check(Invariant::SignalsArrive, came, "hand-over %d is not answered", i);
+        check(SignalsArrive, came, "hand-over %d is not answered", i);
     }
 }
 
@@ -71,19 +71,18 @@ void takeUnits(unsigned seed) {
                 const bool taken = timed(Op::SemaphoreUnit, [&] {
                     return WaitForSingleObject(semaphore.get(), kBoundMs) == WAIT_OBJECT_0;
                 });
-                check(Invariant::SignalsArrive, taken, "unit %d does not come", units);
+                check(SignalsArrive, taken, "unit %d does not come", units);
             }
         });
     }
-    test::Random random(seed);
+    test::Random random{std::mt19937(seed)};
     for (int left = kUnits; left > 0;) {
         const int piece = std::min(left, 1 + static_cast<int>(random.below(10)));
-        check(Invariant::SignalsArrive, ReleaseSemaphore(semaphore.get(), piece, nullptr), "release refused");
+        check(SignalsArrive, ReleaseSemaphore(semaphore.get(), piece, nullptr), "release refused");
         left -= piece;
     }
     takers.clear();
-    check(Invariant::SignalsArrive, WaitForSingleObject(semaphore.get(), 0) == WAIT_TIMEOUT,
-          "a unit too many");
+    check(SignalsArrive, WaitForSingleObject(semaphore.get(), 0) == WAIT_TIMEOUT, "a unit too many");
 }
 
 OwnedHandle startChild(unsigned code) {
@@ -96,7 +95,7 @@ OwnedHandle startChild(unsigned code) {
 void checkChild(const OwnedHandle& child, DWORD expected) {
     DWORD code = ~DWORD{0};
     const bool given = child != nullptr && GetExitCodeProcess(child.get(), &code);
-    check(Invariant::ChildrenReaped, given && code == expected, "exit code %u instead of %u (%d)",
+    check(ChildrenReaped, given && code == expected, "exit code %u instead of %u (%d)",
           static_cast<unsigned>(code), static_cast<unsigned>(expected), given);
 }
 
@@ -112,7 +111,7 @@ void waitForSeveralKinds(unsigned seed) {
         while (left.size() > 1) {  // the last one's kind stands alone
             const DWORD which =
                 WaitForMultipleObjects(static_cast<DWORD>(left.size()), left.data(), FALSE, kBoundMs);
-            check(Invariant::SignalsArrive, which < left.size(), "of %zu kinds none comes: %u", left.size(),
+            check(SignalsArrive, which < left.size(), "of %zu kinds none comes: %u", left.size(),
                   static_cast<unsigned>(which));
             if (which >= left.size()) return false;
             left.erase(left.begin() + static_cast<std::ptrdiff_t>(which));
@@ -132,8 +131,8 @@ void runChildren(unsigned seed) {
     (void)TerminateProcess(killed.get(), 0);  // it may have ended
     DWORD found = 0;
     const bool given = GetExitCodeProcess(killed.get(), &found);
-    check(Invariant::ChildrenReaped, given && (found == code || found == ~DWORD{0}),
-          "terminated child: code %u", static_cast<unsigned>(found));
+    check(ChildrenReaped, given && (found == code || found == ~DWORD{0}), "terminated child: code %u",
+          static_cast<unsigned>(found));
 }
 
 using WallClock = std::chrono::system_clock;  // the real one, which the library's waits go by
@@ -149,7 +148,7 @@ void noteShot(void* argument, void*, void*) {
     auto& shot = *static_cast<Shot*>(argument);
     const auto late = WallClock::now() - shot.due;
     ++shot.fired;
-    check(Invariant::TimersFire, late >= WallClock::duration::zero(), "%lld us early",
+    check(TimersFire, late >= WallClock::duration::zero(), "%lld us early",
           static_cast<long long>(-late / std::chrono::microseconds{1}));
     note(Op::Timer, std::chrono::duration_cast<Clock::duration>(late));
 }
@@ -165,7 +164,7 @@ void fireTimersAndCalls(unsigned seed) {
     Handle* self = nullptr;
     DuplicateHandle(nullptr, GetCurrentThread(), nullptr, &self, 0, FALSE, 0);
     const OwnedHandle owned(self);
-    test::Random random(seed);
+    test::Random random{std::mt19937(seed)};
     for (Shot& shot : shots) {
         shot.timer.reset(CreateWaitableTimer(nullptr, FALSE, nullptr));
         shot.due = std::chrono::time_point_cast<std::chrono::microseconds>(WallClock::now()) +
@@ -175,8 +174,7 @@ void fireTimersAndCalls(unsigned seed) {
         timespec due{};
         due.tv_sec = static_cast<time_t>(seconds.count());
         due.tv_nsec = static_cast<long>(std::chrono::nanoseconds{since - seconds}.count());
-        check(Invariant::TimersFire, SetWaitableTimer(shot.timer.get(), &due, 0, noteShot, &shot, FALSE),
-              "not set");
+        check(TimersFire, SetWaitableTimer(shot.timer.get(), &due, 0, noteShot, &shot, FALSE), "not set");
     }
     for (size_t i = 0; i < shots.size(); i += 5)
         shots[i].isCancelled = CancelWaitableTimer(shots[i].timer.get());
@@ -192,9 +190,9 @@ void fireTimersAndCalls(unsigned seed) {
     while (!allCame() && Clock::now() - start < std::chrono::milliseconds{kBoundMs}) (void)SleepEx(100, TRUE);
     note(Op::QueuedCall, Clock::now() - start);
     (void)SleepEx(1, TRUE);
-    check(Invariant::SignalsArrive, callsRun == kCalls, "%d of %d calls", callsRun.load(), kCalls);
+    check(SignalsArrive, callsRun == kCalls, "%d of %d calls", callsRun.load(), kCalls);
     for (const Shot& shot : shots)
-        check(Invariant::TimersFire, shot.fired == (shot.isCancelled ? 0 : 1), "fired %d times%s", shot.fired,
+        check(TimersFire, shot.fired == (shot.isCancelled ? 0 : 1), "fired %d times%s", shot.fired,
               shot.isCancelled ? ", cancelled" : "");
 }
 
@@ -232,9 +230,9 @@ void runPool(unsigned) {
                 if (job.runs == 0) return false;
             return true;
         });
-        check(Invariant::JobsRun, allRan, "a job has not run");
+        check(JobsRun, allRan, "a job has not run");
     }
-    for (const Job& job : jobs) check(Invariant::JobsRun, job.runs == 1, "run %d times", job.runs.load());
+    for (const Job& job : jobs) check(JobsRun, job.runs == 1, "run %d times", job.runs.load());
 }
 
 bool isChildless() {
@@ -254,7 +252,7 @@ TEST_ROLE(kernel) {
             std::vector<std::jthread> lanes;
             for (const auto lane : kLanes) lanes.emplace_back(lane, life.random.below(1'000'000));
         }
-        check(Invariant::ChildrenReaped, test::within(std::chrono::milliseconds{kBoundMs}, isChildless),
+        check(ChildrenReaped, test::within(std::chrono::milliseconds{kBoundMs}, isChildless),
               "a child is left over");
     });
 }

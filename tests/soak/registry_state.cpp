@@ -77,10 +77,10 @@ std::string registryFile() {
 std::optional<FileKeys> readRegistryFile() {
     try {
         FileKeys keys = test::parseRegistry(test::readText(registryFile()));
-        check(Invariant::FileIsWhole, true, "%s", "");
+        check(FileIsWhole, true, "%s", "");
         return keys;
     } catch (const std::exception& failure) {
-        check(Invariant::FileIsWhole, false, "%s", failure.what());
+        check(FileIsWhole, false, "%s", failure.what());
         return std::nullopt;
     }
 }
@@ -98,15 +98,15 @@ void checkWriter(const FileKeys& keys, size_t slot, std::uint32_t acknowledged, 
         const std::string text = textIn(found, name);
         const bool held =
             std::ranges::any_of(states, [&](const State& state) { return textIn(state, name) == text; });
-        check(Invariant::WritesStay, held, "writer %zu has %s=%s in the file, acknowledged %u, asked %u",
-              slot, name.c_str(), text.c_str(), acknowledged, asked);
+        check(WritesStay, held, "writer %zu has %s=%s in the file, acknowledged %u, asked %u", slot,
+              name.c_str(), text.c_str(), acknowledged, asked);
     }
 }
 
 void checkCounter(const FileKeys& keys, size_t slot, std::uint32_t acknowledged, std::uint32_t asked) {
     const std::string text = textIn(stateIn(keys, pathOf(slot)), "n");
     const auto value = text == "(none)" ? 0 : std::stoul(text);
-    check(Invariant::WritesStay, value >= acknowledged && value <= asked,
+    check(WritesStay, value >= acknowledged && value <= asked,
           "lazy writer %zu has %s in the file, acknowledged %u, asked %u", slot, text.c_str(), acknowledged,
           asked);
 }
@@ -116,8 +116,8 @@ void checkBallast(const FileKeys& keys) {
         *new FileKeys(test::parseRegistry(test::readText(registryFile() + ".template")));
     for (const auto& [path, values] : expected) {
         const auto found = keys.find(path);
-        check(Invariant::WritesStay, found != keys.end() && found->second == values,
-              "%s is not as it was installed", path.c_str());
+        check(WritesStay, found != keys.end() && found->second == values, "%s is not as it was installed",
+              path.c_str());
     }
 }
 

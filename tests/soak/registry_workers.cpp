@@ -72,7 +72,7 @@ void writeStep(Life& life, HKEY key) {
             fault.reset();
             // The changes are marked still: no more is to be done than to ask again once there is room.
             const bool comes = test::within(kBound, [&] { return RegFlushKey(key) == 0; });
-            check(Invariant::WritesStay, comes, "step %u cannot be written", number);
+            check(WritesStay, comes, "step %u cannot be written", number);
         }
     }
     journal.acknowledged = number;
@@ -102,8 +102,8 @@ void lookAt(size_t slot) {
         return true;
     });
     const bool seen = acknowledged == 0 || (text && std::stoul(*text) >= acknowledged);
-    check(Invariant::WritesAreSeen, seen, "writer %zu: %s of step %u is %s", slot,
-          Step(acknowledged).value.c_str(), acknowledged, text.value_or("(none)").c_str());
+    check(WritesAreSeen, seen, "writer %zu: %s of step %u is %s", slot, Step(acknowledged).value.c_str(),
+          acknowledged, text.value_or("(none)").c_str());
 }
 
 /// An event that is tied to a key is signalled by the first call after a change of another process.
@@ -125,7 +125,7 @@ void awaitChange(size_t slot) {
     Handle* handles[] = {event.get()};
     const bool told = tied && look() && WaitForMultipleObjects(1, handles, FALSE, 0) == WAIT_OBJECT_0;
     if (!told) (void)static_cast<Event*>(event.get())->SetEventData(-1);
-    check(Invariant::ChangesAreTold, told, "writer %zu, after step %u", slot, before);
+    check(ChangesAreTold, told, "writer %zu, after step %u", slot, before);
     note(Op::Notification, Clock::now() - start);
 }
 
@@ -163,12 +163,12 @@ void setLazily(Life& life, HKEY key) {
     for (int i = 0; i < kSets; ++i) {
         journal.asked = ++number;
         const bool set = test::setText(key, "n", std::to_string(number)) == 0 && RegFlushKey(key) == 0;
-        check(Invariant::WritesStay, set, "lazy step %u is refused", number);
+        check(WritesStay, set, "lazy step %u is refused", number);
     }
     const bool asks = life.random.below(4) == 0;
     const bool comes = test::within(
         kBound, [&] { return asks ? WriteRegistry() == 1 : lazyNumberInFile(life.slot) == number; });
-    check(Invariant::WritesStay, comes, "lazy step %u does not come into the file", number);
+    check(WritesStay, comes, "lazy step %u does not come into the file", number);
     note(Op::LazyWrite, Clock::now() - start);
     journal.acknowledged = number;
 }
@@ -178,8 +178,7 @@ TEST_ROLE(lazyWriter) {
     const OpenKey key = openOwnKey(life.slot);
     return life.live([&] {
         pthread_t thread{};
-        check(Invariant::NothingLeaks, pthread_create(&thread, nullptr, runLazyWriter, nullptr) == 0,
-              "no thread");
+        check(NothingLeaks, pthread_create(&thread, nullptr, runLazyWriter, nullptr) == 0, "no thread");
         (void)test::within(kBound, [] { return bLazyFlush == 1; });
         for (int i = 0; i < 5; ++i) {
             setLazily(life, key);
@@ -197,7 +196,7 @@ TEST_ROLE(survivor) {
     playAs("survivor", std::stoul(args.at(1)));
     const OpenKey key = OpenKey::createBelow(OpenKey(kSoakKey), "survivor");
     const bool written = test::setText(key, "came", "last") == 0 && RegFlushKey(key) == 0;
-    check(Invariant::WritesStay, written, "the last write fails");
+    check(WritesStay, written, "the last write fails");
     for (size_t slot = 0; slot < kWriters; ++slot) lookAt(slot);
     return 0;
 }

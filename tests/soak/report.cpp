@@ -13,7 +13,7 @@ namespace {
 bool isLookedAt(size_t invariant) {
     // A sanitizer keeps what is freed, so that memory is not looked at.
     return board().invariants[invariant].checks > 0 ||
-           (test::kSanitized && invariant == static_cast<size_t>(Invariant::MemoryBounded));
+           (test::kSanitized && invariant == static_cast<size_t>(MemoryBounded));
 }
 
 double secondsOf(Clock::duration duration) {
@@ -63,7 +63,9 @@ std::string report(const Run& run, const Supervisor& supervisor) {
     for (const auto& [role, kills] : supervisor.kills()) out << ' ' << role << ' ' << kills;
     out << "; at a system call of its own: " << supervisor.ownKills() << '\n'
         << "disk full " << supervisor.fullDisks() << " times; system calls made to fail " << board().faults
-        << "; clock steps " << board().clockSteps << "\n\n";
+        << "; clock steps " << board().clockSteps
+        << "\nmemory of a process grew after the warm-up by at most " << board().residentGrowthKiB
+        << " KiB resident, " << board().heapGrowthKiB << " KiB on the heap\n\n";
     listOperations(out);
     out << '\n';
     listInvariants(out);

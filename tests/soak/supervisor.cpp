@@ -10,7 +10,6 @@
 #include <sstream>
 #include <thread>
 
-#include "soak/files_worker.h"
 #include "soak/registry_state.h"
 #include "soak/workers.h"
 #include "support/owned_handle.h"
@@ -35,6 +34,12 @@ std::array<std::uint32_t, kMostSlots> all(Count Journal::*which) {
     return numbers;
 }
 
+std::string textOf(const ExitStatus& status) {
+    std::ostringstream text;
+    text << status;
+    return text.str();
+}
+
 void checkSum(Invariant invariant, Journal Slot::*journal, std::uint32_t found) {
     std::uint32_t asked = 0;
     std::uint32_t acknowledged = 0;
@@ -48,7 +53,7 @@ void checkSum(Invariant invariant, Journal Slot::*journal, std::uint32_t found) 
 
 }  // namespace
 
-Supervisor::Supervisor(unsigned seed) : random_(seed), disk_(homeDirectory(), kDiskBytes) {
+Supervisor::Supervisor(unsigned seed) : random_{std::mt19937(seed)}, disk_(homeDirectory(), kDiskBytes) {
     writeTemplate();
     size_t slot = 0;
     for (const WorkerRow& row : kWorkers)
@@ -89,10 +94,7 @@ void Supervisor::replaceTheDead() {
         if (status == ExitStatus::timedOut()) continue;
         const bool wasOurs = worker.isMortal && status == ExitStatus::killedBy(SIGKILL);
         ownKills_ += wasOurs;
-        std::ostringstream how;
-        how << status;
-        check(Invariant::NobodyCrashes, wasOurs, "%s %zu: %s", worker.role.c_str(), worker.slot,
-              how.str().c_str());
+        check(NobodyCrashes, wasOurs, "%s %zu: %s", worker.role.c_str(), worker.slot, textOf(status).c_str());
         start(worker);
     }
 }
@@ -101,10 +103,8 @@ void Supervisor::killOne() {
     Worker& worker = workers_[mortals_[random_.below(static_cast<DWORD>(mortals_.size()))]];
     worker.process->kill(SIGKILL);
     const ExitStatus status = worker.process->wait();
-    std::ostringstream how;
-    how << status;
-    check(Invariant::NobodyCrashes, status == ExitStatus::killedBy(SIGKILL), "%s %zu: %s",
-          worker.role.c_str(), worker.slot, how.str().c_str());
+    check(NobodyCrashes, status == ExitStatus::killedBy(SIGKILL), "%s %zu: %s", worker.role.c_str(),
+          worker.slot, textOf(status).c_str());
     ++kills_[worker.role];
     if (worker.role == kWorkers[0].role) checkRegistry();  // before it goes on
     start(worker);
@@ -136,8 +136,7 @@ void Supervisor::checkRegistry() {
 void Supervisor::checkProgress() {
     for (const Worker& worker : workers_) {
         const std::uint32_t idle = monotonicSeconds() - board().slots[worker.slot].beat;
-        check(Invariant::NobodyBlocks,
-              static_cast<std::int32_t>(idle) < static_cast<std::int32_t>(kBlockedSeconds),
+        check(NobodyBlocks, static_cast<std::int32_t>(idle) < static_cast<std::int32_t>(kBlockedSeconds),
               "%s %zu has done nothing for %u s", worker.role.c_str(), worker.slot, idle);
     }
 }
@@ -150,48 +149,47 @@ void Supervisor::finish() {
         ExitStatus status =
             worker.process->wait(std::chrono::ceil<std::chrono::milliseconds>(bound - Clock::now()));
         const bool isOver = status != ExitStatus::timedOut();
-        check(Invariant::NobodyBlocks, isOver, "%s %zu does not end", worker.role.c_str(), worker.slot);
-        std::ostringstream how;
-        how << status;
+        check(NobodyBlocks, isOver, "%s %zu does not end", worker.role.c_str(), worker.slot);
         const bool killedItself = worker.isMortal && status == ExitStatus::killedBy(SIGKILL);
         ownKills_ += killedItself;
-        check(Invariant::NobodyCrashes, !isOver || status == ExitStatus::exited(0) || killedItself,
-              "%s %zu: %s", worker.role.c_str(), worker.slot, how.str().c_str());
+        check(NobodyCrashes, !isOver || status == ExitStatus::exited(0) || killedItself, "%s %zu: %s",
+              worker.role.c_str(), worker.slot, textOf(status).c_str());
         worker.process.reset();
     }
     checkRegistry();
     test::RoleProcess survivor("survivor", {"survivor", std::to_string(kMostSlots - 1)});
-    check(Invariant::NobodyBlocks, survivor.wait() == ExitStatus::exited(0), "who comes last");
+    check(NobodyBlocks, survivor.wait() == ExitStatus::exited(0), "who comes last");
     checkRegistry();
     checkSums();
     checkSharedState();
 }
 
 void Supervisor::checkSums() const {
-    checkSum(Invariant::LocksExclude, &Slot::locks, board().guarded);
-    const test::OwnedHandle mapping(openCounter());
+    checkSum(LocksExclude, &Slot::locks, board().guarded);
+    const test::OwnedHandle mapping(
+        CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Count), kMapping));
     auto* counter = static_cast<Count*>(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0));
-    checkSum(Invariant::MappingsShared, &Slot::mapping, *counter);
+    checkSum(MappingsShared, &Slot::mapping, *counter);
     (void)UnmapViewOfFile(counter);
 }
 
 void Supervisor::checkSharedState() const {
     const auto inDirectory =
         std::distance(fs::directory_iterator(fs::path(registryFile()).parent_path()), {});
-    check(Invariant::SharedStateClean, inDirectory == 2, "%d files beside the registry and its template",
+    check(SharedStateClean, inDirectory == 2, "%d files beside the registry and its template",
           static_cast<int>(inDirectory) - 2);
 
     const int semaphore = ::semget(::ftok("/usr/lib/tarnwell/twml_data.dat", 1), 1, 0);
     seminfo semaphores{};
     (void)::semctl(0, 0, SEM_INFO, &semaphores);
-    check(Invariant::SharedStateClean, ::semctl(semaphore, 0, GETVAL) == 1 && semaphores.semusz == 1,
+    check(SharedStateClean, ::semctl(semaphore, 0, GETVAL) == 1 && semaphores.semusz == 1,
           "%d semaphores, of value %d", semaphores.semusz, ::semctl(semaphore, 0, GETVAL));
 
     shmid_ds page{};
     shm_info pages{};
     (void)::shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&pages));
     const int region = ::shmctl(0, SHM_STAT, &page);
-    check(Invariant::SharedStateClean, pages.used_ids == 1 && region >= 0 && page.shm_nattch == 0,
+    check(SharedStateClean, pages.used_ids == 1 && region >= 0 && page.shm_nattch == 0,
           "%d pages, attached %u times", pages.used_ids, static_cast<unsigned>(page.shm_nattch));
 }
 

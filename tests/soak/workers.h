@@ -20,5 +20,7 @@ constexpr WorkerRow kWorkers[] = {
 /// The writers have the first slots, then come the lazy ones.
 constexpr size_t kWriters = kWorkers[0].steady + kWorkers[0].mortal;
 constexpr size_t kLazyWriters = kWorkers[1].steady + kWorkers[1].mortal;
+/// The mapping in which all that use files count.
+constexpr const char* kMapping = "soak";
 
 }  // namespace traiklofox::soak
