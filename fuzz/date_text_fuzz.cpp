@@ -3,6 +3,7 @@
 // The input is the text.
 
 #include <cstring>
+#include <vector>
 
 #include "locale/calendar.h"
 #include "locale/date_info.h"
@@ -34,15 +35,15 @@ void checkValue(double value) {
     require(VarUdateFromDate(packed.date, 0, &again) == S_OK && isSame(fields, again), "unpacked as it was");
 }
 
-void checkReading(const char* text, const tagDATEINFO& info) {
+void checkReading(const char* text, const DateLexicon& lexicon) {
     double value = kUntouched;
-    const HRESULT result = parseDate(text, info, 0, &value);
+    const HRESULT result = parseDate(text, lexicon, 0, &value);
     require(result == S_OK || result == DISP_E_TYPEMISMATCH, "read or not");
     require((result == S_OK) == (value != kUntouched), "nothing stored when it is not read");
     double day = kUntouched;
     double time = kUntouched;
-    require(parseDate(text, info, VAR_DATEVALUEONLY, &day) == result, "the same for the date alone");
-    require(parseDate(text, info, VAR_TIMEVALUEONLY, &time) == result, "the same for the time alone");
+    require(parseDate(text, lexicon, VAR_DATEVALUEONLY, &day) == result, "the same for the date alone");
+    require(parseDate(text, lexicon, VAR_TIMEVALUEONLY, &time) == result, "the same for the time alone");
     if (result != S_OK) return;
     checkValue(value);
     require(time >= 0 && time < 1 && value == valueOf(static_cast<LONG>(day), time),
@@ -56,15 +57,10 @@ void checkNumber(const char* text) {
     require(result == S_OK || (result == E_INVALIDARG && value == 7), "a number or nothing");
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, size_t size) {
-    std::string text(textOf(bytes, size));
-    for (const int order : {DATE_ORDER_MDY, DATE_ORDER_DMY, DATE_ORDER_YMD}) {
-        tagDATEINFO info = defDateInfo;
-        info.dateOrder = order;
-        checkReading(text.c_str(), info);
-    }
+std::vector<tagDATEINFO> conventions() {
+    std::vector<tagDATEINFO> all(3, defDateInfo);
+    for (const int order : {DATE_ORDER_MDY, DATE_ORDER_DMY, DATE_ORDER_YMD})
+        all[static_cast<size_t>(order)].dateOrder = order;
     tagDATEINFO odd = defDateInfo;  // what a locale may have
     odd.dateOrder = DATE_ORDER_DMY;
     std::strcpy(odd.dateSeparator, ". ");
@@ -76,8 +72,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, size_t size) {
     for (int byte = 0x80; byte < 256; ++byte) odd.characterClasses[byte] = CHARACTER_LETTER;
     for (const LCID lcid : {LCID{1033}, LCID{1038}, LCID{1045}, LCID{1049}}) {
         odd.lcid = lcid;
-        checkReading(text.c_str(), odd);
+        all.push_back(odd);
     }
+    return all;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, size_t size) {
+    static const std::vector<tagDATEINFO> kConventions = conventions();
+    static const std::vector<DateLexicon> kLexicons(kConventions.begin(), kConventions.end());
+    std::string text(textOf(bytes, size));
+    for (const DateLexicon& lexicon : kLexicons) checkReading(text.c_str(), lexicon);
     checkNumber(text.c_str());
     CString cleaned(text);
     cleanDateString(1033, cleaned);

@@ -92,9 +92,7 @@ HRESULT VarUdateFromDate(double value, DWORD /*flags*/, tagUDS* fields) {
 }
 
 void SetUDSfromYMD(tagUDS* fields, int year, int month, int day) {
-    fields->wYear = static_cast<WORD>(year);
-    fields->wMonth = static_cast<WORD>(month);
-    fields->wDay = static_cast<WORD>(day);
+    storeDate(*fields, year, month, day);
 }
 
 int GetCurrentYear() {

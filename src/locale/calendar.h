@@ -23,6 +23,13 @@ constexpr DATE valueOf(LONG day, double fraction) {
     return day < 0 ? day - fraction : day + fraction;
 }
 
+/// `SetUDSfromYMD`.
+inline void storeDate(tagUDS& fields, int year, int month, int day) {
+    fields.wYear = static_cast<WORD>(year);
+    fields.wMonth = static_cast<WORD>(month);
+    fields.wDay = static_cast<WORD>(day);
+}
+
 constexpr bool isLeapYear(int year) {
     return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "locale/date_lexicon.h"
 #include "locale/locale_list.h"
 
 namespace traiklofox::locale {
@@ -17,6 +18,7 @@ struct DateRecords {
     int dateArraySize = 0;
     LCID lcids[num_default_locales] = {};  ///< of `dateArray`, together, because every look-up searches them
     tagDATEINFO dateArray[num_default_locales];
+    DateLexicon lexicons[num_default_locales];
 };
 
 // Never freed: a thread may still read a record while the process exits.
@@ -25,7 +27,9 @@ constinit std::atomic<const DateRecords*> records = nullptr;
 void populate(DateRecords& made) {
     for (const LocaleRow& row : DefaultLocalesArray) {
         if (!populateDateInfo(row.posixName, row.lcid, made.dateArray[made.dateArraySize])) continue;
-        made.lcids[made.dateArraySize++] = row.lcid;
+        made.lcids[made.dateArraySize] = row.lcid;
+        made.lexicons[made.dateArraySize] = made.dateArray[made.dateArraySize];
+        ++made.dateArraySize;
     }
 }
 
@@ -40,9 +44,19 @@ bool testClass(LCID locale, int byte, unsigned classes, const char* function) {
 
 }  // namespace
 
-const tagDATEINFO& listedDateInfo(LCID locale, const char* location) {
-    if (!isInitForLocale(locale)) throw CDateTimeException("Locale is not properly initialized", location);
-    return getDateInfo(locale);
+const DateLexicon& listedLexicon(LCID locale) {
+    const DateRecords* all = records.load(std::memory_order_acquire);
+    if (all == nullptr)
+        throw CDateTimeException("Locale Date&Time information is not initialized", "getDateInfo");
+    const LCID* end = all->lcids + all->dateArraySize;
+    const LCID* found = std::find(all->lcids, end, locale);
+    if (found == end)
+        throw CDateTimeException("Locale Date&Time information can not be found", "getDateInfo");
+    return all->lexicons[found - all->lcids];
+}
+
+void throwNotInitialized(const char* location) {
+    throw CDateTimeException("Locale is not properly initialized", location);
 }
 
 }  // namespace traiklofox::locale
@@ -73,15 +87,7 @@ bool isInitForLocale(LCID locale) {
 }
 
 const tagDATEINFO& getDateInfo(LCID locale) {
-    if (isDefaultLocale(locale)) return defDateInfo;
-    const DateRecords* all = records.load(std::memory_order_acquire);
-    if (all == nullptr)
-        throw CDateTimeException("Locale Date&Time information is not initialized", "getDateInfo");
-    const LCID* end = all->lcids + all->dateArraySize;
-    const LCID* found = std::find(all->lcids, end, locale);
-    if (found == end)
-        throw CDateTimeException("Locale Date&Time information can not be found", "getDateInfo");
-    return all->dateArray[found - all->lcids];
+    return isDefaultLocale(locale) ? defDateInfo : listedLexicon(locale).info();
 }
 
 bool bIsAlnum(LCID locale, int byte) {

@@ -3,19 +3,13 @@
 // Reads the words of a date that somebody typed, and what follows them. It keeps nothing and allocates nothing. All of
 // it is inline, for the parser, its only reader, to compile as one piece: that halves the time of a date.
 
-#include <cstddef>
-#include <cstring>
+#include <bit>
 
-#include "locale/date_info.h"
-#include "locale/date_text.h"
-#include "locale/month_genitives.h"
+#include "locale/date_lexicon.h"
 
 namespace traiklofox::locale {
 
 enum class tagAMPM : int { None, Am, Pm };
-
-/// What follows a word.
-enum class Separator : int { None, End, Blanks, Am, Pm, Date, Time };
 
 /// A word together with what follows it. The order is that of the parser's table.
 enum class TokenKind : int {
@@ -41,54 +35,74 @@ struct tagDATETOK {
 /// The longest word or number, in bytes.
 constexpr int kLongestWord = 31;
 
-/// Reads what follows a word, and advances `text` past it.
-inline Separator ddsep(const char*& text, const tagDATEINFO& info);
-
-/// The month, 1 to 12, of a name or of the beginning of one; 0 for any other word.
-inline int MonthNumOfMonthName(const char* word, size_t length, const tagDATEINFO& info);
-
-/// Takes the designator off the text, unless the text does not begin with it or it is empty.
-inline bool takeDesignator(const char*& text, const char* designator) {
-    if (*designator == '\0') return false;
-    const size_t length = std::strlen(designator);
-    if (!equalBytes(text, designator, length)) return false;  // also where the text ends first
-    text += length;
-    return true;
-}
-
 /// Takes "am" or "a" off the text, `first` being 'a', or "pm" or "p"; the single letter only where no letter follows.
-inline bool takeLiteral(const char*& text, char first, const tagDATEINFO& info) {
+inline bool takeLiteral(const char*& text, char first, const DateLexicon& lexicon) {
     if ((*text | 0x20) != first) return false;
     if ((text[1] | 0x20) == 'm') {
         text += 2;
         return true;
     }
-    if (isLetter(info, text[1])) return false;
+    if (lexicon.isLetter(text[1])) return false;
     ++text;
     return true;
 }
 
-inline tagAMPM takeAmPm(const char*& text, const tagDATEINFO& info) {
-    if (!info.designatorsEqual) {
-        if (takeDesignator(text, info.amDesignator)) return tagAMPM::Am;
-        if (takeDesignator(text, info.pmDesignator)) return tagAMPM::Pm;
+/// Takes a designator off the text.
+inline tagAMPM takeAmPm(const char*& text, const DateLexicon& lexicon) {
+    if (lexicon.beginsWithAm(text)) {
+        text += lexicon.amLength();
+        return tagAMPM::Am;
     }
-    if (takeLiteral(text, 'a', info)) return tagAMPM::Am;
-    if (takeLiteral(text, 'p', info)) return tagAMPM::Pm;
+    if (lexicon.beginsWithPm(text)) {
+        text += lexicon.pmLength();
+        return tagAMPM::Pm;
+    }
+    if (takeLiteral(text, 'a', lexicon)) return tagAMPM::Am;
+    if (takeLiteral(text, 'p', lexicon)) return tagAMPM::Pm;
     return tagAMPM::None;
 }
 
-inline Separator punctuation(char character, const tagDATEINFO& info) {
-    if (contains(info.dateSeparator, character)) return Separator::Date;
-    if (contains(info.timeSeparator, character)) return Separator::Time;
-    switch (character) {
-        case ',':
-        case '/':
-        case '-': return Separator::Date;
-        case '.':
-        case ':': return Separator::Time;
-        default: return Separator::None;
+/// Reads what follows a word, and advances `text` past it.
+inline Separator ddsep(const char*& text, const DateLexicon& lexicon) {
+    Separator found = lexicon.separatorOf(*text);
+    Separator otherwise = Separator::None;
+    if (found == Separator::Blanks) {
+        do found = lexicon.separatorOf(*++text);
+        while (found == Separator::Blanks);
+        otherwise = Separator::Blanks;
     }
+    if (found == Separator::End) return found;
+    if (found != Separator::None) {
+        ++text;
+        return found;
+    }
+    if (!lexicon.isLetter(*text)) return otherwise;
+    switch (takeAmPm(text, lexicon)) {
+        case tagAMPM::Am: return Separator::Am;
+        case tagAMPM::Pm: return Separator::Pm;
+        case tagAMPM::None: break;
+    }
+    return otherwise;
+}
+
+/// The month, 1 to 12, of a name or of the beginning of one; 0 for any other word.
+inline int MonthNumOfMonthName(const char* word, size_t length, const DateLexicon& lexicon) {
+    constexpr size_t kShortestLongName = 3;
+    const tagDATEINFO& info = lexicon.info();
+    const unsigned candidates = lexicon.monthsOf(*word);
+    for (unsigned rest = candidates; rest != 0; rest &= rest - 1) {
+        const int month = std::countr_zero(rest);
+        const size_t known = info.shortMonthLengths[month];
+        if (equalBytes(word, info.shortMonths[month], length < known ? length : known)) return month + 1;
+    }
+    if (length < kShortestLongName) return 0;
+    for (unsigned rest = candidates; rest != 0; rest &= rest - 1) {
+        const int month = std::countr_zero(rest);
+        if (equalBytes(word, info.longMonths[month], length)) return month + 1;
+        const char* genitive = genitiveOf(month + 1, info.lcid);
+        if (genitive != nullptr && equalBytes(word, genitive, length)) return month + 1;
+    }
+    return 0;
 }
 
 inline TokenKind numberFollowedBy(Separator separator) {
@@ -117,77 +131,39 @@ inline TokenKind monthFollowedBy(Separator separator) {
     return TokenKind::Unknown;
 }
 
-inline bool lexMonth(const char*& text, tagDATETOK& token, const tagDATEINFO& info) {
-    const char* end = text;
-    while (isLetterOrDigit(info, *end)) ++end;
+/// An unknown token for a word that is too long, or no month.
+inline tagDATETOK lexMonth(const char*& text, const DateLexicon& lexicon) {
+    const char* end = text + 1;
+    while (lexicon.isLetterOrDigit(*end)) ++end;
     const auto length = static_cast<size_t>(end - text);
-    if (length > kLongestWord) return false;
-    token.value = MonthNumOfMonthName(text, length, info);
-    if (token.value == 0) return true;
+    if (length > kLongestWord) return {};
+    const int month = MonthNumOfMonthName(text, length, lexicon);
+    if (month == 0) return {};
     if (*end == '.') ++end;
-    token.kind = monthFollowedBy(ddsep(end, info));
-    if (token.kind != TokenKind::Unknown) text = end;
-    return true;
+    text = end;
+    return {.kind = monthFollowedBy(ddsep(text, lexicon)), .value = month};
 }
 
-inline bool lexNumber(const char*& text, tagDATETOK& token, const tagDATEINFO& info) {
-    const char* end = text;
-    unsigned number = 0;  // keeps its lowest 32 bits
-    for (; isDigit(info, *end); ++end) number = number * 10 + static_cast<unsigned>(*end - '0');
-    if (end - text > kLongestWord) return false;
-    token.value = static_cast<int>(number);
-    const Separator separator = ddsep(end, info);
-    if (separator == Separator::Am) token.amPm = tagAMPM::Am;
-    if (separator == Separator::Pm) token.amPm = tagAMPM::Pm;
-    token.kind = numberFollowedBy(separator);
-    if (token.kind != TokenKind::Unknown) text = end;
-    return true;
-}
-
-/// Reads a token and advances `text` past it, unless it is unknown. False: a word or number is too long.
-inline bool ddlex(const char*& text, tagDATETOK& token, const tagDATEINFO& info) {
-    token = {};
-    while (isSpace(info, *text)) ++text;
-    if (*text == '\0') {
-        token.kind = TokenKind::End;
-        return true;
-    }
-    if (isDigit(info, *text)) return lexNumber(text, token, info);
-    if (isLetter(info, *text)) return lexMonth(text, token, info);
-    return true;
-}
-
-inline Separator ddsep(const char*& text, const tagDATEINFO& info) {
+/// An unknown token for a number that is too long, or that anything else follows.
+inline tagDATETOK lexNumber(const char*& text, const DateLexicon& lexicon) {
     const char* const begin = text;
-    while (isSpace(info, *text)) ++text;
-    const Separator blanks = text != begin ? Separator::Blanks : Separator::None;
-    if (*text == '\0') return Separator::End;
-    if (isLetter(info, *text)) {
-        switch (takeAmPm(text, info)) {
-            case tagAMPM::Am: return Separator::Am;
-            case tagAMPM::Pm: return Separator::Pm;
-            case tagAMPM::None: return blanks;
-        }
-    }
-    const Separator separator = punctuation(*text, info);
-    if (separator == Separator::None) return blanks;
-    ++text;
-    return separator;
+    auto number = static_cast<unsigned>(*text - '0');  // keeps its lowest 32 bits
+    while (lexicon.isDigit(*++text)) number = number * 10 + static_cast<unsigned>(*text - '0');
+    if (text - begin > kLongestWord) return {};
+    const Separator separator = ddsep(text, lexicon);
+    const tagAMPM amPm = separator == Separator::Am   ? tagAMPM::Am
+                         : separator == Separator::Pm ? tagAMPM::Pm
+                                                      : tagAMPM::None;
+    return {.kind = numberFollowedBy(separator), .value = static_cast<int>(number), .amPm = amPm};
 }
 
-inline int MonthNumOfMonthName(const char* word, size_t length, const tagDATEINFO& info) {
-    constexpr size_t kShortestLongName = 3;
-    for (int month = 1; month <= 12; ++month) {
-        const size_t known = info.shortMonthLengths[month - 1];
-        if (equalBytes(word, info.shortMonths[month - 1], length < known ? length : known)) return month;
-    }
-    if (length < kShortestLongName) return 0;
-    for (int month = 1; month <= 12; ++month) {
-        if (equalBytes(word, info.longMonths[month - 1], length)) return month;
-        const char* genitive = genitiveOf(month, info.lcid);
-        if (genitive != nullptr && equalBytes(word, genitive, length)) return month;
-    }
-    return 0;
+/// Reads a token and advances `text` past it. After an unknown one there is nothing more to read.
+inline tagDATETOK ddlex(const char*& text, const DateLexicon& lexicon) {
+    while (lexicon.isSpace(*text)) ++text;
+    if (lexicon.isDigit(*text)) return lexNumber(text, lexicon);
+    if (lexicon.isLetter(*text)) return lexMonth(text, lexicon);
+    if (*text == '\0') return {.kind = TokenKind::End};
+    return {};
 }
 
 }  // namespace traiklofox::locale

@@ -2,6 +2,7 @@
 
 #include "locale/date_parser.h"
 
+#include "locale/calendar.h"
 #include "locale/date_lexer.h"
 #include "locale/date_rules.h"
 
@@ -62,17 +63,19 @@ constexpr WORD kUnset = 65535;
 
 class Parser {
   public:
-    Parser(const char* text, const tagDATEINFO& info) : text_(text), info_(info) {}
+    explicit Parser(const DateLexicon& lexicon) : lexicon_(lexicon), info_(lexicon.info()) {}
 
     /// Reads the whole text. False: it is no date and no time.
-    bool read() {
+    bool read(const char* text) {
         int state = Start;
         for (;;) {
-            if (state == Start) raw_.cursor = 0;
-            tagDATETOK token;
-            if (!ddlex(text_, token, info_) || token.kind == TokenKind::Unknown) return false;
+            tagDATETOK token = ddlex(text, lexicon_);
+            if (token.kind == TokenKind::Unknown) return false;
+            if (state == Start) {
+                if (token.kind == TokenKind::End) return finish();
+                raw_.cursor = 0;
+            }
             record(token);
-            if (state == Start && token.kind == TokenKind::End) return finish();
             if (!closeDateBeforeTime(state, token)) return false;
             // A Hungarian date may end in its separator.
             if (state == TwoNumbersSep && info_.lcid == kHungarian && token.kind == TokenKind::NumberDate)
@@ -124,7 +127,9 @@ class Parser {
     }
 
     bool act(int action) {
-        const auto [first, second, third] = raw_.slots;
+        const int first = raw_.slots[0];
+        const int second = raw_.slots[1];
+        const int third = raw_.slots[2];
         switch (action) {
             case DateOfTwo: return takeDate(DayOfNN(raw_, fields_, info_));
             case DateOfThree: return takeDate(DayOfNNN(raw_, fields_, info_));
@@ -156,7 +161,7 @@ class Parser {
 
     bool finish() {
         if (!dateSet_ && !timeSet_) return false;
-        if (!dateSet_) SetUDSfromYMD(&fields_, 1899, 12, 30);
+        if (!dateSet_) storeDate(fields_, 1899, 12, 30);
         if (timeSet_)
             AdjustTime(fields_, raw_.pendingAmPm);
         else
@@ -164,7 +169,7 @@ class Parser {
         return true;
     }
 
-    const char* text_;
+    const DateLexicon& lexicon_;
     const tagDATEINFO& info_;
     tagDATERAW raw_;
     tagUDS fields_{kUnset, kUnset, 0, kUnset, kUnset, kUnset, kUnset, 0, 0};
@@ -174,10 +179,10 @@ class Parser {
 
 }  // namespace
 
-HRESULT parseDate(const char* text, const tagDATEINFO& info, DWORD flags, double* value) {
+HRESULT parseDate(const char* text, const DateLexicon& lexicon, DWORD flags, double* value) {
     if (text == nullptr) return DISP_E_TYPEMISMATCH;
-    Parser parser(text, info);
-    if (!parser.read()) return DISP_E_TYPEMISMATCH;
+    Parser parser(lexicon);
+    if (!parser.read(text)) return DISP_E_TYPEMISMATCH;
     tagVARIANT packed{};
     if (ErrPackDate(&parser.fields(), &packed, /*validate=*/1, flags) != S_OK) return DISP_E_TYPEMISMATCH;
     *value = packed.date;
@@ -188,5 +193,5 @@ HRESULT parseDate(const char* text, const tagDATEINFO& info, DWORD flags, double
 
 HRESULT sarnu_VarDateFromStr(const char* text, LCID locale, DWORD flags, double* value) {
     return traiklofox::locale::parseDate(
-        text, traiklofox::locale::dateInfoFor(locale, "CDateTime::ParseDateTime"), flags, value);
+        text, traiklofox::locale::lexiconFor(locale, "CDateTime::ParseDateTime"), flags, value);
 }

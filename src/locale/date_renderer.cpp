@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "locale/date_info.h"
+#include "locale/date_lexicon.h"
 #include "locale/month_genitives.h"
 #include "locale/unpack.h"
 
@@ -259,6 +259,6 @@ using namespace traiklofox::locale;
 
 // Flat, so that the fields and the place to write to are kept in registers.
 __attribute__((flatten)) HRESULT sarnu_VarBstrFromDate(double value, LCID locale, DWORD flags, char** text) {
-    *text = renderValue(passed(value), dateInfoFor(locale, "CDateTime::Format"), flags);
+    *text = renderValue(passed(value), lexiconFor(locale, "CDateTime::Format").info(), flags);
     return S_OK;
 }

@@ -21,7 +21,7 @@ bool take(tagUDS& date, int year, int month, int day) {
     if (!isMonth(month) || day < 1 || day > 31) return false;
     if (day == 31 && !g_fDay31th[month]) return false;
     if (month == kFebruary && (day == 30 || (day == 29 && !isLeapYear(year)))) return false;
-    SetUDSfromYMD(&date, year, month, day);
+    storeDate(date, year, month, day);
     return true;
 }
 
@@ -34,9 +34,9 @@ void dayOfMonth(tagUDS& date, int month, int day, int year) {
     const bool isNoDay = day < 1 || day > 31 || (day == 31 && !g_fDay31th[month]) ||
                          (month == kFebruary && (day == 30 || (day == 29 && !isLeapYear(year))));
     if (isNoDay)
-        SetUDSfromYMD(&date, day, month, year);
+        storeDate(date, day, month, year);
     else
-        SetUDSfromYMD(&date, year, month, day);
+        storeDate(date, year, month, day);
 }
 
 }  // namespace
@@ -59,7 +59,10 @@ bool DayOfNN(const tagDATERAW& raw, tagUDS& date, const tagDATEINFO& info) {
 }
 
 bool DayOfNNN(const tagDATERAW& raw, tagUDS& date, const tagDATEINFO& info) {
-    const auto [a, b, c] = raw.slots;
+    // Not bound to all three at once: the wide load of that waits for the parser's three stores.
+    const int a = raw.slots[0];
+    const int b = raw.slots[1];
+    const int c = raw.slots[2];
     switch (info.dateOrder) {
         case DATE_ORDER_DMY: return take(date, c, b, a) || take(date, a, b, c) || take(date, c, a, b);
         case DATE_ORDER_MDY: return take(date, c, a, b) || take(date, a, b, c) || take(date, c, b, a);
@@ -80,11 +83,6 @@ bool DayOfMNN(const tagDATERAW& raw, tagUDS& date, const tagDATEINFO& info) {
     else
         dayOfMonth(date, raw.month, a, b);
     return true;
-}
-
-void AdjustTime(tagUDS& time, tagAMPM amPm) {
-    if (amPm == tagAMPM::Am && time.wHour == 12) time.wHour = 0;
-    if (amPm == tagAMPM::Pm && time.wHour < 12) time.wHour = static_cast<WORD>(time.wHour + 12);
 }
 
 }  // namespace traiklofox::locale

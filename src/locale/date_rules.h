@@ -24,6 +24,9 @@ bool DayOfMN(const tagDATERAW& raw, tagUDS& date);
 bool DayOfMNN(const tagDATERAW& raw, tagUDS& date, const tagDATEINFO& info);
 
 /// Makes an hour of the twelve-hour clock one of the day.
-void AdjustTime(tagUDS& time, tagAMPM amPm);
+inline void AdjustTime(tagUDS& time, tagAMPM amPm) {
+    if (amPm == tagAMPM::Am && time.wHour == 12) time.wHour = 0;
+    if (amPm == tagAMPM::Pm && time.wHour < 12) time.wHour = static_cast<WORD>(time.wHour + 12);
+}
 
 }  // namespace traiklofox::locale

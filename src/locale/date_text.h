@@ -28,6 +28,11 @@ inline bool equalBytes(const char* left, const char* right, size_t length) {
     return true;
 }
 
+/// False for the first bytes of two texts that `equalBytes` does not find equal, whatever the locale.
+constexpr bool mayEqual(char left, char right) {
+    return asciiLower(left) == asciiLower(right) || ((left | right) & 0x80) != 0;
+}
+
 /// Whether one of the texts begins with the other.
 inline bool equalTexts(const char* left, const char* right) {
     const size_t leftLength = std::strlen(left);
@@ -35,8 +40,8 @@ inline bool equalTexts(const char* left, const char* right) {
     return equalBytes(left, right, leftLength < rightLength ? leftLength : rightLength);
 }
 
-/// Whether the text has the character. The separators are too short for a call.
-inline bool contains(const char* text, char character) {
+/// Whether the text has the character.
+constexpr bool contains(const char* text, char character) {
     for (; *text != '\0'; ++text)
         if (*text == character) return true;
     return false;

@@ -1,6 +1,7 @@
 // default_date_info.cpp: US English, which needs no data of the machine.
 
 #include "locale/date_info.h"
+#include "locale/date_lexicon.h"
 
 namespace traiklofox::locale {
 
@@ -39,6 +40,7 @@ constexpr tagDATEINFO usEnglish() {
 
 }  // namespace
 
-constinit const tagDATEINFO defDateInfo = usEnglish();
+constexpr tagDATEINFO defDateInfo = usEnglish();
+constexpr DateLexicon defaultLexicon = defDateInfo;
 
 }  // namespace traiklofox::locale

@@ -9,6 +9,10 @@ namespace traiklofox::locale {
 constexpr LCID kPolish = 1045;
 constexpr LCID kRussian = 1049;
 
+constexpr bool hasGenitives(LCID locale) {
+    return locale == kPolish || locale == kRussian;
+}
+
 constexpr int kLongestGenitive = 12;  // "października"
 
 /// Twelve names in 16-bit little-endian units, each with a zero byte behind it.
