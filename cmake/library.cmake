@@ -47,7 +47,7 @@ file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/exported_variables.list CONTENT "{\n
 target_link_options(traiklofox PRIVATE -Wl,-Bsymbolic
   -Wl,--dynamic-list=${PROJECT_BINARY_DIR}/exported_variables.list)
 if(TRAIKLOFOX_COVERAGE)
-  target_link_options(traiklofox PRIVATE --coverage)
+  target_link_options(traiklofox PRIVATE --coverage -Wl,--exclude-libs,libgcov.a)  # it exports a name
 endif()
 if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")  # a sanitizer's functions come with the program
   target_link_options(traiklofox PRIVATE -Wl,-z,defs)

@@ -45,7 +45,7 @@ void append(std::string& all, const DIR_ENTRY& entry, const std::string& path) {
     std::ranges::sort(files, {}, [](const FILE_ENTRY* file) -> const std::string& { return file->name; });
     for (const FILE_ENTRY* file : files) all += fileText(entry, *file);
     for (const auto& [name, subdirectory] : entry.subdirectories)
-        append(all, *subdirectory, path + "/" + name);
+        append(all, *subdirectory, std::string(path).append("/").append(name));
 }
 
 }  // namespace
