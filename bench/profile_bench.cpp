@@ -1,4 +1,5 @@
-// profile_bench.cpp: reading a value of a profile of 10,000 lines, which is in memory or has just been changed.
+// profile_bench.cpp: reading a value of a profile of 10,000 lines, which is in memory or has just been changed, and
+// changing one in memory.
 
 #include <traiklofox/profiles.h>
 
@@ -88,6 +89,42 @@ void readLines(benchmark::State& state) {
         if (lines != kSections * (kKeys + 1)) state.SkipWithError("lines missing");
     }
 }
+
+/// Changes one key after the other in memory; the writing to the file is not counted.
+void changeCached(benchmark::State& state, const std::string& path) {
+    constexpr int kMostKept = 900;  // at 1,000 the library writes
+    SetProfileWriteCaching(TRUE);
+    int kept = 0;
+    for (auto _ : state) {
+        const std::string key = "SettingNumber" + std::to_string(kept % kKeys);
+        benchmark::DoNotOptimize(WritePrivateProfileString(kSection, key.c_str(), kValue, path.c_str()));
+        if (++kept < kMostKept) continue;
+        state.PauseTiming();
+        WritePrivateProfileString(nullptr, nullptr, nullptr, path.c_str());
+        kept = 0;
+        state.ResumeTiming();
+    }
+    SetProfileWriteCaching(FALSE);
+}
+
+void changeLarge(benchmark::State& state) {
+    static const std::string path = profile() + ".changed";
+    test::writeText(path, test::readText(profile()));
+    changeCached(state, path);
+}
+
+void changeSmall(benchmark::State& state) {
+    static const std::string path = profile() + ".small";
+    test::writeText(path, "[section]\n");
+    changeCached(state, path);
+}
+
+const Comparison kChanged{{
+    .operation = "profile: WritePrivateProfileString, 10,000 lines cached",
+    .body = changeLarge,
+    .floor = "the same in a file of a line",
+    .floorBody = changeSmall,
+}};
 
 const Comparison kCached{{
     .operation = "profile: GetPrivateProfileString, 10,000 lines cached",

@@ -67,9 +67,9 @@ ProfileEdit editOf(std::string_view line) {
 }
 
 void checkEdit(const ProfileText& before, const ProfileEdit& edit) {
-    ProfileText after(edited(before, edit));
+    ProfileText after(edited(before, {edit}));
     const auto why = [&] { return edit.section + "/" + edit.key + "/" + edit.value + "\n" + before.text(); };
-    require(edited(after, edit) == after.text(), "done again, it changes nothing", why);
+    require(edited(after, {edit}) == after.text(), "done again, it changes nothing", why);
     checkLookUps(after);
     switch (edit.kind) {
         case ProfileEdit::Kind::SetKey:
@@ -108,12 +108,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, size_t size) {
             edits.push_back(editOf(line.substr(0, line.find('\0'))));  // callers hand over C texts
         }
     }
-    auto profile = std::make_unique<ProfileText>(std::string(rest));
+    const ProfileText first{std::string(rest)};
+    auto profile = std::make_unique<ProfileText>(first.text());
+    ProfileEdits made;
     checkLookUps(*profile);
     for (const ProfileEdit& edit : edits) {
         if (!edit.canBeWritten()) continue;
         checkEdit(*profile, edit);
-        profile = std::make_unique<ProfileText>(edited(*profile, edit));
+        profile = std::make_unique<ProfileText>(edited(*profile, {edit}));
+        made.push_back(edit);
     }
+    require(edited(first, made) == profile->text(), "made together as one after the other", first.text());
     return 0;
 }

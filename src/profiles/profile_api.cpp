@@ -159,11 +159,14 @@ void putLine(const ProfileLine& line, ListWriter& writer) {
 template <class Use, class Result>
 Result withValue(const char* section, const char* key, const char* fileName, Result none, Use use) {
     const auto look = [&] {
-        return readProfile(fileName, [&](ProfileText& profile, int error) -> Result {
-            const auto value = profile.value(trimmed(section), trimmed(key));
-            if (value) return use(withoutQuotes(*value));
-            errno = error != 0 ? error : ENOENT;
-            return none;
+        return withPath(fileName, [&](std::string_view path) {
+            const FullName name{trimmed(section), trimmed(key)};
+            return profileOf(path)->readValue(
+                name, [&](std::optional<std::string_view> value, int error) -> Result {
+                    if (value) return use(withoutQuotes(*value));
+                    errno = error != 0 ? error : ENOENT;
+                    return none;
+                });
         });
     };
     return profileCall(look, none);

@@ -45,7 +45,7 @@ void makeRoomLocked(ProfileMap& map) TRAIKLOFOX_REQUIRES(mapLock) {
 }
 
 /// Makes these changes in what the file holds, under its lock.
-bool writeLocked(Profile& profile, const std::vector<ProfileEdit>& edits) TRAIKLOFOX_REQUIRES(writing) {
+bool writeLocked(Profile& profile, const ProfileEdits& edits) TRAIKLOFOX_REQUIRES(writing) {
     const std::string target = targetOf(profile.path());
     FileLock lock;
     if (lock.OpenAndLockFile((target + ".lock").c_str(), FileLock::in, /*already=*/nullptr, /*count=*/0) ==
@@ -54,14 +54,8 @@ bool writeLocked(Profile& profile, const std::vector<ProfileEdit>& edits) TRAIKL
     auto file = readFile(target.c_str());
     if (!file) return false;
     auto text = std::make_unique<ProfileText>(std::move(file->text));
-    bool isChanged = false;
-    for (const ProfileEdit& edit : edits) {
-        std::string changed = edited(*text, edit);
-        if (changed == text->text()) continue;
-        isChanged = true;
+    if (std::string changed = edited(*text, edits); changed != text->text()) {
         text = std::make_unique<ProfileText>(std::move(changed));
-    }
-    if (isChanged) {
         if (!replaceFile(target, text->text())) return false;
         const auto written = stateOf(target.c_str());
         file->state = written.value_or(FileState{});
@@ -119,9 +113,30 @@ void Profile::loadLocked() {
         error_ = ENOENT;
     state_ = file->state;
     isSettled_ = file->isSettled;
-    text_ = std::make_unique<ProfileText>(std::move(file->text));
-    for (const ProfileEdit& edit : unwritten_) text_ = std::make_unique<ProfileText>(edited(*text_, edit));
+    setTextLocked(std::make_unique<ProfileText>(std::move(file->text)), /*changes=*/0);
+    isSectionChanged_ = !unwritten_.empty();  // what is in the text is not known
     if (!unwritten_.empty() && error_ == ENOENT) error_ = 0;
+}
+
+void Profile::setTextLocked(std::unique_ptr<ProfileText> text, size_t changes) {
+    text_ = std::move(text);
+    rendered_ = changes;
+    changed_.clear();
+    isSectionChanged_ = false;
+}
+
+void Profile::renderLocked() {
+    if (rendered_ < unwritten_.size())
+        setTextLocked(std::make_unique<ProfileText>(edited(*text_, unwritten_, rendered_)),
+                      unwritten_.size());
+}
+
+std::optional<std::string_view> Profile::valueLocked(const FullName& name) {
+    if (isSectionChanged_) renderLocked();
+    const auto found = changed_.find(name);
+    if (found == changed_.end()) return text_->value(name.section, name.key);
+    if (found->second->kind == ProfileEdit::Kind::DeleteKey) return std::nullopt;
+    return found->second->value;
 }
 
 bool Profile::keep(ProfileEdit edit) {
@@ -131,9 +146,16 @@ bool Profile::keep(ProfileEdit edit) {
         errno = error_;
         return false;
     }
-    auto text = std::make_unique<ProfileText>(edited(*text_, edit));
+    using enum ProfileEdit::Kind;
     unwritten_.push_back(std::move(edit));
-    text_ = std::move(text);
+    const ProfileEdit& kept = unwritten_.back();
+    if (kept.kind != SetKey && kept.kind != DeleteKey) isSectionChanged_ = true;
+    try {
+        if (!isSectionChanged_) changed_.insert_or_assign({kept.section, kept.key}, &kept);
+    } catch (...) {
+        unwritten_.pop_back();
+        throw;
+    }
     error_ = 0;
     return true;
 }
@@ -143,14 +165,14 @@ size_t Profile::unwritten() {
     return unwritten_.size();
 }
 
-std::vector<ProfileEdit> Profile::unwrittenEdits() {
+ProfileEdits Profile::unwrittenEdits() {
     const LockGuard guard(lock_);
     return unwritten_;
 }
 
 void Profile::setWritten(std::unique_ptr<ProfileText> text, const FileContent& file) {
     const LockGuard guard(lock_);
-    text_ = std::move(text);
+    setTextLocked(std::move(text), /*changes=*/0);
     state_ = file.state;
     isSettled_ = file.isSettled;
     error_ = file.state.exists ? 0 : ENOENT;

@@ -9,9 +9,10 @@
 #include <traiklofox/thread_safety.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <unordered_map>
 
 #include "foundation/mutex.h"
 #include "foundation/small_mutex.h"
@@ -33,15 +34,24 @@ class Profile {
     auto read(Look look) {
         const foundation::LockGuard guard(lock_);
         bringUpToDateLocked();
+        renderLocked();
         return look(*text_, error_);
     }
+    /// Calls `look(value, error)` with a key's value, with its quotes, or nothing.
+    template <class Look>
+    auto readValue(const FullName& name, Look look) {
+        const foundation::LockGuard guard(lock_);
+        bringUpToDateLocked();
+        return look(valueLocked(name), error_);
+    }
 
-    /// Makes the change in memory, and keeps it to be written. False, with errno, when the file cannot be read.
+    /// Makes the change in memory, and keeps it to be written. False, with errno, when the file cannot be read. The
+    /// text is made when somebody needs it, so that a change costs the same in a text of any size.
     bool keep(ProfileEdit edit);
     /// How many changes are not written.
     size_t unwritten();
     /// Those changes.
-    std::vector<ProfileEdit> unwrittenEdits();
+    ProfileEdits unwrittenEdits();
     /// The file holds this now, all changes in it.
     void setWritten(std::unique_ptr<ProfileText> text, const FileContent& file);
     /// Lets the next read look at the file.
@@ -50,6 +60,10 @@ class Profile {
   private:
     void bringUpToDateLocked() TRAIKLOFOX_REQUIRES(lock_);
     void loadLocked() TRAIKLOFOX_REQUIRES(lock_);
+    /// Makes the text of all changes.
+    void renderLocked() TRAIKLOFOX_REQUIRES(lock_);
+    void setTextLocked(std::unique_ptr<ProfileText> text, size_t changes) TRAIKLOFOX_REQUIRES(lock_);
+    std::optional<std::string_view> valueLocked(const FullName& name) TRAIKLOFOX_REQUIRES(lock_);
 
     const std::string path_;
     foundation::SmallMutex<foundation::LockRank::Profile> lock_;
@@ -58,7 +72,12 @@ class Profile {
     bool isSettled_ TRAIKLOFOX_GUARDED_BY(lock_) = false;
     int error_ TRAIKLOFOX_GUARDED_BY(lock_) = 0;
     timespec lookedAt_ TRAIKLOFOX_GUARDED_BY(lock_) = {};
-    std::vector<ProfileEdit> unwritten_ TRAIKLOFOX_GUARDED_BY(lock_);
+    ProfileEdits unwritten_ TRAIKLOFOX_GUARDED_BY(lock_);
+    size_t rendered_ TRAIKLOFOX_GUARDED_BY(lock_) = 0;  // how many of these are in the text
+    // The last change of each key by those that are not, unless one of them is of a whole section. Refers to them.
+    std::unordered_map<FullName, const ProfileEdit*, FullNameHash, FullNameEqual> changed_
+        TRAIKLOFOX_GUARDED_BY(lock_);
+    bool isSectionChanged_ TRAIKLOFOX_GUARDED_BY(lock_) = false;
 };
 
 /// The profile of that path; the same one for every caller.

@@ -1,6 +1,7 @@
 #include "profiles/profile_edit.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 namespace traiklofox::profiles {
 
@@ -26,106 +27,182 @@ bool isSectionLine(std::string_view line) {
     return !line.empty() && !hasLineEnd(line) && line.front() != '[';
 }
 
-/// Takes the text over piece by piece, with what is put between the pieces.
-class Rewriting {
-  public:
-    explicit Rewriting(const ProfileText& profile) : from_(profile.text()), lineEnd_(profile.lineEnd()) {
-        made_.reserve(from_.size() + 256);
-    }
+bool isContent(Kind kind) {
+    return kind == Kind::Key || kind == Kind::Other;
+}
 
-    void copyTo(size_t place) {
-        made_.append(from_, done_, place - done_);
-        done_ = place;
-    }
-    void skipTo(size_t place) { done_ = place; }
-    void put(std::string_view text) { made_ += text; }
-    void putLine(std::string_view line) {
-        if (!made_.empty() && made_.back() != '\n') made_ += lineEnd_;
-        made_.append(line).append(lineEnd_);
-    }
-    std::string finish() {
-        copyTo(from_.size());
-        return std::move(made_);
-    }
+/// A text as a list of lines, in which each change costs what it touches.
+class EditedText {
+  public:
+    explicit EditedText(const ProfileText& profile);
+    EditedText(const EditedText&) = delete;
+    EditedText& operator=(const EditedText&) = delete;
+
+    void make(const ProfileEdit& edit);
+    std::string text() const;
 
   private:
-    const std::string& from_;
-    std::string_view lineEnd_;
-    size_t done_ = 0;
-    std::string made_;
+    static constexpr size_t kNone = static_cast<size_t>(-1);
+    struct Line {
+        std::string_view raw = {};  // with its line end
+        Kind kind = Kind::Blank;
+        std::string_view name = {};
+        std::string_view value = {};  // a key's, in `raw`
+        size_t next = kNone;
+        bool isGone = false;
+    };
+    struct Section {
+        std::vector<size_t> headers;  // of all sections of one name; changes are made in the first
+        bool isIndexed = false;
+        std::unordered_map<std::string_view, std::vector<size_t>, NameHash, NameEqual> keys = {};
+        size_t lastContent = kNone;  // or the header
+    };
+    template <class Use>
+    void forEachLine(size_t header, Use use) {
+        for (size_t i = lines_[header].next; i != kNone && lines_[i].kind != Kind::Section;
+             i = lines_[i].next)
+            if (!lines_[i].isGone) use(i);
+    }
+    std::string_view firstLineEnd();
+    void endLine(Line& line);
+    std::string_view own(std::string text) { return owned_.emplace_back(std::move(text)); }
+    size_t addBehind(size_t place, const std::string& content);
+    Section& addSection(const std::string& name);
+    void indexKeys(Section& section);
+    void setKey(Section& section, const ProfileEdit& edit);
+    void deleteKey(Section& section, const std::string& key);
+    void replaceContent(Section& section, const std::vector<std::string>& lines);
+    void deleteSections(const Section& sections);
+
+    std::vector<Line> lines_;  // the first one is before the text
+    size_t last_ = 0;
+    size_t first_ = 0;          // a place before which nothing is left
+    std::string_view lineEnd_;  // what the new lines of a change end with
+    std::unordered_map<std::string_view, Section, NameHash, NameEqual> sections_;
+    std::deque<std::string> owned_;  // what new lines refer to
 };
 
-bool isContent(const ProfileLine& line) {
-    return line.kind == Kind::Key || line.kind == Kind::Other;
-}
-
-bool isKey(const ProfileLine& line, std::string_view key) {
-    return line.kind == Kind::Key && NameEqual{}(line.name, key);
-}
-
-std::string withKey(const ProfileText& profile, size_t section, const ProfileEdit& edit) {
-    Rewriting rewriting(profile);
+EditedText::EditedText(const ProfileText& profile) {
     const auto& lines = profile.lines();
-    size_t last = section;
-    for (size_t i = section + 1; i < profile.endOfSection(section); ++i) {
-        if (isKey(lines[i], edit.key)) {
-            const std::string_view old = lines[i].value;
-            const auto place = static_cast<size_t>(old.data() - profile.text().data());
-            rewriting.copyTo(place);
-            rewriting.put(edit.value);
-            rewriting.skipTo(place + old.size());
-            return rewriting.finish();
-        }
-        if (isContent(lines[i])) last = i;
+    const std::string_view text = profile.text();
+    lines_.reserve(lines.size() + 1);
+    lines_.push_back({.isGone = true});
+    for (const ProfileLine& line : lines) {
+        lines_[last_].next = lines_.size();
+        last_ = lines_.size();
+        lines_.push_back({text.substr(line.begin, line.end - line.begin), line.kind, line.name, line.value});
+        if (line.kind == Kind::Section) sections_[line.name].headers.push_back(last_);
     }
-    rewriting.copyTo(lines[last].end);
-    rewriting.putLine(edit.key + "=" + edit.value);
-    return rewriting.finish();
 }
 
-std::string withoutKey(const ProfileText& profile, size_t section, const ProfileEdit& edit) {
-    Rewriting rewriting(profile);
-    const auto& lines = profile.lines();
-    for (size_t i = section + 1; i < profile.endOfSection(section); ++i) {
-        if (!isKey(lines[i], edit.key)) continue;
-        rewriting.copyTo(lines[i].begin);
-        rewriting.skipTo(lines[i].end);
-    }
-    return rewriting.finish();
+std::string_view EditedText::firstLineEnd() {
+    while (lines_[first_].isGone && lines_[first_].next != kNone) first_ = lines_[first_].next;
+    return !lines_[first_].isGone && lines_[first_].raw.ends_with("\r\n") ? "\r\n" : "\n";
 }
 
-std::string withOtherContent(const ProfileText& profile, size_t section, const ProfileEdit& edit) {
-    Rewriting rewriting(profile);
-    const auto& lines = profile.lines();
-    rewriting.copyTo(lines[section].end);
-    for (const std::string& line : edit.lines) rewriting.putLine(line);
-    for (size_t i = section + 1; i < profile.endOfSection(section); ++i) {
-        if (!isContent(lines[i])) continue;
-        rewriting.copyTo(lines[i].begin);
-        rewriting.skipTo(lines[i].end);
-    }
-    return rewriting.finish();
+/// Gives the text's last line an end, so that another may follow.
+void EditedText::endLine(Line& line) {
+    if (line.isGone || line.raw.ends_with('\n')) return;
+    const std::string_view old = line.raw;
+    line.raw = own(std::string(old).append(lineEnd_));
+    if (line.kind == Kind::Key)
+        line.value = line.raw.substr(static_cast<size_t>(line.value.data() - old.data()), line.value.size());
 }
 
-std::string withoutSection(const ProfileText& profile, std::string_view name) {
-    Rewriting rewriting(profile);
-    const auto& lines = profile.lines();
-    for (size_t i = 0; i < lines.size(); ++i) {
-        if (lines[i].kind != Kind::Section || !NameEqual{}(lines[i].name, name)) continue;
-        const size_t end = profile.endOfSection(i);
-        rewriting.copyTo(lines[i].begin);
-        rewriting.skipTo(lines[end - 1].end);
-    }
-    return rewriting.finish();
+/// The new line's number.
+size_t EditedText::addBehind(size_t place, const std::string& content) {
+    endLine(lines_[place]);
+    const std::string_view raw = own(std::string(content).append(lineEnd_));
+    const ProfileLine parsed = lineAt(raw, /*begin=*/0, FirstLine::No);
+    const size_t added = lines_.size();
+    lines_.push_back({raw, parsed.kind, parsed.name, parsed.value, lines_[place].next});
+    lines_[place].next = added;
+    if (place == last_) last_ = added;
+    return added;
 }
 
-std::string withNewSection(const ProfileText& profile, const ProfileEdit& edit) {
-    Rewriting rewriting(profile);
-    rewriting.copyTo(profile.text().size());
-    rewriting.putLine("[" + edit.section + "]");
-    if (edit.kind == ProfileEdit::Kind::SetKey) rewriting.putLine(edit.key + "=" + edit.value);
-    for (const std::string& line : edit.lines) rewriting.putLine(line);
-    return rewriting.finish();
+EditedText::Section& EditedText::addSection(const std::string& name) {
+    const size_t header = addBehind(last_, "[" + name + "]");
+    Section& section = sections_[lines_[header].name];
+    section.headers.push_back(header);
+    return section;
+}
+
+void EditedText::indexKeys(Section& section) {
+    section.isIndexed = true;
+    section.keys.clear();
+    section.lastContent = section.headers.front();
+    forEachLine(section.headers.front(), [&](size_t i) {
+        if (lines_[i].kind == Kind::Key) section.keys[lines_[i].name].push_back(i);
+        if (isContent(lines_[i].kind)) section.lastContent = i;
+    });
+}
+
+void EditedText::setKey(Section& section, const ProfileEdit& edit) {
+    if (!section.isIndexed) indexKeys(section);
+    if (const auto found = section.keys.find(edit.key); found != section.keys.end()) {
+        Line& line = lines_[found->second.front()];
+        const auto place = static_cast<size_t>(line.value.data() - line.raw.data());
+        line.raw = own(std::string(line.raw).replace(place, line.value.size(), edit.value));
+        line.value = line.raw.substr(place, edit.value.size());
+        return;
+    }
+    section.lastContent = addBehind(section.lastContent, edit.key + "=" + edit.value);
+    section.keys[lines_[section.lastContent].name].push_back(section.lastContent);
+}
+
+void EditedText::deleteKey(Section& section, const std::string& key) {
+    if (!section.isIndexed) indexKeys(section);
+    const auto found = section.keys.find(key);
+    if (found == section.keys.end()) return;
+    for (const size_t i : found->second) {
+        lines_[i].isGone = true;
+        if (i == section.lastContent) section.isIndexed = false;
+    }
+    section.keys.erase(found);
+}
+
+void EditedText::replaceContent(Section& section, const std::vector<std::string>& lines) {
+    const size_t header = section.headers.front();
+    forEachLine(header, [&](size_t i) { lines_[i].isGone = isContent(lines_[i].kind); });
+    size_t last = header;
+    for (const std::string& line : lines) last = addBehind(last, line);
+    section.isIndexed = false;
+}
+
+void EditedText::deleteSections(const Section& sections) {
+    for (const size_t header : sections.headers) {
+        lines_[header].isGone = true;
+        forEachLine(header, [&](size_t i) { lines_[i].isGone = true; });
+    }
+}
+
+void EditedText::make(const ProfileEdit& edit) {
+    using enum ProfileEdit::Kind;
+    const auto found = sections_.find(edit.section);
+    const bool isNew = found == sections_.end();
+    if (isNew && edit.kind != SetKey && edit.kind != ReplaceSection) return;
+    lineEnd_ = firstLineEnd();
+    Section& section = isNew ? addSection(edit.section) : found->second;
+    switch (edit.kind) {
+        case SetKey: return setKey(section, edit);
+        case DeleteKey: return deleteKey(section, edit.key);
+        case ReplaceSection: return replaceContent(section, edit.lines);
+        case DeleteSection:
+            deleteSections(section);
+            sections_.erase(found);
+            return;
+    }
+}
+
+std::string EditedText::text() const {
+    size_t size = 0;
+    for (const Line& line : lines_) size += line.isGone ? 0 : line.raw.size();
+    std::string text;
+    text.reserve(size);
+    for (size_t i = 0; i != kNone; i = lines_[i].next)
+        if (!lines_[i].isGone) text += lines_[i].raw;
+    return text;
 }
 
 }  // namespace
@@ -141,19 +218,10 @@ bool ProfileEdit::canBeWritten() const {
     return false;
 }
 
-std::string edited(const ProfileText& profile, const ProfileEdit& edit) {
-    using enum ProfileEdit::Kind;
-    const auto section = profile.section(edit.section);
-    const bool isNew = !section && (edit.kind == SetKey || edit.kind == ReplaceSection);
-    if (isNew) return withNewSection(profile, edit);
-    if (!section) return profile.text();
-    switch (edit.kind) {
-        case SetKey: return withKey(profile, *section, edit);
-        case DeleteKey: return withoutKey(profile, *section, edit);
-        case ReplaceSection: return withOtherContent(profile, *section, edit);
-        case DeleteSection: return withoutSection(profile, edit.section);
-    }
-    return profile.text();
+std::string edited(const ProfileText& profile, const ProfileEdits& edits, size_t first) {
+    EditedText text(profile);
+    for (size_t i = first; i < edits.size(); ++i) text.make(edits[i]);
+    return text.text();
 }
 
 }  // namespace traiklofox::profiles

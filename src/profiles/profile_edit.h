@@ -3,7 +3,7 @@
 // profile_edit.h: a change to a profile, which can be made in any text of it: in the one that a reader has, and in the
 // one that the file holds when the change is written.
 
-#include <optional>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,7 +24,11 @@ struct ProfileEdit {
     bool canBeWritten() const;
 };
 
-/// The text with the change in it.
-std::string edited(const ProfileText& profile, const ProfileEdit& edit);
+/// What many have in common: a deque, whose elements stay where they are when others are added.
+using ProfileEdits = std::deque<ProfileEdit>;
+
+/// The text with the changes in it, from the one numbered `first` on. The text is gone through once, however many
+/// there are.
+std::string edited(const ProfileText& profile, const ProfileEdits& edits, size_t first = 0);
 
 }  // namespace traiklofox::profiles

@@ -56,17 +56,8 @@ void classify(std::string_view content, ProfileLine& line) {
     }
 }
 
-/// The line that begins there.
-ProfileLine lineAt(std::string_view all, size_t begin) {
-    const size_t lineFeed = all.find('\n', begin);
-    ProfileLine line;
-    line.begin = begin;
-    line.end = lineFeed == all.npos ? all.size() : lineFeed + 1;
-    std::string_view content = all.substr(begin, std::min(lineFeed, all.size()) - begin);
-    if (begin == 0 && content.starts_with(kByteOrderMark)) content.remove_prefix(kByteOrderMark.size());
-    content = content.substr(0, content.find('\0'));
-    classify(trimmed(content), line);
-    return line;
+FirstLine placeOf(size_t begin) {
+    return begin == 0 ? FirstLine::Yes : FirstLine::No;
 }
 
 /// Where the next line begins that may be a section's, from the beginning of a line on; the text's end without one.
@@ -97,6 +88,19 @@ std::string_view withoutQuotes(std::string_view text) {
     return isQuoted ? text.substr(1, text.size() - 2) : text;
 }
 
+ProfileLine lineAt(std::string_view all, size_t begin, FirstLine isFirst) {
+    const size_t lineFeed = all.find('\n', begin);
+    ProfileLine line;
+    line.begin = begin;
+    line.end = lineFeed == all.npos ? all.size() : lineFeed + 1;
+    std::string_view content = all.substr(begin, std::min(lineFeed, all.size()) - begin);
+    if (isFirst == FirstLine::Yes && content.starts_with(kByteOrderMark))
+        content.remove_prefix(kByteOrderMark.size());
+    content = content.substr(0, content.find('\0'));
+    classify(trimmed(content), line);
+    return line;
+}
+
 size_t NameHash::operator()(std::string_view name) const {
     return hashOn(kHashStart, name);
 }
@@ -107,11 +111,11 @@ bool NameEqual::operator()(std::string_view left, std::string_view right) const 
                       [](char one, char other) { return lower(one) == lower(other); });
 }
 
-size_t ProfileText::FullNameHash::operator()(const FullName& name) const {
+size_t FullNameHash::operator()(const FullName& name) const {
     return hashOn(hashOn(kHashStart, name.section) * 31, name.key);
 }
 
-bool ProfileText::FullNameEqual::operator()(const FullName& left, const FullName& right) const {
+bool FullNameEqual::operator()(const FullName& left, const FullName& right) const {
     return NameEqual{}(left.key, right.key) && NameEqual{}(left.section, right.section);
 }
 
@@ -121,7 +125,7 @@ const std::vector<ProfileLine>& ProfileText::lines() const {
     if (!lines_.empty()) return lines_;
     lines_.reserve(text_.size() / kUsualLine);
     for (size_t begin = 0; begin < text_.size(); begin = lines_.back().end)
-        lines_.push_back(lineAt(text_, begin));
+        lines_.push_back(lineAt(text_, begin, placeOf(begin)));
     return lines_;
 }
 
@@ -157,7 +161,7 @@ std::optional<std::string_view> ProfileText::value(std::string_view section, std
 std::optional<std::string_view> ProfileText::search(std::string_view section, std::string_view key) const {
     bool isIn = false;
     for (size_t begin = nextSection(text_, 0); begin < text_.size();) {
-        const ProfileLine line = lineAt(text_, begin);
+        const ProfileLine line = lineAt(text_, begin, placeOf(begin));
         if (line.kind == Kind::Section) {
             if (isIn) return std::nullopt;
             isIn = NameEqual{}(line.name, section);
@@ -179,12 +183,6 @@ size_t ProfileText::endOfSection(size_t begin) const {
     size_t end = begin + 1;
     while (end < lines().size() && lines()[end].kind != Kind::Section) ++end;
     return end;
-}
-
-std::string_view ProfileText::lineEnd() const {
-    if (lines().empty()) return "\n";
-    const std::string_view first = std::string_view(text_).substr(0, lines().front().end);
-    return first.ends_with("\r\n") ? "\r\n" : "\n";
 }
 
 }  // namespace traiklofox::profiles

@@ -35,6 +35,23 @@ struct NameEqual {
     bool operator()(std::string_view left, std::string_view right) const;
 };
 
+enum class FirstLine { No, Yes };  // which may begin with a byte order mark
+
+/// The line that begins there.
+ProfileLine lineAt(std::string_view all, size_t begin, FirstLine isFirst);
+
+/// A key's name and its section's.
+struct FullName {
+    std::string_view section;
+    std::string_view key;
+};
+struct FullNameHash {
+    size_t operator()(const FullName& name) const;
+};
+struct FullNameEqual {
+    bool operator()(const FullName& left, const FullName& right) const;
+};
+
 class ProfileText {
   public:
     explicit ProfileText(std::string text);
@@ -52,20 +69,7 @@ class ProfileText {
     /// The place behind the section's last line.
     size_t endOfSection(size_t begin) const;
 
-    /// What new lines end with: what the first one does.
-    std::string_view lineEnd() const;
-
   private:
-    struct FullName {
-        std::string_view section;
-        std::string_view key;
-    };
-    struct FullNameHash {
-        size_t operator()(const FullName& name) const;
-    };
-    struct FullNameEqual {
-        bool operator()(const FullName& left, const FullName& right) const;
-    };
     using Index = std::unordered_map<FullName, std::string_view, FullNameHash, FullNameEqual>;
 
     Index makeIndex() const;
