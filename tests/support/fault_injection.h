@@ -22,14 +22,13 @@ namespace faults {
 // clang-format off
 enum class Call {
     // With a path, or two:
-    Open, Stat, Lstat, Statfs, Access, Chmod, Chown, Mkdir, Rmdir, Rename, Link, Unlink, Readlink, Opendir,
-    Fopen, Chdir,
-    // With a descriptor, or a stream over one:
-    Close, Read, Write, Lseek, Ftruncate, Fdatasync, Fsync, Lockf, Flock, Fcntl, Fstat, Fchmod, Fchown,
-    Readdir, Closedir, Mmap, Fdopen, Fwrite, Fputs, Fgets, Fflush, Fclose,
+    Open, Stat, Lstat, Access, Chmod, Chown, Mkdir, Rmdir, Rename, Link, Unlink, Readlink, Opendir, Chdir,
+    // With a descriptor:
+    Close, Read, Write, Lseek, Ftruncate, Fdatasync, Fsync, Lockf, Flock, Fstat, Fchmod, Fchown, Readdir, Closedir,
+    Mmap,
     // With neither:
-    Semget, Semop, Semctl, Shmget, Shmctl, Shmat, Munmap, Malloc, PthreadCreate, Fork, Pipe2, Waitpid, Kill,
-    Nanosleep, Getrandom, PidfdOpen, PosixSpawn, CloseRange, Gethostid,
+    Semget, Semop, Semctl, Shmget, Shmctl, Shmat, Munmap, Malloc, PthreadCreate, Fork, Pipe2, Kill, Nanosleep,
+    Getrandom, PidfdOpen, PosixSpawn, CloseRange, Gethostid,
 };
 constexpr int kCallKinds = static_cast<int>(Call::Gethostid) + 1;
 
