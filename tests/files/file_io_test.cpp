@@ -1,35 +1,18 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <traiklofox/copy_file.h>
-#include <traiklofox/directories.h>
 #include <traiklofox/events.h>
 #include <traiklofox/file_attributes.h>
 #include <traiklofox/file_io.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <string_view>
 #include <utility>
 
-#include "support/bounded_wait.h"
-#include "support/captured_output.h"
-#include "support/fault_injection.h"
-#include "support/owned_handle.h"
-#include "support/temp_dir.h"
+#include "files/file_fixture.h"
 
 namespace traiklofox::test {
 namespace {
 
-using faults::Call;
-
 constexpr DWORD kFailed = 0xFFFFFFFF;
 constexpr DWORD kReadWrite = GENERIC_READ | GENERIC_WRITE;
 
-class FileIo : public testing::Test {
+class FileIo : public FileTest {
   protected:
     OwnedHandle open(DWORD access, DWORD disposition) const {
         return OwnedHandle{CreateFile(path_.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
@@ -40,9 +23,6 @@ class FileIo : public testing::Test {
                std::to_string(static_cast<int>(reinterpret_cast<intptr_t>(handle))) +
                " errno: Bad file descriptor\n";
     }
-
-    TempDir directory_;
-    const std::string path_ = directory_ / "file";
 };
 
 TEST_F(FileIo, AccessCodesGiveTheOpenFlags) {
@@ -60,8 +40,7 @@ TEST_F(FileIo, AccessCodesGiveTheOpenFlags) {
         {FILE_APPEND_DATA | GENERIC_WRITE, O_WRONLY | O_APPEND},
         {FILE_APPEND_DATA | kReadWrite, O_RDWR | O_APPEND},
         {8, O_RDONLY, "CreateFile: dwDesiredAccess mode of 8 not suppported\n"},
-        {0x80000000, O_RDONLY, "CreateFile: dwDesiredAccess mode of -2147483648 not suppported\n"},
-    };
+        {0x80000000, O_RDONLY, "CreateFile: dwDesiredAccess mode of -2147483648 not suppported\n"}};
     writeText(path_, "content");
     for (const auto& row : kCases) {
         const CapturedStderr messages;
@@ -80,15 +59,13 @@ TEST_F(FileIo, DispositionsDecideWhatIsMadeAndEmptied) {
         int errorIfMissing, errorIfThere;
         const char* left;
         const char* message = "";
-    } kCases[] = {
-        {CREATE_NEW, 0, EEXIST, "old"},
-        {CREATE_ALWAYS, 0, 0, ""},
-        {OPEN_EXISTING, ENOENT, 0, "old"},
-        {OPEN_ALWAYS, 0, 0, "old"},
-        {TRUNCATE_EXISTING, 0, 0, ""},
-        {0, ENOENT, 0, "old", "CreateFile: dwCreationDistribution of 0 not suppported\n"},
-        {6, ENOENT, 0, "old", "CreateFile: dwCreationDistribution of 6 not suppported\n"},
-    };
+    } kCases[] = {{CREATE_NEW, 0, EEXIST, "old"},
+                  {CREATE_ALWAYS, 0, 0, ""},
+                  {OPEN_EXISTING, ENOENT, 0, "old"},
+                  {OPEN_ALWAYS, 0, 0, "old"},
+                  {TRUNCATE_EXISTING, 0, 0, ""},
+                  {0, ENOENT, 0, "old", "CreateFile: dwCreationDistribution of 0 not suppported\n"},
+                  {6, ENOENT, 0, "old", "CreateFile: dwCreationDistribution of 6 not suppported\n"}};
     ::umask(022);
     const int before = openDescriptors();
     for (const auto& row : kCases) {
@@ -133,12 +110,10 @@ TEST_F(FileIo, ADirectoryIsOpenedToWatchItOnly) {
         DWORD access;
         Handle* result;
         int error;
-    } kCases[] = {
-        {path_, GENERIC_READ, INVALID_HANDLE_VALUE, ENOTDIR},
-        {directory_ / "missing", GENERIC_READ, INVALID_HANDLE_VALUE, ENOENT},
-        {directory_.path(), GENERIC_WRITE, nullptr, EINVAL},
-        {directory_.path(), 0, nullptr, EINVAL},
-    };
+    } kCases[] = {{path_, GENERIC_READ, INVALID_HANDLE_VALUE, ENOTDIR},
+                  {directory_ / "missing", GENERIC_READ, INVALID_HANDLE_VALUE, ENOENT},
+                  {directory_.path(), GENERIC_WRITE, nullptr, EINVAL},
+                  {directory_.path(), 0, nullptr, EINVAL}};
     for (const auto& row : kCases) {
         errno = 0;
         EXPECT_EQ(CreateFile(row.path.c_str(), row.access, 0, nullptr, OPEN_EXISTING,
@@ -190,8 +165,7 @@ TEST_F(FileIo, ReadsAndWritesAtOnePositionWhateverInterruptsOrCutsShort) {
     EXPECT_FALSE(ReadFile(file.get(), buffer, sizeof buffer, &done, nullptr));
     EXPECT_EQ(done, kFailed);
     EXPECT_FALSE(ReadFile(file.get(), buffer, sizeof buffer, nullptr, nullptr));
-    EXPECT_FALSE(WriteFile(file.get(), buffer, sizeof buffer, nullptr, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(errorOf(WriteFile(file.get(), buffer, sizeof buffer, nullptr, nullptr)), EINVAL);
 }
 
 TEST_F(FileIo, MovesFromEachPlaceAndCutsToOneByteAlways) {
@@ -202,11 +176,9 @@ TEST_F(FileIo, MovesFromEachPlaceAndCutsToOneByteAlways) {
     const struct {
         LONG distance;
         DWORD method, result;
-    } kMoves[] = {
-        {10, FILE_BEGIN, 10},          {-3, FILE_CURRENT, 7},     {5, FILE_END, 105},
-        {-106, FILE_CURRENT, kFailed}, {-1, FILE_BEGIN, kFailed}, {0, 99, kFailed},
-        {0, FILE_CURRENT, 105},
-    };
+    } kMoves[] = {{10, FILE_BEGIN, 10},          {-3, FILE_CURRENT, 7},     {5, FILE_END, 105},
+                  {-106, FILE_CURRENT, kFailed}, {-1, FILE_BEGIN, kFailed}, {0, 99, kFailed},
+                  {0, FILE_CURRENT, 105}};
     for (const auto& move : kMoves)
         EXPECT_EQ(SetFilePointer(file.get(), move.distance, &high, move.method), move.result)
             << move.distance;
@@ -222,33 +194,6 @@ TEST_F(FileIo, MovesFromEachPlaceAndCutsToOneByteAlways) {
     EXPECT_FALSE(SetEndOfFile(file.get()));
 }
 
-TEST_F(FileIo, TellsSizesBeyond32BitsByTheirLowHalfAndTimesInSeconds) {
-    constexpr off_t kSize = (off_t{5} << 30) + 123;
-    const OwnedHandle file = open(kReadWrite, CREATE_NEW);
-    ASSERT_EQ(::truncate(path_.c_str(), kSize), 0);
-    const timespec times[] = {{1'000'000'000, 999'999'999}, {1, 500'000'000}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, path_.c_str(), times, 0), 0);
-
-    DWORD high = 77;
-    EXPECT_EQ(GetFileSize(file.get(), &high), static_cast<DWORD>(kSize));
-    EXPECT_EQ(high, 0u);
-    SetFilePointer(file.get(), 0, nullptr, FILE_END);
-    DWORD done = 0;
-    EXPECT_TRUE(WriteFile(file.get(), "end", 3, &done, nullptr));
-    EXPECT_EQ(GetFileSize(file.get(), nullptr), static_cast<DWORD>(kSize) + 3);
-
-    ASSERT_EQ(::utimensat(AT_FDCWD, path_.c_str(), times, 0), 0);
-    const auto number = [](const _FILETIME& time) {
-        return static_cast<ULONGLONG>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
-    };
-    _FILETIME created, accessed, written;
-    EXPECT_TRUE(GetFileTime(file.get(), &created, &accessed, &written));
-    EXPECT_EQ(number(created), 116444736010000000u);
-    EXPECT_EQ(number(written), 116444736010000000u);
-    EXPECT_EQ(number(accessed), 126444736000000000u);
-    EXPECT_TRUE(GetFileTime(file.get(), nullptr, nullptr, nullptr));
-}
-
 TEST_F(FileIo, WhatIsNoFileHandleFailsWithEbadf) {
     const OwnedHandle event{CreateEvent(nullptr, FALSE, FALSE, nullptr)};
     for (Handle* handle : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, event.get()}) {
@@ -256,13 +201,13 @@ TEST_F(FileIo, WhatIsNoFileHandleFailsWithEbadf) {
         char byte = 0;
         DWORD done = 0;
         const auto refuses = [](bool failed) { return failed && std::exchange(errno, 0) == EBADF; };
-        EXPECT_TRUE(refuses(!ReadFile(handle, &byte, 1, &done, nullptr)));
-        EXPECT_TRUE(refuses(!WriteFile(handle, &byte, 1, &done, nullptr)));
-        EXPECT_TRUE(refuses(!FlushFileBuffers(handle)));
-        EXPECT_TRUE(refuses(!SetEndOfFile(handle)));
-        EXPECT_TRUE(refuses(SetFilePointer(handle, 0, nullptr, FILE_BEGIN) == kFailed));
-        EXPECT_TRUE(refuses(GetFileSize(handle, nullptr) == kFailed));
-        EXPECT_TRUE(refuses(GetFileTime(handle, nullptr, nullptr, nullptr)));
+        for (const bool failed : {refuses(!ReadFile(handle, &byte, 1, &done, nullptr)),
+                                  refuses(!WriteFile(handle, &byte, 1, &done, nullptr)),
+                                  refuses(!FlushFileBuffers(handle)), refuses(!SetEndOfFile(handle)),
+                                  refuses(SetFilePointer(handle, 0, nullptr, FILE_BEGIN) == kFailed),
+                                  refuses(GetFileSize(handle, nullptr) == kFailed),
+                                  refuses(GetFileTime(handle, nullptr, nullptr, nullptr))})
+            EXPECT_TRUE(failed);
         EXPECT_EQ(messages.text(), messageFor("GetFileSize", handle) + messageFor("GetFileTime", handle));
     }
 }

@@ -1,29 +1,15 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <traiklofox/file_mapping.h>
 #include <traiklofox/handle.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <thread>
 
-#include "support/bounded_wait.h"
-#include "support/fault_injection.h"
-#include "support/owned_handle.h"
+#include "files/file_fixture.h"
 #include "support/private_machine.h"
-#include "support/role.h"
-#include "support/temp_dir.h"
 
 namespace traiklofox::test {
 namespace {
-
-using faults::Call;
 
 const std::string kName = "shared";
 const std::string kBacking = "/tmp/." + kName;
@@ -102,18 +88,14 @@ TEST_F(FileMapping, ProcessesShareItByItsName) {
 
 TEST_F(FileMapping, TakesNoArgumentOrFileThatIsNoMapping) {
     const Mapping handle{new File(-1)};
-    const struct {
-        Handle* file;
-        const char* name;
-    } kBadArguments[] = {
-        {nullptr, "name"},          {handle.get(), "name"},        {INVALID_HANDLE_VALUE, nullptr},
-        {INVALID_HANDLE_VALUE, ""}, {INVALID_HANDLE_VALUE, "a/b"}, {INVALID_HANDLE_VALUE, "./../etc/x"},
-    };
-    for (const auto& row : kBadArguments) {
-        errno = 0;
-        EXPECT_EQ(CreateFileMapping(row.file, nullptr, PAGE_READWRITE, 0, 100, row.name), nullptr);
-        EXPECT_EQ(errno, EINVAL) << (row.name != nullptr ? row.name : "null");
-    }
+    Handle* const memory = INVALID_HANDLE_VALUE;
+    for (const auto& [file, name] : {std::pair<Handle*, const char*>{nullptr, "name"},
+                                     {handle.get(), "name"},
+                                     {memory, nullptr},
+                                     {memory, ""},
+                                     {memory, "a/b"},
+                                     {memory, "./../etc/x"}})
+        EXPECT_EQ(errorOf(CreateFileMapping(file, nullptr, PAGE_READWRITE, 0, 100, name) != nullptr), EINVAL);
 
     const std::string victim = "/tmp/victim";
     writeText(victim, "precious");
@@ -128,12 +110,10 @@ TEST_F(FileMapping, TakesNoArgumentOrFileThatIsNoMapping) {
          ELOOP},
         {"a further name", ::link, EPERM},
         {"a pipe", [](const char*, const char* path) { return ::mkfifo(path, 0600); }, EPERM},
-        {"a directory", [](const char*, const char* path) { return ::mkdir(path, 0700); }, EPERM},
-    };
+        {"a directory", [](const char*, const char* path) { return ::mkdir(path, 0700); }, EPERM}};
     for (const auto& row : kStrangeFiles) {
         ASSERT_EQ(row.make(victim.c_str(), kBacking.c_str()), 0) << row.what;
-        EXPECT_EQ(open(100, PAGE_READONLY), nullptr) << row.what;
-        EXPECT_EQ(errno, row.error) << row.what;
+        EXPECT_EQ(errorOf(open(100, PAGE_READONLY) != nullptr), row.error) << row.what;
         EXPECT_EQ(open(100), nullptr) << row.what;
         ASSERT_EQ(::remove(kBacking.c_str()), 0);
     }
@@ -179,8 +159,7 @@ TEST_F(FileMapping, WaitsForTheMakerToSizeItAndStandsInForADeadOne) {
     maker.join();
 
     ASSERT_EQ(::truncate(kBacking.c_str(), 0), 0);
-    EXPECT_EQ(open(100, PAGE_READONLY), nullptr) << "cannot size it";
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(errorOf(open(100, PAGE_READONLY) != nullptr), EINVAL) << "cannot size it";
     EXPECT_NE(open(100), nullptr);
     EXPECT_EQ(errno, 0) << "the contents are this caller's to make";
     EXPECT_EQ(backing().st_size, 104);
@@ -199,9 +178,7 @@ TEST_F(FileMapping, BelongsToWhomTheInstallationDoes) {
         }
         EXPECT_NE(open(100), nullptr);
         EXPECT_EQ(backing().st_mode & 07777, 0640u);
-        if (mayGiveAway) {
-            EXPECT_EQ(backing().st_uid, 4711u);
-        }
+        EXPECT_EQ(backing().st_uid, mayGiveAway ? 4711u : ::geteuid());
     }
 }
 
@@ -221,8 +198,7 @@ TEST_F(FileMapping, EndsAViewByWhatWasMappedNotByWhatItSays) {
          {static_cast<void*>(nullptr), static_cast<void*>(broken), static_cast<void*>(neighbour + page),
           static_cast<void*>(neighbour - 4), reinterpret_cast<void*>(3)}) {
         errno = 0;
-        EXPECT_FALSE(UnmapViewOfFile(none));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(errorOf(UnmapViewOfFile(none)), EINVAL);
     }
     const FailCall fails{Call::Munmap, ENOMEM};
     EXPECT_FALSE(UnmapViewOfFile(neighbour));
@@ -232,19 +208,15 @@ TEST_F(FileMapping, EndsAViewByWhatWasMappedNotByWhatItSays) {
 
 TEST_F(FileMapping, EveryAccessIsMappedAndOnlyWritingStoresTheLength) {
     const Mapping mapping = open(100);
-    const struct {
-        DWORD access;
-        SIZE_T bytes;
-        DWORD header;
-    } kCases[] = {
-        {FILE_MAP_READ, 100, 0},  {FILE_MAP_ALL_ACCESS, 100, 0}, {FILE_MAP_WRITE, 0, 104},
-        {FILE_MAP_WRITE, 50, 54}, {FILE_MAP_READ, 0, 54},
-    };
-    for (const auto& row : kCases) {
-        char* mapped = view(mapping, row.access, row.bytes);
-        EXPECT_EQ(headerOf(mapped), row.header) << row.access << ' ' << row.bytes;
-        EXPECT_TRUE(UnmapViewOfFile(mapped));
-        EXPECT_FALSE(isMapped(mapped));
+    const std::tuple<DWORD, SIZE_T, DWORD> kAccessBytesHeader[] = {{FILE_MAP_READ, 100, 0},
+                                                                   {FILE_MAP_ALL_ACCESS, 100, 0},
+                                                                   {FILE_MAP_WRITE, 0, 104},
+                                                                   {FILE_MAP_WRITE, 50, 54},
+                                                                   {FILE_MAP_READ, 0, 54}};
+    for (const auto& [access, bytes, header] : kAccessBytesHeader) {
+        char* mapped = view(mapping, access, bytes);
+        EXPECT_EQ(headerOf(mapped), header) << access << ' ' << bytes;
+        EXPECT_TRUE(UnmapViewOfFile(mapped) && !isMapped(mapped));
     }
 }
 
@@ -256,12 +228,10 @@ TEST_F(FileMapping, AFailedViewStoresNothingAndIsNotDetected) {
         DWORD access, offset;
         SIZE_T bytes;
         int error;
-    } kCases[] = {
-        {readOnly.get(), FILE_MAP_WRITE, 0, 100, EACCES},
-        {mapping.get(), FILE_MAP_WRITE, 1, 100, EINVAL},
-        {mapping.get(), FILE_MAP_WRITE, 0, SIZE_T(-1), ENOMEM},
-        {mapping.get(), FILE_MAP_WRITE, 0, SIZE_T(-4), ENOMEM},
-    };
+    } kCases[] = {{readOnly.get(), FILE_MAP_WRITE, 0, 100, EACCES},
+                  {mapping.get(), FILE_MAP_WRITE, 1, 100, EINVAL},
+                  {mapping.get(), FILE_MAP_WRITE, 0, SIZE_T(-1), ENOMEM},
+                  {mapping.get(), FILE_MAP_WRITE, 0, SIZE_T(-4), ENOMEM}};
     for (const auto& row : kCases) {
         errno = 0;
         void* failed = MapViewOfFile(row.handle, row.access, 0, row.offset, row.bytes);
@@ -270,8 +240,7 @@ TEST_F(FileMapping, AFailedViewStoresNothingAndIsNotDetected) {
         EXPECT_FALSE(UnmapViewOfFile(failed));
     }
     for (Handle* none : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE}) {
-        EXPECT_EQ(MapViewOfFile(none, FILE_MAP_READ, 0, 0, 100), nullptr);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(errorOf(MapViewOfFile(none, FILE_MAP_READ, 0, 0, 100) != nullptr), EINVAL);
     }
     void* beyond = MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0x10000, 100);
     EXPECT_TRUE(UnmapViewOfFile(beyond)) << "mapped, but there is no file to store a length in";

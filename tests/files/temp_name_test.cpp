@@ -1,22 +1,13 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <traiklofox/temp_name.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
+#include <mutex>
 #include <set>
 #include <sstream>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <vector>
 
+#include "files/file_fixture.h"
 #include "files/temp_name.h"
-#include "support/fault_injection.h"
-#include "support/role.h"
-#include "support/temp_dir.h"
 
 namespace traiklofox::test {
 namespace {
@@ -57,17 +48,18 @@ TEST(TempName, ThreadsAndForkedChildrenNeverGetTheSame) {
         }
         children.push_back(pid);
     }
-    std::vector<std::set<std::string>> byThread(kThreads);
+    std::set<std::string> all;
+    std::mutex gathering;
     {
         std::vector<std::jthread> threads;
-        for (auto& names : byThread) {
-            threads.emplace_back([&names] {
-                for (size_t i = 0; i < kNames; ++i) names.insert(KZTempNam("/tmp"));
+        for (size_t thread = 0; thread < kThreads; ++thread)
+            threads.emplace_back([&] {
+                std::vector<std::string> names;
+                while (names.size() < kNames) names.push_back(KZTempNam("/tmp"));
+                const std::lock_guard guard(gathering);
+                all.insert(names.begin(), names.end());
             });
-        }
     }
-    std::set<std::string> all;
-    for (const auto& names : byThread) all.insert(names.begin(), names.end());
     for (const pid_t child : children) {
         int status = -1;
         ASSERT_EQ(waitpid(child, &status, 0), child);
@@ -97,43 +89,26 @@ TEST(TempName, OtherNamesHaveNoProcess) {
                                         {".kztmp.4194304.ff-0123456789abcdef", 4194304},
                                         {".kztmp.2147483647.0-0", 2147483647}})
         EXPECT_EQ(processOfTemporaryName(name), process) << name;
-    for (const char* name : {".kztmp.2147483648.0-0",
-                             ".kztmp.99999999999999999999.0-0",
-                             ".kztmp.0.0-0",
-                             ".kztmp.01.0-0",
-                             ".kztmp.-1.0-0",
-                             ".kztmp.+1.0-0",
-                             ".kztmp. 1.0-0",
-                             ".kztmp.1x.0-0",
-                             ".kztmp..0-0",
-                             ".kztmp.1",
-                             ".kztmp.1.",
-                             ".kztmp.1.0",
-                             ".kztmp.1.0-",
-                             ".kztmp.1.-0",
-                             ".kztmp.1.0-0x",
-                             ".kztmp.1.0-0.bak",
-                             ".kztmp.1.0-FF",
-                             ".kztmp.1.0-00000000000000000",
-                             "kztmp.1.0-0",
-                             "x.kztmp.1.0-0",
-                             ".kztmp.",
-                             "",
-                             "tw.registry"})
-        EXPECT_EQ(processOfTemporaryName(name), std::nullopt) << name;
+    std::istringstream others(
+        ".kztmp.2147483648.0-0 .kztmp.99999999999999999999.0-0 .kztmp.0.0-0 .kztmp.01.0-0 .kztmp.-1.0-0 "
+        ".kztmp.+1.0-0 .kztmp.1x.0-0 .kztmp..0-0 .kztmp.1 .kztmp.1. .kztmp.1.0 .kztmp.1.0- .kztmp.1.-0 "
+        ".kztmp.1.0-0x .kztmp.1.0-0.bak .kztmp.1.0-FF .kztmp.1.0-00000000000000000 kztmp.1.0-0 "
+        "x.kztmp.1.0-0 .kztmp. tw.registry");
+    EXPECT_EQ(processOfTemporaryName(""), std::nullopt);
+    EXPECT_EQ(processOfTemporaryName(".kztmp. 1.0-0"), std::nullopt);
+    for (std::string name; others >> name;)
+        EXPECT_EQ(processOfTemporaryName(name.c_str()), std::nullopt) << name;
 }
 
 TEST(TempPath, IsTheFirstOfTheVariablesThatSaysSomething) {
     const struct {
         const char *tmp, *temp, *tmpdir;
         const char* path;
-    } kCases[] = {
-        {nullptr, nullptr, nullptr, "/tmp/"},
-        {"/a", "/b", "/c", "/a/"},
-        {"", "/b/", "/c", "/b/"},
-        {nullptr, nullptr, "/c", "/c/"},
-        {"with %s", nullptr, "", "with %s/"},
-    };
+    } kCases[] = {{nullptr, nullptr, nullptr, "/tmp/"},
+                  {"/a", "/b", "/c", "/a/"},
+                  {"", "/b/", "/c", "/b/"},
+                  {nullptr, nullptr, "/c", "/c/"},
+                  {"with %s", nullptr, "", "with %s/"}};
     const auto set = [](const char* name, const char* value) {
         value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
     };
@@ -159,12 +134,10 @@ TEST(TempFile, HasTheGivenNumberOrAFreeOneAndIsThenMade) {
         const char* prefix;
         UINT unique;
         const char* name;
-    } kNamed[] = {
-        {"longer", 0x1, "lon1.TMP"},
-        {"ab", 0xBEEF, "abBEEF.TMP"},
-        {nullptr, 0x12345, "2345.TMP"},
-        {"%s", 9, "%s9.TMP"},
-    };
+    } kNamed[] = {{"longer", 0x1, "lon1.TMP"},
+                  {"ab", 0xBEEF, "abBEEF.TMP"},
+                  {nullptr, 0x12345, "2345.TMP"},
+                  {"%s", 9, "%s9.TMP"}};
     for (const auto& row : kNamed) {
         for (const std::string& parent : {directory.path(), start}) {
             EXPECT_EQ(GetTempFileName(parent.c_str(), row.prefix, row.unique, name), row.unique);
@@ -178,9 +151,7 @@ TEST(TempFile, HasTheGivenNumberOrAFreeOneAndIsThenMade) {
         const UINT number = GetTempFileName(directory.path().c_str(), "tmp", 0, name);
         ASSERT_TRUE(number > 0 && number <= 0xFFFF) << number;
         made.insert(name);
-        struct stat status {};
-        ASSERT_EQ(::stat(name, &status), 0);
-        EXPECT_EQ(status.st_mode & 07777, 0600u);
+        EXPECT_EQ(std::filesystem::status(name).permissions(), std::filesystem::perms{0600});
     }
     EXPECT_EQ(made.size(), 300u);
 
@@ -189,12 +160,10 @@ TEST(TempFile, HasTheGivenNumberOrAFreeOneAndIsThenMade) {
     const struct {
         const char *directory, *prefix;
         int error;
-    } kRefused[] = {
-        {nullptr, "tmp", EINVAL},
-        {start.c_str(), "a/b", EINVAL},
-        {tooLong.c_str(), "", ENAMETOOLONG},
-        {missing.c_str(), "tmp", ENOENT},
-    };
+    } kRefused[] = {{nullptr, "tmp", EINVAL},
+                    {start.c_str(), "a/b", EINVAL},
+                    {tooLong.c_str(), "", ENAMETOOLONG},
+                    {missing.c_str(), "tmp", ENOENT}};
     name[0] = '#';
     for (const auto& row : kRefused) {
         EXPECT_EQ(GetTempFileName(row.directory, row.prefix, 0, name), 0u);
@@ -204,8 +173,8 @@ TEST(TempFile, HasTheGivenNumberOrAFreeOneAndIsThenMade) {
     EXPECT_EQ(GetTempFileName(start.c_str(), "tmp", 1, nullptr), 0u);
     EXPECT_EQ(GetTempFileName(longest.c_str(), "tmp", 0xFFFF, name), 0xFFFFu);
 
-    const CountCalls opens{faults::Call::Open, {.path = directory.path()}};
-    const FailCall allExist{faults::Call::Open, EEXIST, {.andAllLater = true, .path = directory.path()}};
+    const CountCalls opens{Call::Open, {.path = directory.path()}};
+    const FailCall allExist{Call::Open, EEXIST, {.andAllLater = true, .path = directory.path()}};
     EXPECT_EQ(GetTempFileName(start.c_str(), "tmp", 0, name), 0u);
     EXPECT_EQ(errno, EEXIST);
     EXPECT_EQ(opens.calls(), 0xFFFF);

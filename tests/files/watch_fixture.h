@@ -3,25 +3,16 @@
 // What the tests of watched directories share: passes of the scanner without its pauses, and the changes as a caller
 // reads them from his buffer.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <traiklofox/change_notification.h>
 #include <traiklofox/completion_ports.h>
 #include <traiklofox/events.h>
 #include <traiklofox/wait.h>
 
 #include <algorithm>
-#include <cstring>
-#include <filesystem>
-#include <functional>
 #include <memory>
 #include <ostream>
-#include <string>
-#include <vector>
 
-#include "support/owned_handle.h"
-#include "support/temp_dir.h"
+#include "files/file_fixture.h"
 
 namespace traiklofox::test {
 
