@@ -2,11 +2,13 @@
 
 #include <locale.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <traiklofox/dates.h>
 #include <unistd.h>
 
+#include <array>
 #include <string>
 
 #include "support/floor.h"
@@ -69,31 +71,46 @@ void renderWithFormat(benchmark::State& state, const Typed& typed) {
     }
 }
 
-// Values of a stride that meets every month, weekday and kind of year.
-constexpr double kStride = 12345.678;
-constexpr double kFirst = 25569;  // 1970, from when gmtime_r has an easy time
-constexpr double kLast = 50000;   // 2036
+/// What no rendering can do without, because its caller frees the text.
+void allocate(benchmark::State& state, const Typed& typed) {
+    for (auto _ : state) {
+        char* text = static_cast<char*>(malloc(strlen(typed.text) + 1));
+        benchmark::DoNotOptimize(*text);
+        free(text);
+    }
+}
+
+/// Values of a stride that meets every month, weekday and kind of year; made before they are needed, so that the loop
+/// has no branch of its own to mispredict.
+constexpr size_t kValues = 1024;
+constexpr double kEpoch = 25569;  // 1970, from when gmtime_r has an easy time
+constexpr auto kDates = [] {
+    std::array<double, kValues> dates{};
+    double value = kEpoch;
+    for (double& date : dates) {
+        date = value;
+        value += 12345.678;
+        if (value > 50000) value -= 50000 - kEpoch;
+    }
+    return dates;
+}();
 
 void unpack(benchmark::State& state) {
-    double value = kFirst;
+    size_t next = 0;
     tagUDS fields{};
     for (auto _ : state) {
-        benchmark::DoNotOptimize(VarUdateFromDate(value, 0, &fields));
+        benchmark::DoNotOptimize(VarUdateFromDate(kDates[next++ % kValues], 0, &fields));
         benchmark::DoNotOptimize(fields);
-        value += kStride;
-        if (value > kLast) value -= kLast - kFirst;
     }
 }
 
 void splitUnixTime(benchmark::State& state) {
-    double value = kFirst;
+    size_t next = 0;
     tm fields{};
     for (auto _ : state) {
-        const auto seconds = static_cast<time_t>((value - kFirst) * 86400);
+        const auto seconds = static_cast<time_t>((kDates[next++ % kValues] - kEpoch) * 86400);
         benchmark::DoNotOptimize(gmtime_r(&seconds, &fields));
         benchmark::DoNotOptimize(fields);
-        value += kStride;
-        if (value > kLast) value -= kLast - kFirst;
     }
 }
 
@@ -192,6 +209,12 @@ const Comparison kParseBoth{parseOf(kTyped[2])};
 const Comparison kRenderDate{renderOf(kTyped[0])};
 const Comparison kRenderTime{renderOf(kTyped[1])};
 const Comparison kRenderBoth{renderOf(kTyped[2])};
+const Comparison kAllocate{{
+    .operation = "of a rendering: malloc and free of its text",
+    .body = [](benchmark::State& state) { allocate(state, kTyped[2]); },
+    .floor = "the same for the shortest of the three",
+    .floorBody = [](benchmark::State& state) { allocate(state, kTyped[0]); },
+}};
 const Comparison kUnpack{{
     .operation = "unpack a date",
     .body = unpack,
