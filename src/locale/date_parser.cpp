@@ -41,7 +41,7 @@ constexpr int kStates = 11;
 constexpr int kFinish = 0;  // the start at the end of the text: taken before the table is asked
 
 // clang-format off
-constexpr signed char kNext[kStates][kTokenKinds] = {
+constexpr unsigned char kNext[kStates][kTokenKinds] = {
     //                                            End     Number                      Month name
     //                                                    end am/pm blank date time   end blank date
     /*  0 start                              */ { kFinish, 11,  16,   1,   3,   9,    11,   6,   6 },

@@ -14,12 +14,13 @@ using Kind = ProfileLine::Kind;
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 constexpr size_t kUsualLine = 24;  // bytes, to guess the number of lines by
 
-constexpr auto kLower = [] {
+constexpr std::array<unsigned char, 256> lowerTable() {
     std::array<unsigned char, 256> table{};
     for (unsigned int i = 0; i < table.size(); ++i)
         table[i] = static_cast<unsigned char>(i >= 'A' && i <= 'Z' ? i + ('a' - 'A') : i);
     return table;
-}();
+}
+constexpr auto kLower = lowerTable();
 
 unsigned char lower(char character) {
     return kLower[static_cast<unsigned char>(character)];
