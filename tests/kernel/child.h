@@ -6,11 +6,8 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <traiklofox/process.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <optional>
-#include <string>
 
 #include "kernel/worker.h"
 
@@ -24,8 +21,7 @@ struct PipeEnds {
         in.reset(new File(ends[0]));
         out.reset(new File(ends[1]));
     }
-    OwnedHandle in;
-    OwnedHandle out;
+    OwnedHandle in, out;
 };
 
 inline int fdOf(const OwnedHandle& file) {
@@ -43,30 +39,36 @@ inline std::string readAll(const OwnedHandle& file) {
 
 enum class Via { CreateProcess, DetachedProcess, Spawn, Fork };
 
+inline OwnedHandle openProcess(pid_t pid) {
+    return OwnedHandle{OpenProcess(0, FALSE, static_cast<DWORD>(pid))};
+}
+inline OwnedHandle createProcess(std::string line, DWORD flags = 0, _STARTUPINFO* startup = nullptr) {
+    _PROCESS_INFORMATION info{};
+    (void)CreateProcess(nullptr, line.data(), nullptr, nullptr, FALSE, flags, nullptr, nullptr, startup,
+                        &info);
+    return OwnedHandle{info.hProcess};
+}
+/// A child that a shell command line starts; it ends by itself.
+inline OwnedHandle startShell(const std::string& script) {
+    return createProcess("/bin/sh -c '" + script + "'");
+}
+
 /// A process that runs until `end`, when its standard input ends.
 class Child {
   public:
     explicit Child(Via via = Via::CreateProcess) {
         _STARTUPINFO startup{sizeof startup, 0, input_.in.get(), nullptr, nullptr};
-        char command[] = "/bin/cat";
-        if (via == Via::Fork) {
-            pid_ = ::fork();
-            if (pid_ == 0) {
-                ::dup2(fdOf(input_.in), 0);
-                ::execl(command, command, nullptr);
-                ::_exit(1);
-            }
+        if (via == Via::Fork && (pid_ = ::fork()) == 0) {
+            ::dup2(fdOf(input_.in), 0);
+            ::execl("/bin/cat", "cat", nullptr);
+            ::_exit(1);
         } else if (via == Via::Spawn) {
-            pid_ = ::Spawn(0, nullptr, command, nullptr, &startup);
-        } else {
-            const DWORD flags = via == Via::DetachedProcess ? DETACHED_PROCESS : 0;
-            _PROCESS_INFORMATION info{};
-            if (::CreateProcess(nullptr, command, nullptr, nullptr, FALSE, flags, nullptr, nullptr, &startup,
-                                &info))
-                pid_ = static_cast<pid_t>(info.dwProcessId);
-            handle.reset(info.hProcess);
+            pid_ = ::Spawn(0, nullptr, "/bin/cat", nullptr, &startup);
+        } else if (via != Via::Fork) {
+            handle = createProcess("/bin/cat", via == Via::DetachedProcess ? DETACHED_PROCESS : 0, &startup);
+            pid_ = static_cast<pid_t>(GetProcessId(handle.get()));
         }
-        if (!handle) handle.reset(OpenProcess(0, FALSE, static_cast<DWORD>(pid_)));
+        if (!handle) handle = openProcess(pid_);
         input_.in.reset();
     }
     void end() { input_.out.reset(); }
@@ -74,8 +76,8 @@ class Child {
     void endUnseen() {
         end();
         siginfo_t info{};
-        if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) == 0) return;
-        withinSeconds(kBoundSeconds, [&] { return ::kill(pid_, 0) != 0; });
+        if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT) != 0)
+            (void)soon([&] { return ::kill(pid_, 0) != 0; });
     }
     pid_t pid() const { return pid_; }
     Process& process() const { return *static_cast<Process*>(handle.get()); }
@@ -87,14 +89,6 @@ class Child {
     pid_t pid_ = -1;
 };
 
-/// A child of this process that a shell command line starts; it ends by itself.
-inline OwnedHandle startShell(std::string script) {
-    std::string line = "/bin/sh -c '" + script + "'";
-    _PROCESS_INFORMATION info{};
-    (void)CreateProcess(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, nullptr, &info);
-    return OwnedHandle{info.hProcess};
-}
-
 /// Whether this process has no child, running or ended.
 inline bool isChildless() {
     siginfo_t info{};
@@ -103,10 +97,6 @@ inline bool isChildless() {
 inline bool isChild(pid_t pid) {
     siginfo_t info{};
     return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
-}
-/// The same, soon: for children that the library collects when they end.
-inline bool becomesChildless() {
-    return withinSeconds(kBoundSeconds, [] { return isChildless(); });
 }
 
 }  // namespace traiklofox::test

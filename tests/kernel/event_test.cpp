@@ -1,294 +1,251 @@
-#include <traiklofox/clocks.h>
-#include <traiklofox/events.h>
-#include <traiklofox/wait.h>
+// Events, alone and among others in waits for several handles. What all kinds of waits have in common is in
+// wait_test.cpp.
 
-#include <errno.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <vector>
+#include <cstring>
 
 #include "kernel/worker.h"
-#include "support/fault_injection.h"
+#include "support/captured_output.h"
 
 namespace {
 
 using namespace traiklofox::test;
-using std::chrono::milliseconds;
 
-TEST(Event, TestingWaitConsumesOnlyAnAutoResetSignal) {
-    const struct {
-        const char* name;
-        Kind kind;
-        Initially state;
-        DWORD result;
-        bool setAfter;
-    } cases[] = {
-        {"auto, unset", Kind::Auto, Initially::Unset, WAIT_TIMEOUT, false},
-        {"auto, set", Kind::Auto, Initially::Set, WAIT_OBJECT_0, false},
-        {"manual, unset", Kind::Manual, Initially::Unset, WAIT_TIMEOUT, false},
-        {"manual, set", Kind::Manual, Initially::Set, WAIT_OBJECT_0, true},
-    };
-    for (const auto& c : cases) {
-        for (const DWORD timeout : {DWORD{0}, DWORD{1}, DWORD{1000}, INFINITE}) {
-            if (c.result == WAIT_TIMEOUT && timeout > 1) continue;
-            const auto event = makeEvent(c.kind, c.state);
-            EXPECT_EQ(WaitForSingleObjectEx(event.get(), timeout, FALSE), c.result) << c.name;
-            EXPECT_EQ(isSet(event), c.setAfter) << c.name;
-        }
-    }
-}
-
-TEST(Event, SetAndResetAlwaysSucceed) {
+TEST(Event, KeepsItsSignalUntilItIsResetOrAWaitConsumesIt) {
     for (const Kind kind : {Kind::Auto, Kind::Manual}) {
-        const auto event = makeEvent(kind);
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(SetEvent(event.get()), 1);
+        const auto event = makeEvent(kind, true);
+        for (const DWORD timeout : {DWORD{0}, DWORD{1}, kBound, INFINITE}) {
+            EXPECT_EQ(waitFor(event, timeout), WAIT_OBJECT_0);
+            EXPECT_EQ(isSet(event), kind == Kind::Manual);
+            for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(ResetEvent(event.get()), 1);
+            EXPECT_EQ(waitFor(event, timeout % 2), WAIT_TIMEOUT);
+            EXPECT_EQ(PulseEvent(event.get()), 0) << "which leaves it set";
             EXPECT_TRUE(isSet(event));
+            EXPECT_EQ(SetEvent(event.get()), 1);
         }
-        for (int i = 0; i < 2; ++i) {
-            EXPECT_EQ(ResetEvent(event.get()), 1);
-            EXPECT_FALSE(isSet(event));
-        }
-    }
-}
-
-TEST(Event, PulseReportsZeroAndLeavesTheEventSet) {
-    for (const Kind kind : {Kind::Auto, Kind::Manual}) {
-        const auto event = makeEvent(kind);
-        EXPECT_EQ(PulseEvent(event.get()), 0);
-        EXPECT_TRUE(isSet(event));
-    }
-}
-
-TEST(Event, NoHandleIsRefusedByEveryFunction) {
-    for (Handle* none : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE}) {
-        EXPECT_EQ(SetEvent(none), 0);
-        EXPECT_EQ(EventSet(none), 0);
-        EXPECT_EQ(ResetEvent(none), 0);
-        EXPECT_EQ(EventReset(none), 0);
-        EXPECT_EQ(PulseEvent(none), 0);
-        EXPECT_EQ(EventPulse(none), 0);
-        EXPECT_EQ(CloseHandle(none), 0);
-        EXPECT_EQ(HandleClose(none), 0);
-        Handle* target = nullptr;
-        EXPECT_EQ(DuplicateHandle(nullptr, none, nullptr, &target, 0, FALSE, 0), 0);
-        EXPECT_EQ(target, nullptr);
-        EXPECT_EQ(WaitForSingleObjectEx(none, 0, FALSE), WAIT_FAILED);
-        EXPECT_EQ(WaitForSingleObjectEx(none, INFINITE, TRUE), WAIT_FAILED);
-    }
-}
-
-TEST(Event, TwoEventsOfOneNameAreUnrelated) {
-    char name[] = "shared";
-    const OwnedHandle one{CreateEvent(nullptr, FALSE, FALSE, name)};
-    std::fill_n(name, sizeof name - 1, 'x');  // the event has its own copy
-    const OwnedHandle other{EventCreate(nullptr, FALSE, FALSE, "shared")};
-    SetEvent(one.get());
-    EXPECT_FALSE(isSet(other));
-}
-
-// The wall clock that the deadline is taken from is wrong by so much, so that the long ones end soon.
-TEST(Event, WaitEndsAtItsDeadline) {
-    const struct {
-        DWORD timeout;
-        int clockMilliseconds;
-        int realMilliseconds;
-    } cases[] = {{1500, -1400, 100}, {2000, -1900, 100}, {1000, -1000, 0}, {70, 0, 70}};
-    const auto unset = makeEvent(Kind::Auto);
-    const auto other = makeEvent(Kind::Manual);
-    std::array<Handle*, 2> both{unset.get(), other.get()};
-    for (const auto& c : cases) {
-        FakeTime clock;
-        clock.runAhead(0, c.clockMilliseconds * 1'000'000L);
-        for (const BOOL alertable : {FALSE, TRUE}) {
-            for (const bool several : {false, true}) {
-                const auto start = now();
-                const DWORD result =
-                    several ? WaitForMultipleObjectsEx(2, both.data(), FALSE, c.timeout, alertable)
-                            : WaitForSingleObjectEx(unset.get(), c.timeout, alertable);
-                const auto lasted = now() - start;
-                EXPECT_EQ(result, WAIT_TIMEOUT);
-                EXPECT_GE(lasted, milliseconds{c.realMilliseconds - 1}) << c.timeout << " ms";
-                EXPECT_LT(lasted, milliseconds{c.realMilliseconds} + kPrompt) << c.timeout << " ms";
-            }
-        }
-    }
-}
-
-TEST(Event, SetEndsEveryKindOfWait) {
-    const struct {
-        const char* name;
-        DWORD timeout;
-        BOOL alertable;
-    } cases[] = {
-        {"infinite", INFINITE, FALSE},      {"infinite, alertable", INFINITE, TRUE}, {"timed", kBound, FALSE},
-        {"timed, alertable", kBound, TRUE}, {"the longest", INFINITE - 1, FALSE},
-    };
-    for (const auto& c : cases) {
-        const auto event = makeEvent(Kind::Auto);
-        DWORD result = WAIT_FAILED;
-        {
-            Worker waiter{[&] { result = WaitForSingleObjectEx(event.get(), c.timeout, c.alertable); }};
-            EXPECT_TRUE(waiter.fallsAsleep()) << c.name;
-            SetEvent(event.get());
-        }
-        EXPECT_EQ(result, WAIT_OBJECT_0) << c.name;
-        EXPECT_FALSE(isSet(event)) << c.name;
     }
 }
 
 TEST(Event, SetReleasesOneWaiterOfAnAutoResetEventAndEverybodyOfAManualResetOne) {
-    constexpr int kWaiters = 4;
-    for (const Kind kind : {Kind::Auto, Kind::Manual}) {
+    constexpr int kWaiters = 6;
+    const auto other = makeEvent();
+    for (int round = 0; round < rounds(100); ++round) {
+        const Kind kind = round % 4 == 0 ? Kind::Auto : Kind::Manual;
         const auto event = makeEvent(kind);
         std::atomic<int> released = 0;
-        std::vector<std::unique_ptr<Worker>> waiters;
-        for (int i = 0; i < kWaiters; ++i) {
-            waiters.push_back(std::make_unique<Worker>([&, timeout = i % 2 == 0 ? kBound : INFINITE] {
-                EXPECT_EQ(WaitForSingleObject(event.get(), timeout), WAIT_OBJECT_0);
-                ++released;
-            }));
-        }
-        for (const auto& waiter : waiters) EXPECT_TRUE(waiter->fallsAsleep());
+        const Workers waiters(kWaiters, [&](int number) {
+            const DWORD timeout = number % 2 == 0 ? kBound : INFINITE;
+            if (kind == Kind::Manual && number > 3) {
+                EXPECT_EQ(waitForAny({other.get(), event.get()}, timeout), 1u);
+            } else {
+                EXPECT_EQ(waitFor(event, timeout), WAIT_OBJECT_0);
+            }
+            ++released;
+        });
+        ASSERT_TRUE(waiters.fallAsleep());
         const int each = kind == Kind::Auto ? 1 : kWaiters;
         for (int awaited = each; awaited <= kWaiters; awaited += each) {
             SetEvent(event.get());
-            EXPECT_TRUE(withinSeconds(kBoundSeconds, [&] { return released == awaited; }));
-            EXPECT_EQ(isSet(event), kind == Kind::Manual);
+            if (round % 2 == 1) ResetEvent(event.get());  // which lets them leave
+            EXPECT_TRUE(becomes(released, awaited));
+            EXPECT_EQ(isSet(event), round % 4 == 2);
         }
     }
 }
 
-TEST(Event, ResetLetsTheThreadsLeaveThatASetReleases) {
-    constexpr int kWaiters = 3;
-    for (int round = 0; round < rounds(200); ++round) {
-        const auto event = makeEvent(Kind::Manual);
-        std::vector<std::unique_ptr<Worker>> waiters;
-        for (int i = 0; i < kWaiters; ++i) {
-            waiters.push_back(std::make_unique<Worker>(
-                [&] { EXPECT_EQ(WaitForSingleObject(event.get(), kBound), WAIT_OBJECT_0); }));
-        }
-        for (const auto& waiter : waiters) ASSERT_TRUE(waiter->fallsAsleep());
-        SetEvent(event.get());
-        ResetEvent(event.get());
-        EXPECT_FALSE(isSet(event));
-    }
-}
+/// An event that counts its destruction.
+struct MortalEvent : Event {
+    MortalEvent(std::atomic<int>& counted, LONG initially)
+        : Event(initially, FALSE, FALSE, nullptr), deaths(counted) {}
+    ~MortalEvent() override { ++deaths; }
+    std::atomic<int>& deaths;
+};
 
-TEST(Event, DuplicateIsTheSameObjectAndKeepsItAlive) {
+TEST(Event, LivesUntilItsLastHandleAndTheWaitsForItAreGone) {
     std::atomic<int> deaths = 0;
-    Handle* event = new MortalEvent(Kind::Auto, deaths);
-    EXPECT_EQ(event->GetRefCount(), 1);
+    Handle* event = new MortalEvent(deaths, -1);
     Handle* duplicate = nullptr;
     EXPECT_EQ(DuplicateHandle(nullptr, event, nullptr, &duplicate, 0, FALSE, 0), 1);
     EXPECT_EQ(duplicate, event);
     EXPECT_EQ(DuplicateHandle(nullptr, event, nullptr, nullptr, 0, FALSE, 0), 1);
-    EXPECT_EQ(event->GetRefCount(), 3);
-    for (int left = 2; left >= 0; --left) {
-        EXPECT_EQ(deaths, 0);
-        EXPECT_EQ(CloseHandle(event), 1);
-    }
+    const auto other = makeEvent();
+    Worker waiter{[&] { EXPECT_EQ(waitForAny({event, other.get()}), 1u); }};
+    EXPECT_TRUE(waiter.fallsAsleep());
+    for (int handles = 0; handles < 3; ++handles) EXPECT_EQ(CloseHandle(event), 1);
+    EXPECT_EQ(deaths, 0);
+    SetEvent(other.get());
+    waiter.join();
     EXPECT_EQ(deaths, 1);
 }
 
 TEST(EventData, AttachmentHoldsOneReferenceUntilItsOwnerDetachesIt) {
     const struct {
         const char* name;
-        LONG initially;
-        std::vector<LONG> attachedHere;
-        std::vector<LONG> attachedByAnother;  // then
-        BOOL detaches;                        // here
-        LONG references;                      // before
+        LONG initially, here, byAnother;  // attached, in this order, or -1
+        BOOL detaches;                    // here
+        LONG references;                  // before
     } cases[] = {
-        {"nothing", -1, {}, {}, 0, 1},          {"own, replaced", -1, {7, 8}, {}, 1, 2},
-        {"another's", -1, {}, {7}, 0, 2},       {"own, replaced by another", -1, {7}, {8}, 0, 2},
-        {"the constructor's", 5, {}, {}, 0, 1}, {"the constructor's, replaced", 5, {6}, {}, 1, 2},
+        {"nothing", -1, -1, -1, 0, 1},          {"own", -1, 7, -1, 1, 2},
+        {"another's", -1, -1, 7, 0, 2},         {"own, replaced by another", -1, 7, 8, 0, 2},
+        {"the constructor's", 5, -1, -1, 0, 1}, {"the constructor's, replaced", 5, 6, -1, 1, 2},
     };
     for (const auto& with : cases) {
+        SCOPED_TRACE(with.name);
         std::atomic<int> deaths = 0;
-        auto* event = new MortalEvent(Kind::Auto, deaths, with.initially);
-        LONG data = with.initially;
-        for (const LONG attached : with.attachedHere) EXPECT_EQ(event->SetEventData(data = attached), 1);
+        auto* event = new MortalEvent(deaths, with.initially);
+        EXPECT_TRUE(with.here == -1 || event->SetEventData(9) + event->SetEventData(with.here) == 2);
         std::thread([&] {
-            EXPECT_EQ(event->SetEventData(-1), 0) << with.name << ": not this thread's";
-            for (const LONG attached : with.attachedByAnother) event->SetEventData(data = attached);
+            EXPECT_EQ(event->SetEventData(-1), 0) << "not this thread's";
+            EXPECT_TRUE(with.byAnother == -1 || event->SetEventData(with.byAnother) == 1);
         }).join();
-        EXPECT_EQ(event->GetEventData(), data) << with.name;
-        EXPECT_EQ(event->GetRefCount(), with.references) << with.name;
-        EXPECT_EQ(event->SetEventData(-1), with.detaches) << with.name;
-        if (!with.detaches && with.references == 2) {  // it keeps the event alive
-            CloseHandle(event);
-            EXPECT_EQ(deaths, 0) << with.name;
+        event->RevStamp(3, /*copyData=*/FALSE);
+        EXPECT_EQ(event->GetLastData(), with.initially);
+        event->RevStamp(4, /*copyData=*/TRUE);
+        EXPECT_EQ(event->GetLastData(), std::max({with.initially, with.here, with.byAnother}));
+        EXPECT_EQ(event->GetRefCount(), with.references);
+        EXPECT_EQ(event->SetEventData(-1), with.detaches);
+        CloseHandle(event);
+        if (!with.detaches && with.references == 2) {
+            EXPECT_EQ(deaths, 0) << "the attachment keeps it";
             event->SetEventData(9);  // whoever replaces it is its owner
             event->SetEventData(-1);
-        } else {
-            CloseHandle(event);
         }
-        EXPECT_EQ(deaths, 1) << with.name;
+        EXPECT_EQ(deaths, 1);
     }
 }
 
-TEST(EventData, RevisionStampCopiesTheDataOnlyOnDemand) {
-    const auto handle = makeEvent(Kind::Auto);
-    auto* event = static_cast<Event*>(handle.get());
-    EXPECT_EQ(event->GetLastData(), -1);
-    EXPECT_EQ(event->GetLastRev(), 0u);
-    event->SetEventData(7);
-    event->RevStamp(3, /*copyData=*/FALSE);
-    EXPECT_EQ(event->GetLastRev(), 3u);
-    EXPECT_EQ(event->GetLastData(), -1);
-    event->RevStamp(4, /*copyData=*/TRUE);
-    EXPECT_EQ(event->GetLastRev(), 4u);
-    EXPECT_EQ(event->GetLastData(), 7);
-    event->SetEventData(-1);
-}
+/// Handles by letters: auto-reset events a, b, c and a manual-reset one, m; files f, g; a semaphore s, a mutex u, a
+/// timer w; a running thread t; none (- and x).
+class WaitForSeveral : public testing::Test {
+  protected:
+    ~WaitForSeveral() override { SetEvent(stop.get()); }
 
-TEST(EventSection, IsRecursiveAndKeepsOthersOut) {
-    std::atomic<bool> entered = false;
-    Event::Lock();
-    Event::Lock();
-    Worker other{[&] {
-        Event::Lock();
-        entered = true;
-        Event::Unlock();
-    }};
-    EXPECT_TRUE(other.fallsAsleep());
-    Event::Unlock();
-    EXPECT_FALSE(entered);
+    const OwnedHandle& at(char letter) const {
+        return owned[static_cast<size_t>(strchr(kLetters, letter) - kLetters)];
+    }
+    std::vector<Handle*> these(const std::string& letters) const {
+        std::vector<Handle*> handles;
+        for (const char letter : letters)
+            handles.push_back(letter == '-'   ? nullptr
+                              : letter == 'x' ? INVALID_HANDLE_VALUE
+                                              : at(letter).get());
+        return handles;
+    }
+    void signal(const std::string& letters) const {
+        for (const char letter : letters)
+            EXPECT_EQ(letter == 's'               ? ReleaseSemaphore(at('s').get(), 1, nullptr)
+                      : letter == 't'             ? SetEvent(stop.get())
+                      : strchr("fg", letter) != 0 ? at(letter)->Signal()
+                                                  : SetEvent(at(letter).get()),
+                      1);
+    }
+    DWORD wait(const char* letters, char anyOrAll, DWORD timeout, BOOL alertable = FALSE) const {
+        return (anyOrAll == '|' ? waitForAny : waitForAll)(these(letters), timeout, alertable);
+    }
+    /// The events that are set, which resets them; and that nobody but this test holds them.
+    std::string eventsLeft() const {
+        std::string left;
+        for (const char letter : {'a', 'b', 'c', 'm'}) {
+            if (isSet(at(letter))) left += letter;
+            ResetEvent(at(letter).get());
+            EXPECT_EQ(at(letter)->GetRefCount(), 1) << letter;
+        }
+        return left;
+    }
 
-    const auto event = makeEvent(Kind::Auto);  // the library's own work goes on inside
-    SetEvent(event.get());
-    EXPECT_EQ(WaitForSingleObject(event.get(), kBound), WAIT_OBJECT_0);
-    Event::Unlock();
-    other.join();
-    EXPECT_TRUE(entered);
-}
+    static constexpr const char* kLetters = "abcmfgsuwt";
+    OwnedHandle stop = makeEvent(Kind::Manual);
+    const OwnedHandle owned[10] = {makeEvent(),         makeEvent(),
+                                   makeEvent(),         makeEvent(Kind::Manual),
+                                   makeFile(),          makeFile(),
+                                   makeSemaphore(0, 9), makeMutex(),
+                                   makeTimer(),         createThread([this] { waitFor(stop, INFINITE); })};
+};
 
-TEST(Wait, LeavesErrnoAlone) {
-    const auto set = makeEvent(Kind::Manual, Initially::Set);
-    const auto unset = makeEvent(Kind::Auto);
+TEST_F(WaitForSeveral, FindsWhatIsSignalledAlready) {
     const struct {
-        const char* name;
-        std::function<void()> wait;
+        const char *handles, *signalled;
+        char anyOrAll;
+        std::vector<DWORD> timeouts;
+        DWORD result;
+        const char* left;
     } cases[] = {
-        {"test", [&] { WaitForSingleObject(unset.get(), 0); }},
-        {"time-out", [&] { WaitForSingleObject(unset.get(), 5); }},
-        {"alertable time-out", [&] { WaitForSingleObjectEx(unset.get(), 5, TRUE); }},
-        {"signalled", [&] { WaitForSingleObject(set.get(), 5); }},
-        {"no handle", [&] { WaitForSingleObject(nullptr, 5); }},
-        {"several",
-         [&] {
-             std::array<Handle*, 2> none{unset.get(), nullptr};
-             WaitForMultipleObjectsEx(2, none.data(), FALSE, 5, TRUE);
-         }},
-        {"sleep", [] { SleepEx(5, FALSE); }},
-        {"alertable sleep", [] { SleepEx(5, TRUE); }},
+        {"abc", "bc", '|', {0, kBound, INFINITE}, 1, "c"},  // the first, which alone is consumed
+        {"am", "m", '|', {0, kBound}, 1, "m"},
+        {"baa", "a", '|', {0, kBound}, 1, ""},
+        {"abm", "abm", '&', {0, kBound}, 0, "abm"},  // all, of which none is consumed
+        {"ab", "a", '&', {0, 20}, WAIT_TIMEOUT, "a"},
+        {"a-", "a", '&', {0}, WAIT_TIMEOUT, "a"},
+        {"ab", "c", '|', {0, 20}, WAIT_TIMEOUT, "c"},
+        {"-x", "", '|', {INFINITE}, WAIT_FAILED, ""},
+        {"", "", '|', {INFINITE}, WAIT_FAILED, ""},
+        {"fab",
+         "a",
+         '|',
+         {0, kBound},
+         1,
+         "a"},  // of several kinds: an event keeps its signal, a file does not
+        {"fab", "a", '&', {0, kBound}, 1, "a"},
+        {"af", "f", '|', {0, kBound}, 1, ""},
+        {"af", "", '|', {0, 5}, WAIT_TIMEOUT, ""},
+        {"sua", "s", '|', {0, 20}, WAIT_TIMEOUT, ""},  // whose signals a wait for several never sees
+        {"wa", "", '|', {20}, WAIT_TIMEOUT, ""},
+        {"fg", "", '&', {INFINITE}, 0, ""},  // of one of these kinds: at once
+        {"ss", "", '&', {INFINITE}, 0, ""},
+        {"uu", "", '|', {INFINITE}, 0, ""},
+        {"ww", "", '&', {INFINITE}, 0, ""},
     };
     for (const auto& c : cases) {
-        errno = 12345;
-        c.wait();
-        EXPECT_EQ(errno, 12345) << c.name;
+        for (const DWORD timeout : c.timeouts) {
+            SCOPED_TRACE(testing::Message()
+                         << c.handles << " with " << c.signalled << ", " << timeout << " ms");
+            signal(c.signalled);
+            EXPECT_EQ(wait(c.handles, c.anyOrAll, timeout), c.result);
+            EXPECT_EQ(eventsLeft(), c.left);
+        }
+    }
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(waitFor(at('s'), 0), WAIT_OBJECT_0) << "nothing was taken";
+    EXPECT_EQ(waitFor(at('f'), INFINITE) + waitFor(at('w'), INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForMultipleObjectsEx(1, nullptr, FALSE, 0, FALSE), WAIT_FAILED);
+    EXPECT_EQ(at('g')->Signal() + at('g')->Reset(), 0) << "nobody ever asked for its event";
+    EXPECT_EQ(at('f')->Signal() + at('f')->Reset(), 2);
+    EXPECT_EQ(wait("af", '|', 0), WAIT_TIMEOUT);
+    const std::string most = "f" + std::string(MAXIMUM_WAIT_OBJECTS - 2, 'a') + "b";
+    signal("b");
+    EXPECT_EQ(wait(most.c_str(), '|', 0), MAXIMUM_WAIT_OBJECTS - 1);
+    EXPECT_EQ(wait((most + "-").c_str(), '|', 0), WAIT_FAILED);
+    CapturedStderr errors;
+    EXPECT_EQ(wait("tt", '|', INFINITE), WAIT_FAILED);
+    EXPECT_EQ(errors.text(), "Thread::WaitForMultiple: called without an event!\n");
+}
+
+TEST_F(WaitForSeveral, EndsWithTheFirstSignalWhenItHasToBlock) {
+    const struct {
+        const char *handles, *before, *then;
+        char anyOrAll;
+        DWORD result;
+        const char* left;
+    } cases
+        [] =
+            {
+                {"a-bxm", "", "a", '|', 0, ""},   {"a-bxm", "", "b", '|', 2, ""},
+                {"a-bxm", "", "m", '|', 4, "m"},  {"baa", "", "a", '|', 1, ""},
+                {"abcm", "a", "am", '&', 3, "m"},  // a has its signal; the auto-reset ones are all reset
+                {"t-af", "", "f", '|', 3, ""},    {"t-af", "", "a", '&', 2, ""},
+                {"suab", "s", "sb", '|', 3, ""},  {"t-af", "", "t", '|', 0, ""},
+                {"t-af", "", "", '|', 0, ""},  // ended for ever
+            };
+    for (const auto& c : cases) {
+        for (const DWORD timeout : {kBound, INFINITE}) {
+            SCOPED_TRACE(testing::Message() << c.handles << ", " << c.then << ", " << timeout << " ms");
+            signal(c.before);
+            DWORD result = WAIT_FAILED;
+            Worker waiter{[&] { result = wait(c.handles, c.anyOrAll, timeout, c.result % 2); }};
+            EXPECT_TRUE((c.result == 0 && c.handles[0] == 't') || waiter.fallsAsleep());
+            signal(c.then);
+            waiter.join();
+            EXPECT_EQ(result, c.result);
+            EXPECT_EQ(eventsLeft(), c.left);
+        }
     }
 }
 
