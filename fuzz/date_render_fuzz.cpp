@@ -64,7 +64,8 @@ void checkRoundTrip(LONG day, int second) {
             const DateLexicon lexicon = info;
             const std::string text = rendered(value, info, 0);
             double again = 1e300;
-            require(parseDate(text.c_str(), lexicon, 0, &again) == S_OK, "what is rendered can be read", text);
+            require(parseDate(text.c_str(), lexicon, 0, &again) == S_OK, "what is rendered can be read",
+                    text);
             if (isUnambiguous(day)) require(again == value, "and is the same", text);
             const std::string time = rendered(value, info, VAR_TIMEVALUEONLY);
             if (day < kLastDay)
