@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "locale/calendar.h"
 #include "locale/date_info.h"
@@ -53,25 +54,35 @@ std::string rendered(double value, const tagDATEINFO& info, DWORD flags) {
     return text.get();
 }
 
-void checkRoundTrip(LONG day, int second) {
-    const double value = valueOf(day, fractionOf(second));
+/// In each order, with either clock, hours with and without a leading zero.
+std::vector<tagDATEINFO> conventions() {
+    std::vector<tagDATEINFO> all;
     for (const int order : {DATE_ORDER_MDY, DATE_ORDER_DMY, DATE_ORDER_YMD}) {
         for (const BOOL twelveHours : {FALSE, TRUE}) {
-            tagDATEINFO info = defDateInfo;
-            info.dateOrder = order;
-            info.twelveHourClock = twelveHours;
-            info.hourLeadingZero = second % 2;
-            const DateLexicon lexicon = info;
-            const std::string text = rendered(value, info, 0);
-            double again = 1e300;
-            require(parseDate(text.c_str(), lexicon, 0, &again) == S_OK, "what is rendered can be read",
-                    text);
-            if (isUnambiguous(day)) require(again == value, "and is the same", text);
-            const std::string time = rendered(value, info, VAR_TIMEVALUEONLY);
-            if (day < kLastDay)
-                require(parseDate(time.c_str(), lexicon, 0, &again) == S_OK && again == fractionOf(second),
-                        "the time alone, too", time);
+            for (const BOOL leadingZero : {FALSE, TRUE}) {
+                tagDATEINFO& info = all.emplace_back(defDateInfo);
+                info.dateOrder = order;
+                info.twelveHourClock = twelveHours;
+                info.hourLeadingZero = leadingZero;
+            }
         }
+    }
+    return all;
+}
+
+void checkRoundTrip(LONG day, int second) {
+    static const std::vector<tagDATEINFO> kConventions = conventions();
+    static const std::vector<DateLexicon> kLexicons(kConventions.begin(), kConventions.end());
+    const double value = valueOf(day, fractionOf(second));
+    for (const DateLexicon& lexicon : kLexicons) {
+        const std::string text = rendered(value, lexicon.info(), 0);
+        double again = 1e300;
+        require(parseDate(text.c_str(), lexicon, 0, &again) == S_OK, "what is rendered can be read", text);
+        if (isUnambiguous(day)) require(again == value, "and is the same", text);
+        const std::string time = rendered(value, lexicon.info(), VAR_TIMEVALUEONLY);
+        if (day < kLastDay)
+            require(parseDate(time.c_str(), lexicon, 0, &again) == S_OK && again == fractionOf(second),
+                    "the time alone, too", time);
     }
 }
 
