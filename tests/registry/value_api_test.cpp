@@ -103,8 +103,8 @@ TEST_F(ValueApi, ResultsOfTheOtherCalls) {
     });
     // clang-format on
     // Names ignore case, and the last spelling stays.
-    const std::string upper = "A Name That Is Far Too Long To Be Kept In Place";
-    const std::string lower = "a name that is far too long to be kept in place";
+    const std::string upper = "A Name From A To Z That Is Too Long To Be Kept In Place";
+    const std::string lower = "a name from a to z that is too long to be kept in place";
     for (const char* gone : {"other", "null", "nulls", "no texts"}) EXPECT_EQ(RegDeleteValue(key, gone), 0);
     for (const auto& [spelt, text] : {std::pair{upper, "1"}, {upper, "2"}, {lower, "3"}, {lower, "4"}}) {
         EXPECT_EQ(setText(key, spelt, text), 0);

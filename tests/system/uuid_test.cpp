@@ -29,11 +29,11 @@ TEST(Uuid, IsMadeOfTheTimeAndTheHostAndWaitsASecondForAnotherMicrosecond) {
     const auto host = static_cast<std::uint32_t>(::gethostid());
     if (host == 0) GTEST_SKIP() << "this machine has no host identifier";
     FakeTime time;
-    time.stopAt(0x6543ABCD, 123'456'000);
+    time.stopAt(0x6543EBCD, 123'456'000);
     ASSERT_EQ(UuidCreate(&first), 0);
     time.stopAt(0x16543FFFF, 999'999'000);
     ASSERT_EQ(CoCreateGuid(&second), 0);
-    _GUID expected{123456, 0xABCD, 0x1543, {0x80 | (0xAB & 0x3F), 0xCD}};
+    _GUID expected{123456, 0xEBCD, 0x1543, {0x80 | (0xEB & 0x3F), 0xCD}};
     std::memcpy(&expected.Data4[2], &host, sizeof host);
     EXPECT_EQ(textOf(first), textOf(expected));
     expected.Data1 = 999999;
