@@ -5,19 +5,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <initializer_list>
+#include <filesystem>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "support/private_machine.h"
 #include "support/role.h"
 #include "support/temp_dir.h"
 
 namespace traiklofox::test {
 
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
 using Words = std::vector<std::string>;
 
 /// How a run ended, and what it said.
@@ -34,24 +36,23 @@ inline Outcome done(std::string_view output = "") {
     return {ExitStatus::exited(0), std::string{output}, ""};
 }
 
+struct Surroundings {
+    bool unprivileged = false;    // the same user, without what root may do beyond others
+    bool terminal = false;        // standard error is a terminal
+    std::string outputFile = {};  // standard output goes there
+};
+
 /// One run of the program.
 class Kzreg {
   public:
-    struct Surroundings {
-        bool unprivileged = false;    // the same user, without what root may do beyond others
-        bool terminal = false;        // standard error is a terminal
-        std::string outputFile = {};  // standard output goes there
-    };
-
-    explicit Kzreg(const Words& arguments, const Surroundings& surroundings);
-    explicit Kzreg(const Words& arguments) : Kzreg(arguments, Surroundings{}) {}
+    explicit Kzreg(Words words, const Surroundings& surroundings = {});
     Kzreg(const Kzreg&) = delete;
     Kzreg& operator=(const Kzreg&) = delete;
     /// Kills the process if it still runs.
     ~Kzreg();
 
     void kill(int signal);
-    /// The next line on standard output, or on standard error; nothing at its end or after `kPeerTimeout`.
+    /// The next line on standard output, or on standard error; nothing after `kPeerTimeout`.
     std::optional<std::string> outputLine() { return line(output_); }
     std::optional<std::string> errorLine() { return line(errors_); }
     /// Waits for the end. The lines that were taken before are not in the outcome.
@@ -61,30 +62,31 @@ class Kzreg {
     struct Stream {
         int fd = -1;
         std::string unread;
+        void readMore();
     };
-
     std::optional<std::string> line(Stream& stream);
-    /// Reads what there is of both streams; false at the end of both or at the deadline.
-    bool readMore(std::chrono::steady_clock::time_point deadline);
+    bool ends();
 
     pid_t pid_ = -1;
     std::optional<ExitStatus> status_;
-    Stream output_;
-    Stream errors_;
+    Stream output_, errors_;
 };
 
 /// Runs the program to its end.
-Outcome kzreg(const Words& arguments, const Kzreg::Surroundings& surroundings = {});
+inline Outcome kzreg(const Words& words, const Surroundings& surroundings = {}) {
+    return Kzreg(words, surroundings).finish();
+}
 
 /// An installation that TWHOME names, with a template and no registry file yet.
 class KzregTest : public ::testing::Test {
   protected:
     void SetUp() override;
+    /// Another one, fresh, in its place.
+    void installAnew();
 
     static constexpr const char* kExample = "hkey_local_machine\\software\\example";
 
-    std::string home() const { return home_->path(); }
-    std::string directory() const { return home() + "/registry"; }
+    std::string directory() const { return home_->path() + "/registry"; }
     std::string registry() const { return directory() + "/tw.registry"; }
     std::string templateFile() const { return registry() + ".template"; }
     /// A file beside the installation.
@@ -95,11 +97,10 @@ class KzregTest : public ::testing::Test {
     /// Adds one value and expects that to succeed, by which the registry file comes into being as well.
     static void add(const std::string& key, const std::string& name, const std::string& data);
     /// What is in the registry's directory besides the file and the template.
-    std::vector<std::string> otherFiles() const;
+    std::string otherFiles() const;
 
   private:
-    std::optional<TempDir> home_;
-    std::optional<TempDir> elsewhere_;
+    std::optional<TempDir> home_, elsewhere_;
 };
 
 /// The text without the numbers of its keys, which differ from run to run.

@@ -1,32 +1,47 @@
-// What kzreg says of itself, and to those who call it wrongly.
+// What kzreg says of itself, to those who call it wrongly, and where it cannot use the registry: it finds that out
+// before the registry does, which would end the process.
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
 
 #include "kzreg/kzreg_fixture.h"
 
 namespace traiklofox::test {
 namespace {
 
-using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
-class KzregUsage : public KzregTest {};
+class KzregUsage : public KzregTest {
+  protected:
+    Words commandsThatNeedTheRegistry(size_t which) const {
+        const Words commands[] = {{"query", "HKLM"},
+                                  {"add", "software\\a"},
+                                  {"delete", "software\\a"},
+                                  {"export", file("out")},
+                                  {"import", fileWith("hkey_local_machine\\a:1\n")},
+                                  {"backup"},
+                                  {"watch", "HKLM"},
+                                  {"status"}};
+        return commands[which];
+    }
+};
 
 TEST_F(KzregUsage, HelpNeedsNoRegistry) {
     ::setenv("TWHOME", "/nowhere", /*overwrite=*/1);
+    const std::string help = kzreg({"--help"}).output;
     for (const char* name :
          {"query", "add", "delete", "export", "import", "backup", "status", "watch", "check"}) {
-        const Outcome help = kzreg({name, "--help"});
-        EXPECT_EQ(help.status, ExitStatus::exited(0)) << name;
-        EXPECT_THAT(help.output, StartsWith(std::string("kzreg ") + name)) << name;
-        EXPECT_EQ(help.errors, "") << name;
-        EXPECT_THAT(kzreg({"--help"}).output, HasSubstr(std::string("  kzreg ") + name + " ")) << name;
+        const Outcome own = kzreg({name, "--help"});
+        EXPECT_EQ(own, done(own.output)) << name;
+        EXPECT_THAT(own.output, StartsWith(std::string("kzreg ") + name)) << name;
+        EXPECT_THAT(help, HasSubstr(std::string("  kzreg ") + name + " ")) << name;
     }
-}
-
-TEST_F(KzregUsage, WithoutACommandItShowsItsHelpAsAnError) {
-    const Outcome outcome = kzreg({});
-    EXPECT_EQ(outcome.status, ExitStatus::exited(2));
-    EXPECT_EQ(outcome.output, "");
-    EXPECT_EQ(outcome.errors, kzreg({"--help"}).output);
+    EXPECT_EQ(kzreg({}), (Outcome{ExitStatus::exited(2), "", help}));
 }
 
 TEST_F(KzregUsage, AWrongCommandLineIsRefusedBeforeTheRegistryIsTouched) {
@@ -60,21 +75,97 @@ TEST_F(KzregUsage, AWrongCommandLineIsRefusedBeforeTheRegistryIsTouched) {
                     Fails(2, "32-bit number"))
             << number;
     EXPECT_EQ(kzreg({"check", templateFile()}), done());
-    EXPECT_THAT(otherFiles(), ::testing::IsEmpty());
-    EXPECT_THROW(registryText(), std::system_error) << "the registry was started";
-}
+    EXPECT_FALSE(fs::exists(registry())) << "the registry was started";
 
-TEST_F(KzregUsage, OptionsMayStandAnywhereAndEndAtTwoDashes) {
     add("software\\example", "-v", "-d");
-    EXPECT_EQ(kzreg({"query", "-v", "-v", "--", "software\\example"}).output,
-              std::string(kExample) + "\n    -v    REG_SZ    -d\n");
+    EXPECT_EQ(kzreg({"query", "-v", "-v", "--", "software\\example"}),
+              done(std::string(kExample) + "\n    -v    REG_SZ    -d\n"));
     EXPECT_THAT(kzreg({"query", "--", "-v"}), Fails(1, "there is no key hkey_local_machine\\-v"));
-}
-
-TEST_F(KzregUsage, AnOutputThatCannotBeWrittenIsAFailure) {
     EXPECT_THAT(kzreg({"query", "HKLM", "-s"}, {.outputFile = "/dev/full"}),
                 Fails(1, "No space left on device"));
     EXPECT_THAT(kzreg({"export", "/dev/full"}), Fails(1, "No space left on device"));
+}
+
+TEST_F(KzregUsage, WithoutAUsableRegistryEveryCommandSaysWhyAndTheRegistryNothing) {
+    const auto deny = [this](const std::string& path, mode_t mode) {
+        add("software\\example", "v", "1");
+        ::chmod(path.c_str(), mode);
+    };
+    constexpr const char* kLockFile = "/usr/lib/tarnwell/twml_data.dat";
+    struct Case {
+        std::function<void()> spoil;
+        std::function<std::string()> said;
+        bool unprivileged = false;
+    };
+    const Case cases[] = {
+        {[] { ::setenv("TWHOME", "/nowhere", /*overwrite=*/1); },
+         [] { return "/nowhere/registry/ is no directory; TWHOME is \"/nowhere\""; }},
+        {[] { ::unsetenv("TWHOME"); },
+         [] { return "TWHOME is not set, so /usr/lib/tarnwell/../ was looked in"; }},
+        {[&] { fs::remove(templateFile()); },
+         [&] { return "the template " + templateFile() + ": No such file or directory; install it again"; }},
+        {[&] { writeText(templateFile(), ""); },
+         [&] { return "is empty, and " + registry() + " is missing"; }},
+        {[&] { writeText(registry(), ""); },
+         [&] { return registry() + " is empty: restore it from " + registry() + ".bak"; }},
+        {[&] { fs::create_directory(registry()); }, [&] { return registry() + " is no regular file"; }},
+        {[&] { deny(registry(), 0); },
+         [&] { return registry() + " may not be read and written: run kzreg as root or as user "; }, true},
+        {[&] { deny(directory(), 0555); },
+         [&] { return directory() + "/ may not be written: run kzreg as root or as user "; }, true},
+        {[&] { deny(directory(), 0); }, [&] { return directory(); }, true},
+        {[&] {
+             fs::remove_all(kLockFile);
+             writeText(kLockFile, "");
+             ASSERT_NE(::semget(::ftok(kLockFile, 1), 1, IPC_CREAT | IPC_EXCL | 0), -1);
+         },
+         [] { return "the registry's semaphore belongs to somebody else"; }, true},
+    };
+    for (const Case& c : cases) {
+        installAnew();
+        c.spoil();
+        for (size_t which = 0; which < 8; ++which) {
+            const Words words = commandsThatNeedTheRegistry(which);
+            const Outcome outcome = kzreg(words, {.unprivileged = c.unprivileged});
+            EXPECT_THAT(outcome, Fails(2, c.said())) << words[0] << outcome;
+            EXPECT_THAT(outcome.errors, Not(HasSubstr("InitRegistry"))) << words[0];
+            EXPECT_EQ(outcome.errors.find('\n') + 1, outcome.errors.size()) << outcome.errors;
+        }
+        EXPECT_FALSE(fs::exists(file("out")));
+        EXPECT_EQ(kzreg({"check", file("written")}, {.unprivileged = c.unprivileged}), done())
+            << "needs no registry";
+        ::chmod(directory().c_str(), 0755);
+    }
+}
+
+TEST_F(KzregUsage, ARegistryThatIsNotReadWholeIsNotUsedAsIfItWere) {
+    writeText(registry(),
+              readText(templateFile()) + std::string(5000, 'x') + "\nhkey_local_machine\\behind:7\n");
+    const std::string before = registryText();
+    for (size_t which = 0; which < 7; ++which)
+        EXPECT_THAT(
+            kzreg(commandsThatNeedTheRegistry(which)),
+            Fails(2, registry() + ":5: longer than 4095 characters; nothing from here on is read; mend that"))
+            << which;
+    EXPECT_EQ(registryText(), before);
+    EXPECT_THAT(kzreg({"status"}).output,
+                HasSubstr("defects:       1; kzreg check '" + registry() + "' lists them"));
+    writeText(registry(), "# nothing\n");
+    for (const Words& words : {Words{"query", "HKLM"}, {"add", "software"}, {"watch", "HKLM"}})
+        EXPECT_THAT(kzreg(words), Fails(2, "the registry holds no key: restore " + registry())) << words[0];
+}
+
+TEST_F(KzregUsage, FilesThatMayNotBeReadOrWrittenAreNamed) {
+    const std::string hidden = fileWith("hkey_local_machine\\a:1\n"), closed = file("closed/out");
+    writeText(closed, "old");
+    ::chmod(hidden.c_str(), 0);
+    ::chmod(file("closed").c_str(), 0555);
+    const Surroundings user{.unprivileged = true};
+    for (const char* command : {"check", "import"})
+        EXPECT_THAT(kzreg({command, hidden}, user), Fails(1, hidden + ": Permission denied"));
+    EXPECT_THAT(kzreg({"export", closed}, user),
+                Fails(1, "cannot write " + closed + ": Permission denied; it is as it was"));
+    EXPECT_EQ(readText(closed), "old");
 }
 
 }  // namespace
