@@ -139,7 +139,7 @@ TEST(Spawn, FailedStartReportsWhyAndLeavesNothing) {
         {"  ", EINVAL},
         {"/bin/true 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16", E2BIG},
         {"/no/program", ENOENT},
-        {"/no/program", ENOENT, self.get()},  // whose start has a memory of its own
+        {"/etc/passwd", EACCES, self.get()},  // whose start has a memory of its own
         {"/etc/passwd", EACCES},
         {"/bin/true", ENOENT, nullptr, "/no/directory"},
         {"/bin/true", EINVAL, INVALID_HANDLE_VALUE},
