@@ -192,7 +192,7 @@ Measurement parseOf(const Typed& typed) {
             .body = [&](benchmark::State& state) { parse(state, typed); },
             .floor = "strptime with the known format",
             .floorBody = [&](benchmark::State& state) { parseWithFormat(state, typed); },
-            .aim = 1};
+            .aimNanoseconds = 100};
 }
 
 Measurement renderOf(const Typed& typed) {
@@ -200,7 +200,7 @@ Measurement renderOf(const Typed& typed) {
             .body = [&](benchmark::State& state) { render(state, typed); },
             .floor = "strftime with such a format",
             .floorBody = [&](benchmark::State& state) { renderWithFormat(state, typed); },
-            .aim = 1};
+            .aimNanoseconds = 60};
 }
 
 const Comparison kParseDate{parseOf(kTyped[0])};
@@ -220,14 +220,14 @@ const Comparison kUnpack{{
     .body = unpack,
     .floor = "gmtime_r",
     .floorBody = splitUnixTime,
-    .aim = 1,
+    .aimNanoseconds = 15,
 }};
 const Comparison kPack{{
     .operation = "pack a date",
     .body = pack,
     .floor = "timegm",
     .floorBody = joinUnixTime,
-    .aim = 1,
+    .aimNanoseconds = 15,
 }};
 const Comparison kStart{{
     .operation = "initLocaleInfo with 29 of its locales present",

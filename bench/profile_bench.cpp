@@ -131,6 +131,7 @@ const Comparison kCached{{
     .body = readCached,
     .floor = "unordered_map look-up + copy",
     .floorBody = lookUpAndCopy,
+    .aimNanoseconds = 300,
 }};
 
 const Comparison kUncached{{
