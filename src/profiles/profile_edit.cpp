@@ -144,7 +144,7 @@ void EditedText::setKey(Section& section, const ProfileEdit& edit) {
         Line& line = lines_[found->second.front()];
         const auto place = static_cast<size_t>(line.value.data() - line.raw.data());
         line.raw = own(std::string(line.raw).replace(place, line.value.size(), edit.value));
-        line.value = line.raw.substr(place, edit.value.size());
+        line.value = lineAt(line.raw, /*begin=*/0, FirstLine::No).value;  // an empty one has another place
         return;
     }
     section.lastContent = addBehind(section.lastContent, edit.key + "=" + edit.value);
