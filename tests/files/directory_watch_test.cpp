@@ -377,7 +377,7 @@ TEST(WatchStress, AFileIsReportedOnceWhateverElseIsOpenedReadAndClosed) {
     EXPECT_EQ(steady->GetRefCount(), 3) << "the caller's, the scanner's and the port's";
 }
 
-#if !defined(__SANITIZE_ADDRESS__)  // whose own locks a fork may find taken
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose own locks a fork may find taken
 
 /// In the child of a fork: its own handles work, whatever the scanner was doing.
 int watchInChild(const std::string& path) {

@@ -127,7 +127,7 @@ TEST(ProcessWait, HasNoDeadlineEndsForQueuedCallsAndLeavesTheProcessWhenCancelle
     Child child;
     Workers waiters;
     for (const DWORD timeout : {DWORD{0}, DWORD{1}})
-        waiters.add(1, [&](int) { EXPECT_EQ(waitFor(child.handle, timeout), WAIT_OBJECT_0); });
+        waiters.add(1, [&, timeout](int) { EXPECT_EQ(waitFor(child.handle, timeout), WAIT_OBJECT_0); });
     Worker alertable{[&] {
         while (waitForAll({child.handle.get()}, INFINITE, TRUE) == WAIT_IO_COMPLETION) continue;
     }};
