@@ -90,8 +90,8 @@ DWORD act(RWLock& lock, char operation) {
 
 /// Plays one script. A step is an actor's letter, what it does, and what comes of it: it gets what it asks for (+), is
 /// refused (-), runs out of time (x), or has to wait (~). "A." says that what A waits for comes now, "Ax" that its
-/// time runs out, "A~" that it still waits; "A!" cancels it there, "A?" does and it may have got in before, "A=" says that it is
-/// through.
+/// time runs out, "A~" that it still waits; "A!" cancels it there, "A?" does and it may have got in before, "A="
+/// says that it is through.
 void play(RWLock& lock, std::string_view script) {
     std::array<Actor, 6> actors;
     DWORD waiting = 0;
