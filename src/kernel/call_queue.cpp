@@ -26,7 +26,8 @@ CallQueue::Push CallQueue::push(const QueuedCall& call, bool byItself) {
         return {Wake::Sleeper, sleepsAt_};
     }
     if (futexSleep_.exchange(0, std::memory_order_relaxed) == 1) return {Wake::Futex};
-    return {idle_ ? Wake::Signal : Wake::Nothing};
+    // One that is on its way arrives after this call has been queued, and so ends what it would end.
+    return {idle_ && !signalled_.exchange(true, std::memory_order_acq_rel) ? Wake::Signal : Wake::Nothing};
 }
 
 void CallQueue::endSleep(const Push& pushed) {

@@ -48,6 +48,11 @@ class CallQueue {
     /// Ends the sleep that `push` reported as Sleeper or Futex, and drops the reference.
     void endSleep(const Push& pushed);
 
+    /// The signal that `push` asked for has arrived (in its handler), or could not be sent. While one is on its way none
+    /// is asked for: the kernel would queue each of them, and has room for so many for all processes of a user, on which
+    /// other things depend; a `pthread_cancel` that finds no room leaves its thread hanging.
+    void signalArrived() { signalled_.store(false, std::memory_order_release); }
+
     /// Takes the oldest call of those that were waiting at the first look, which `first` says that this is, and of
     /// those that the thread has queued to itself since: so that other threads cannot keep it running calls for ever.
     /// A queue found empty at the first look marks the thread idle.
@@ -83,6 +88,7 @@ class CallQueue {
     size_t due_ TRAIKLOFOX_GUARDED_BY(lock_) = 0;  // of the calls, for `pop`
     bool idle_ TRAIKLOFOX_GUARDED_BY(lock_) = false;
     SleepPlace sleepsAt_ TRAIKLOFOX_GUARDED_BY(lock_);
+    std::atomic<bool> signalled_{false};
     Parker parker_;
     std::atomic<std::int32_t> futexSleep_{
         0};  // 1 while the thread sleeps in sleepFor; changed under the lock

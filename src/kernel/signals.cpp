@@ -4,9 +4,13 @@
 
 #include <cerrno>
 
+#include "kernel/thread_life.h"
+
 namespace {
 
-extern "C" void UserAPCHandler(int) {}
+extern "C" void UserAPCHandler(int) {
+    traiklofox::kernel::ThreadLife::noteCallSignal();
+}
 
 extern "C" void SuspendHandler(int) {
     const int savedErrno = errno;

@@ -146,7 +146,8 @@ void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
     const CallQueue::Push pushed = calls->push({function, a, b, c}, ThreadLife::isCurrent(*this));
     if (pushed.wake == CallQueue::Wake::Signal) {
         const StateGuard guard(*this);
-        if (state != THREAD_FINISHED) (void)pthread_kill(tid, traiklofox::kernel::callSignal());
+        if (state != THREAD_FINISHED && pthread_kill(tid, traiklofox::kernel::callSignal()) != 0)
+            calls->signalArrived();
     }
     calls->endSleep(pushed);
 }

@@ -42,6 +42,10 @@ bool ThreadLife::isCurrent(const Thread& thread) {
     return ownThread() == &thread;
 }
 
+void ThreadLife::noteCallSignal() {
+    if (const Thread* own = ownThread()) own->calls->signalArrived();
+}
+
 void ThreadLife::lockOwnForFork() {
     if (const Thread* own = ownThread()) own->calls->lockForFork();
 }
@@ -56,6 +60,7 @@ void ThreadLife::unlockOwnInChild() {
     Thread* own = ownThread();
     if (own == nullptr) return;
     own->lock = PTHREAD_MUTEX_INITIALIZER;
+    own->calls->signalArrived();  // what is on its way to the parent does not come here
     own->calls->unlockAfterFork();
 }
 

@@ -14,6 +14,9 @@ class ThreadLife {
     static bool isCurrent(const Thread& thread);
     static CallQueue& callsOf(Thread& thread) { return *thread.calls; }
 
+    /// In the handler of the signal that interrupts a thread which has calls to run.
+    static void noteCallSignal();
+
     /// Around a fork: the child finds its thread's own handle, if there is one, whole and free, whatever other
     /// threads were doing to it.
     static void lockOwnForFork();

@@ -272,6 +272,26 @@ TEST(AsyncCall, InterruptsABlockingCallOfAThreadThatFoundItsQueueEmptyAndOfNoOth
     read([] {}, false);
 }
 
+// The kernel queues each such signal, for all processes of a user only so many.
+TEST(AsyncCall, SendsAThreadThatTakesNoSignalsNoMoreThanOne) {
+    sigset_t calls;
+    sigemptyset(&calls);
+    sigaddset(&calls, SIGRTMIN);
+    pthread_sigmask(SIG_BLOCK, &calls, nullptr);
+    UserAPCCheck();  // which finds nothing, so that the thread counts as idle
+    Handle* const self = GetCurrentThread();
+    static int ran = 0;
+    std::thread([self] {
+        for (int i = 0; i < 100; ++i) QueueUserAPC([](void*, void*, void*) { ++ran; }, self, 0);
+    }).join();
+    const timespec atOnce{};
+    int signals = 0;
+    while (sigtimedwait(&calls, nullptr, &atOnce) == SIGRTMIN) ++signals;
+    EXPECT_EQ(signals, 1);
+    EXPECT_EQ(UserAPCCheck(), 1);
+    EXPECT_EQ(ran, 100);
+}
+
 TEST(AsyncCall, QueuedWhileTheThreadForksLeavesTheChildItsQueue) {
     Handle* self = GetCurrentThread();
     std::atomic<bool> stop = false;
