@@ -5,6 +5,7 @@
 #include <traiklofox/handle.h>
 #include <traiklofox/thread_safety.h>
 
+#include <atomic>
 #include <memory>
 
 class MultiEvent;
@@ -64,7 +65,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
     void SetTid(ULONG_PTR newTid);
 
     /// Scheduling priority and its change, as `GetThreadPriority` and `SetThreadPriority` return them; ESRCH
-    /// for a thread that has ended.
+    /// for a thread that has ended or has yet to be created.
     int GetPriority() const;
     int SetPriority(int priority);
 
@@ -72,14 +73,18 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
     friend class traiklofox::kernel::ThreadLife;
 
     class StateGuard;
+    class IdUse;
     void lockSelf() const TRAIKLOFOX_ACQUIRE();
     void unlockSelf() const TRAIKLOFOX_RELEASE();
+    bool interrupt(int signalNumber) const TRAIKLOFOX_REQUIRES(this);
 
     pthread_t tid TRAIKLOFOX_GUARDED_BY(this);
     ThreadState_t state TRAIKLOFOX_GUARDED_BY(this);
     mutable pthread_mutex_t
         lock;  // the thread's exit takes it too, so that no signal goes to an id that is gone
     LONG suspendCount TRAIKLOFOX_GUARDED_BY(this);
+    mutable std::atomic<int>
+        idUses;  // calls that use the id without the lock; the thread's exit waits for them
     const std::unique_ptr<traiklofox::kernel::CallQueue> calls;
 };
 

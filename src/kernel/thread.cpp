@@ -3,7 +3,8 @@
 //
 // The state lock is what a thread's exit takes to give its id up: who holds it and finds an id may use it.
 // Whoever resumes a thread needs it. So a thread cannot be suspended while it holds its own, and nobody waits for
-// anything under it: a suspended thread may have its call queue or the heap locked.
+// anything under it: a suspended thread may have its call queue, the heap or libc's record of it locked. Calls of libc
+// that may wait for the thread use its id without the lock, and its exit waits for them.
 
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
@@ -41,12 +42,38 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
     const Thread& thread_;
 };
 
+/// Keeps the id of a running thread valid for a scope that does not hold the state lock. The user cannot be suspended
+/// meanwhile: an exit that waits for it waits for nobody's `Resume`.
+class Thread::IdUse {
+  public:
+    explicit IdUse(const Thread& thread) : thread_(thread) {
+        const StateGuard guard(thread);
+        if (thread.state == THREAD_FINISHED || thread.tid == 0) return;
+        id_ = thread.tid;
+        thread.idUses.fetch_add(1, std::memory_order_relaxed);
+    }
+    ~IdUse() {
+        if (id_ && thread_.idUses.fetch_sub(1, std::memory_order_release) == 1) thread_.idUses.notify_one();
+    }
+    IdUse(const IdUse&) = delete;
+    IdUse& operator=(const IdUse&) = delete;
+
+    /// None of a thread that has ended or is yet to be created.
+    const std::optional<pthread_t>& id() const { return id_; }
+
+  private:
+    const SuspensionDeferred deferred_;
+    const Thread& thread_;
+    std::optional<pthread_t> id_;
+};
+
 Thread::Thread(ULONG_PTR id)
     : Handle(1),
       tid(id),
       state(THREAD_RUNNING),
       lock(PTHREAD_MUTEX_INITIALIZER),
       suspendCount(0),
+      idUses(0),
       calls(std::make_unique<CallQueue>()) {}
 
 Thread::~Thread() {
@@ -65,6 +92,10 @@ void Thread::lockSelf() const {
 void Thread::unlockSelf() const {
     traiklofox::foundation::noteLockReleased(LockRank::ThreadState, this);
     pthread_mutex_unlock(&lock);
+}
+
+bool Thread::interrupt(int signalNumber) const {
+    return tid != 0 && pthread_kill(tid, signalNumber) == 0;
 }
 
 // The end of a thread is for ever and for everybody: its event stays set, so that each waiter finds it, and
@@ -119,7 +150,7 @@ LONG Thread::Suspend() {
         if (state == THREAD_FINISHED) return -1;
         if (suspendCount++ > 0) return suspendCount - 1;
         if (!pthread_equal(tid, pthread_self())) {
-            if (pthread_kill(tid, traiklofox::kernel::suspendSignal()) == 0) return 0;
+            if (interrupt(traiklofox::kernel::suspendSignal())) return 0;
             --suspendCount;
             return -1;
         }
@@ -136,7 +167,7 @@ LONG Thread::Resume() {
     if (state == THREAD_FINISHED) return -1;
     if (suspendCount == 0) return 0;
     if (--suspendCount > 0) return suspendCount + 1;
-    if (pthread_kill(tid, traiklofox::kernel::resumeSignal()) == 0) return 1;
+    if (interrupt(traiklofox::kernel::resumeSignal())) return 1;
     ++suspendCount;
     return -1;
 }
@@ -146,8 +177,7 @@ void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
     const CallQueue::Push pushed = calls->push({function, a, b, c}, ThreadLife::isCurrent(*this));
     if (pushed.wake == CallQueue::Wake::Signal) {
         const StateGuard guard(*this);
-        if (state != THREAD_FINISHED && pthread_kill(tid, traiklofox::kernel::callSignal()) != 0)
-            calls->signalArrived();
+        if (state == THREAD_FINISHED || !interrupt(traiklofox::kernel::callSignal())) calls->signalArrived();
     }
     calls->endSleep(pushed);
 }
@@ -162,23 +192,23 @@ BOOL Thread::CheckAPC() {
 }
 
 int Thread::GetPriority() const {
-    const StateGuard guard(*this);
-    if (state == THREAD_FINISHED) return ESRCH;
+    const IdUse use(*this);
+    if (!use.id()) return ESRCH;
     int policy = 0;
     sched_param parameters{};
-    const int error = pthread_getschedparam(tid, &policy, &parameters);
+    const int error = pthread_getschedparam(*use.id(), &policy, &parameters);
     return error != 0 ? error : parameters.sched_priority;
 }
 
 int Thread::SetPriority(int priority) {
-    const StateGuard guard(*this);
-    if (state == THREAD_FINISHED) return ESRCH;
+    const IdUse use(*this);
+    if (!use.id()) return ESRCH;
     int policy = 0;
     sched_param parameters{};
-    const int error = pthread_getschedparam(tid, &policy, &parameters);
+    const int error = pthread_getschedparam(*use.id(), &policy, &parameters);
     if (error != 0) return error;
     parameters.sched_priority = priority;
-    return pthread_setschedparam(tid, policy, &parameters);
+    return pthread_setschedparam(*use.id(), policy, &parameters);
 }
 
 void ThreadLife::started(Thread& thread, pthread_t id) {
@@ -198,5 +228,7 @@ bool ThreadLife::finishUnlessSuspended(Thread& thread) {
 
 void ThreadLife::finish(Thread& thread) {
     while (!finishUnlessSuspended(thread)) continue;  // the signal arrives between two attempts
+    while (const int uses = thread.idUses.load(std::memory_order_acquire))
+        thread.idUses.wait(uses, std::memory_order_acquire);
     thread.Signal();
 }

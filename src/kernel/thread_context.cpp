@@ -60,6 +60,7 @@ void ThreadLife::unlockOwnInChild() {
     Thread* own = ownThread();
     if (own == nullptr) return;
     own->lock = PTHREAD_MUTEX_INITIALIZER;
+    own->idUses = 0;
     own->calls->signalArrived();  // what is on its way to the parent does not come here
     own->calls->unlockAfterFork();
 }

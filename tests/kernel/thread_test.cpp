@@ -74,6 +74,10 @@ TEST(Thread, IsSignalledToAllWaitersAndForEverOnceItHasEnded) {
     EXPECT_EQ(SetThreadPriority(&thread, 0), ESRCH);
     queueTo(&thread, nothing, unset);
 
+    const OwnedHandle yetToBeCreated{new Thread(0)};
+    EXPECT_EQ(GetThreadPriority(yetToBeCreated.get()), ESRCH);
+    EXPECT_EQ(SuspendThread(yetToBeCreated.get()), DWORD(-1));
+
     Worker others{[] { EXPECT_EQ(static_cast<Thread*>(GetCurrentThread())->GetTid(), pthread_self()); }};
     EXPECT_NE(others.handle(), GetCurrentThread());
     EXPECT_EQ(WaitForSingleObject(others.handle(), kBound), WAIT_OBJECT_0)
@@ -203,6 +207,10 @@ TEST(Suspend, ThreadMayBeStoppedAnywhere) {
     const std::function<void()> bodies[] = {
         [] { (void)static_cast<Thread*>(GetCurrentThread())->GetTid(); },
         [] { (void)GetThreadPriority(GetCurrentThread()); },
+        [] {
+            const sched_param usual{};
+            pthread_setschedparam(pthread_self(), SCHED_OTHER, &usual);  // holds a lock of libc's
+        },
         [] { QueueUserAPC(nothing, GetCurrentThread(), 0); },
         [&] { (void)waitFor(unset, 1, TRUE); },
         [&] { SetEvent(unset.get()), (void)waitFor(unset, 1); },
@@ -211,6 +219,7 @@ TEST(Suspend, ThreadMayBeStoppedAnywhere) {
         std::atomic<int> queued = 0;
         Busy thread{[&] { body(), (void)UserAPCCheck(); }};
         Busy caller{[&] {
+            (void)GetThreadPriority(thread.handle());
             if (!soon([&] { return queued < kMostQueued; })) return;
             ++queued;
             queueTo(thread.handle(), ranOne, queued);

@@ -46,7 +46,7 @@ TEST(Abi, RecordsHaveTheLayoutThatCallersKnow) {
         {"Handle", 12, 24},
         {"Event", 176, 224},
         {"MultiEvent", 208, 272},
-        {"Thread", 52, 96},
+        {"Thread", 56, 96},
         {"RWLock", 180, 216},
         {"Semaphore", 72, 112},
         {"Mutex", 88, 144},
