@@ -2,9 +2,7 @@
 
 #include "locale/date_renderer.h"
 
-#include <array>
 #include <cstdlib>
-#include <utility>
 
 #include "locale/date_lexicon.h"
 #include "locale/month_genitives.h"
@@ -37,16 +35,16 @@ struct PicturePart {
     const char* rest;  ///< of the picture
 };
 
-constexpr bool isMonthLetter(char letter) {
+bool isMonthLetter(char letter) {
     return letter == 'M' || letter == 'm';
 }
 
-constexpr PicturePart literalOf(const char* text, size_t length, const char* rest) {
+PicturePart literalOf(const char* text, size_t length, const char* rest) {
     return {Part::Literal, text, length, rest};
 }
 
 /// Text up to the next quote, which is left out.
-constexpr PicturePart quotedPart(const char* text) {
+PicturePart quotedPart(const char* text) {
     const char* end = text;
     while (*end != '\0' && *end != '\'') ++end;
     return literalOf(text, static_cast<size_t>(end - text), *end == '\'' ? end + 1 : end);
@@ -54,14 +52,14 @@ constexpr PicturePart quotedPart(const char* text) {
 
 /// The part that one to four letters stand for: `first` and those behind it.
 template <class IsLetter>
-constexpr PicturePart partOfLetters(const char* picture, Part first, IsLetter isLetter) {
+PicturePart partOfLetters(const char* picture, Part first, IsLetter isLetter) {
     int letters = 1;
     while (letters < 4 && isLetter(picture[letters])) ++letters;
     return {static_cast<Part>(static_cast<int>(first) + letters - 1), "", 0, picture + letters};
 }
 
 /// The first part of a picture that is not empty.
-constexpr PicturePart firstPart(const char* picture) {
+PicturePart firstPart(const char* picture) {
     if (*picture == '\'') return quotedPart(picture + 1);
     if (*picture == '/') return {Part::Separator, "", 0, picture + 1};
     if (isMonthLetter(*picture)) return partOfLetters(picture, Part::Month, isMonthLetter);
@@ -69,19 +67,6 @@ constexpr PicturePart firstPart(const char* picture) {
     if (picture[0] != 'y' || picture[1] != 'y') return literalOf(picture, 1, picture + 1);
     if (picture[2] == 'y' && picture[3] == 'y') return {Part::Year, "", 0, picture + 4};
     return {Part::ShortYear, "", 0, picture + 2};
-}
-
-/// The parts of a picture of three numbers.
-using NumericPicture = std::array<Part, 5>;
-
-constexpr NumericPicture partsOf(const char* picture) {
-    NumericPicture parts{};
-    for (Part& part : parts) {
-        const PicturePart found = firstPart(picture);
-        part = found.part;
-        picture = found.rest;
-    }
-    return parts;
 }
 
 /// Whether a day's letter occurs outside quotes.
@@ -158,29 +143,6 @@ class DateRendering {
     bool dayRendered_ = false;
 };
 
-/// Renders the date in numbers. Each part is a constant, so that nothing of the picture is left to do.
-template <const NumericPicture& kParts, class Out>
-void putNumbers(const tagUDS& date, Out& out, const tagDATEINFO& info) {
-    DateRendering<Out> rendering(date, out, info);
-    [&]<size_t... kIndex>(std::index_sequence<kIndex...>) {
-        (rendering.put({kParts[kIndex], "", 0, ""}), ...);
-    }
-    (std::make_index_sequence<kParts.size()>());
-}
-
-constexpr NumericPicture kMonthDayYear = partsOf("m/d/yy");
-constexpr NumericPicture kDayMonthYear = partsOf("d/m/yy");
-constexpr NumericPicture kYearMonthDay = partsOf("yy/m/d");
-
-template <class Out>
-void putNumbers(const tagUDS& date, Out& out, const tagDATEINFO& info) {
-    switch (info.dateOrder) {
-        case DATE_ORDER_MDY: return putNumbers<kMonthDayYear>(date, out, info);
-        case DATE_ORDER_DMY: return putNumbers<kDayMonthYear>(date, out, info);
-        default: return putNumbers<kYearMonthDay>(date, out, info);
-    }
-}
-
 }  // namespace
 
 template <class Out>
@@ -224,33 +186,90 @@ struct Parts {
 };
 
 Parts partsToRender(const tagUDS& fields, DWORD flags) {
-    const bool isZeroDate = fields.wDay == 30 && fields.wMonth == 12 && fields.wYear == 1899;
+    const bool isZeroDate = fields.wYear == 1899 && fields.wMonth == 12 && fields.wDay == 30;
     if (isZeroDate || (flags & VAR_TIMEVALUEONLY) != 0) return {.date = false, .time = true};
     const bool isMidnight = (fields.wHour | fields.wMinute | fields.wSecond) == 0;
     return {.date = true, .time = !isMidnight && (flags & VAR_DATEVALUEONLY) == 0};
 }
 
-template <class Out>
-void render(const tagUDS& fields, Parts parts, Out& out, const tagDATEINFO& info) {
-    if (parts.date) putNumbers(fields, out, info);
+constexpr const char* pictureOf(int dateOrder) {
+    return dateOrder == DATE_ORDER_MDY ? "m/d/yy" : dateOrder == DATE_ORDER_DMY ? "d/m/yy" : "yy/m/d";
+}
+
+/// The date in numbers that a separator of any length parts.
+struct PictureDate {
+    const tagUDS& fields;
+    const tagDATEINFO& info;
+
+    template <class Out>
+    void put(Out& out) const {
+        RenderDate(fields, pictureOf(info.dateOrder), out, info);
+    }
+};
+
+/// The same with a separator of one byte, as nearly all are. Each number is made text once, for both its length and
+/// itself.
+class PlainDate {
+  public:
+    PlainDate(const tagUDS& fields, const tagDATEINFO& info)
+        : year_(fields.wYear),
+          first_(info.dateOrder == DATE_ORDER_DMY ? fields.wDay : fields.wMonth),
+          second_(info.dateOrder == DATE_ORDER_DMY ? fields.wMonth : fields.wDay),
+          yearIsFirst_(info.dateOrder == DATE_ORDER_YMD),
+          separator_(info.dateSeparator[0]) {}
+
+    void put(TextLength& length) const { length.put("", year_.length + first_.length + second_.length + 2); }
+    void put(TextOut& out) const {
+        if (yearIsFirst_) {
+            out.put(year_);
+            out.put(separator_);
+        }
+        out.put(first_);
+        out.put(separator_);
+        out.put(second_);
+        if (!yearIsFirst_) {
+            out.put(separator_);
+            out.put(year_);
+        }
+    }
+
+  private:
+    YearDigits year_;
+    ShortNumber first_;
+    ShortNumber second_;
+    bool yearIsFirst_;
+    char separator_;
+};
+
+template <class Date, class Out>
+void put(const Date& date, const tagUDS& fields, Parts parts, Out& out, const tagDATEINFO& info) {
+    if (parts.date) date.put(out);
     if (parts.date && parts.time) out.put(' ');
     if (parts.time) RenderTime(fields, out, info);
+}
+
+template <class Date>
+char* render(const Date& date, const tagUDS& fields, Parts parts, const tagDATEINFO& info) {
+    TextLength length;
+    put(date, fields, parts, length, info);
+    char* text = static_cast<char*>(std::malloc(length.length() + 1));
+    if (text == nullptr) return nullptr;
+    TextOut out(text);
+    put(date, fields, parts, out, info);
+    out.end();
+    return text;
 }
 
 }  // namespace
 
 char* renderValue(double value, const tagDATEINFO& info, DWORD flags) {
     tagUDS fields;
-    Parts parts{};
-    if (unpackValue(value, fields) == S_OK) parts = partsToRender(fields, flags);
-    TextLength length;
-    render(fields, parts, length, info);
-    char* text = static_cast<char*>(std::malloc(length.length() + 1));
-    if (text == nullptr) return nullptr;
-    TextOut out(text);
-    render(fields, parts, out, info);
-    out.end();
-    return text;
+    if (unpackValue(value, fields) != S_OK) return static_cast<char*>(std::calloc(1, 1));
+    const Parts parts = partsToRender(fields, flags);
+    const bool separatorIsOneByte = info.dateSeparator[0] != '\0' && info.dateSeparator[1] == '\0';
+    if (separatorIsOneByte) [[likely]]
+        return render(PlainDate(fields, info), fields, parts, info);
+    return render(PictureDate{fields, info}, fields, parts, info);
 }
 
 }  // namespace traiklofox::locale

@@ -16,6 +16,41 @@ constexpr unsigned digitsOf(unsigned number) {
     return 4 + digitsOf(number / 10000);
 }
 
+/// The numbers below 100 in two digits, the first one in the low byte.
+inline constexpr auto kTwoDigits = [] {
+    std::array<unsigned short, 100> digits{};
+    for (unsigned number = 0; number < 100; ++number)
+        digits[number] = static_cast<unsigned short>(('0' + number / 10) | ('0' + number % 10) << 8);
+    return digits;
+}();
+
+/// A number below 100 in one digit, behind which a NUL is put, or two.
+struct ShortNumber {
+    explicit ShortNumber(unsigned number)
+        : length(1 + (number >= 10)),
+          digits(static_cast<unsigned short>(kTwoDigits[number] >> (16 - 8 * length))) {}
+    size_t length;
+    unsigned short digits;
+};
+
+/// A year from 100 to 9999: of 1900 to 1999 the last two digits, of any other all.
+struct YearDigits {
+    explicit YearDigits(unsigned year) {
+        const unsigned century = year / 100;
+        const unsigned last = kTwoDigits[year - 100 * century];
+        if (century == 19) {
+            length = 2;
+            digits = last;
+        } else {
+            const unsigned isShort = year < 1000;
+            length = 4 - isShort;
+            digits = (kTwoDigits[century] | last << 16) >> (8 * isShort);
+        }
+    }
+    size_t length;
+    unsigned digits;
+};
+
 /// Counts the bytes that a `TextOut` would write.
 class TextLength {
   public:
@@ -24,7 +59,7 @@ class TextLength {
         for (; *text != '\0'; ++text) ++length_;
     }
     void put(const char*, size_t length) { length_ += length; }
-    void putNumber(unsigned number) { length_ += digitsOf(number); }
+    void putNumber(unsigned number) { length_ += number < 100 ? 1 + (number >= 10) : digitsOf(number); }
     void putTwoDigits(unsigned number) { length_ += number < 100 ? 2 : digitsOf(number); }
     void putColonAndTwoDigits(unsigned number) { length_ += number < 100 ? 3 : 1 + digitsOf(number); }
 
@@ -49,8 +84,12 @@ class TextOut {
     }
     void putNumber(unsigned number) {
         if (number >= 100) return putLongNumber(number);
-        const unsigned isShort = number < 10;
-        putPacked(static_cast<unsigned short>(kTwoDigits[number] >> (8 * isShort)), 2 - isShort);
+        put(ShortNumber(number));
+    }
+    void put(const ShortNumber& number) { putPacked(number.digits, number.length); }
+    void put(const YearDigits& year) {
+        if (year.length > 2) return putPacked(year.digits, year.length);
+        putPacked(static_cast<unsigned short>(year.digits), 2);
     }
     void putTwoDigits(unsigned number) {
         if (number >= 100) return putLongNumber(number);
@@ -66,14 +105,6 @@ class TextOut {
     void end() { *next_ = '\0'; }
 
   private:
-    /// The numbers below 100 in two digits, the first one in the low byte.
-    static constexpr auto kTwoDigits = [] {
-        std::array<unsigned short, 100> digits{};
-        for (unsigned number = 0; number < 100; ++number)
-            digits[number] = static_cast<unsigned short>(('0' + number / 10) | ('0' + number % 10) << 8);
-        return digits;
-    }();
-
     /// The first `count` of the packed characters, the lowest byte first, and at most one NUL that follows them.
     template <class Packed>
     void putPacked(Packed characters, size_t count) {

@@ -80,10 +80,11 @@ inline HRESULT unpackValue(double value, tagUDS& fields) {
     constexpr double kHalfSecond = 5.787037037037037e-06;
     constexpr double kBefore = kFirstDay - 1;
     constexpr double kAfter = kLastDay + 1;
-    if (!(value > kBefore && value < kAfter)) return E_INVALIDARG;
     const double rounded = value + std::copysign(kHalfSecond, value);
     if (rounded > kBefore && rounded <= kLastDay) [[likely]]
         value = rounded;
+    else if (!(value > kBefore && value < kAfter))
+        return E_INVALIDARG;
 
     const int wholeDays = static_cast<int>(value);
     const auto days = static_cast<unsigned>(wholeDays + kDayZero);  // at least 36525
