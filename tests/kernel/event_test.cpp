@@ -117,7 +117,10 @@ TEST(EventData, AttachmentHoldsOneReferenceUntilItsOwnerDetachesIt) {
 /// timer w; a running thread t; none (- and x).
 class WaitForSeveral : public testing::Test {
   protected:
-    ~WaitForSeveral() override { SetEvent(stop.get()); }
+    ~WaitForSeveral() override {
+        SetEvent(stop.get());
+        EXPECT_EQ(waitFor(at('t')), WAIT_OBJECT_0);
+    }
 
     const OwnedHandle& at(char letter) const {
         return owned[static_cast<size_t>(strchr(kLetters, letter) - kLetters)];

@@ -121,6 +121,9 @@ TEST(Thread, EndIsMissedByNobodyWhoUsesTheHandleMeanwhile) {
 #if !defined(__SANITIZE_ADDRESS__)  // which takes the frames that an exit unwinds for live ones
 TEST(Thread, ExitAndCancellationUnwindItsStackAndSignalIt) {
     for (const bool cancelled : {false, true}) {
+#if defined(__SANITIZE_THREAD__)  // which sees no lock any more of a thread cancelled in a sleep
+        if (cancelled) break;
+#endif
         std::atomic<int> unwound = 0;
         std::atomic<pthread_t> id{};
         const OwnedHandle thread = createThread([&] {
@@ -269,7 +272,7 @@ TEST(UnixThread, RunsUnderTheCallersAttributesOrDetachedWithTheStackOfTheEnviron
     ASSERT_EQ(unixthread_create(&thread, &attributes, report, &usual), 0);
     pthread_join(thread, &result);
     EXPECT_EQ(result, &usual);
-    EXPECT_LT(stackSize, 400'000u);
+    EXPECT_LT(stackSize, usual / 2);
 
     ASSERT_EQ(pthread_attr_setstacksize(&attributes, SIZE_MAX - 0xFFFFFF), 0);
     CapturedStderr errors;

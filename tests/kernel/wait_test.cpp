@@ -82,13 +82,12 @@ TEST(Wait, EndsWithItsSignalAlsoWhenAnotherWaiterWasCancelled) {
     for (const DWORD timeout : {kBound, INFINITE - 1, INFINITE}) {
         for (const BOOL alertable : {FALSE, TRUE}) {
             inEachWay(true, [&](const Way& way, Objects& objects) {
+#if defined(__SANITIZE_THREAD__)  // which sees no lock any more of a thread cancelled in sem_timedwait
+                if (way.name == "semaphore" || way.name == "mutex") return;
+#endif
                 DWORD result = WAIT_FAILED;
                 Worker cancelled{[&] { way.wait(timeout, alertable), ADD_FAILURE() << "not cancelled"; }};
                 EXPECT_TRUE(cancelled.fallsAsleep());
-#if defined( \
-    __SANITIZE_THREAD__)  // which sees no lock any more of a thread that was cancelled in sem_timedwait
-                if (way.name == "semaphore" || way.name == "mutex") return way.signal();
-#endif
                 cancelled.cancel();
                 Worker waiter{[&] { result = way.wait(timeout, alertable); }};
                 EXPECT_TRUE(waiter.fallsAsleep());
