@@ -353,9 +353,32 @@ class Scan {
 
 }  // namespace
 
+namespace {
+
+constinit thread_local LONG scansOfThread = 0;
+
+/// Counts one in `amInUnixDirScan`. The child of a fork has the scans of the thread that forked.
+class ScanCount {
+  public:
+    ScanCount() {
+        static const int registered =
+            pthread_atfork(nullptr, nullptr, [] { amInUnixDirScan = scansOfThread; });
+        (void)registered;  // without memory for it, a child may think that its parent's scans are its own
+        ++scansOfThread;
+        ++amInUnixDirScan;
+    }
+    ~ScanCount() {
+        --amInUnixDirScan;
+        --scansOfThread;
+    }
+    ScanCount(const ScanCount&) = delete;
+    ScanCount& operator=(const ScanCount&) = delete;
+};
+
+}  // namespace
+
 void scanWatch(DirectoryWatch& watch, ChangeNotificationHandle* extra, bool (*deviceTest)(ULONGLONG device)) {
-    ++amInUnixDirScan;
-    const auto over = foundation::onExit([] { --amInUnixDirScan; });
+    const ScanCount counted;
     Scan(watch, extra).run(deviceTest);
 }
 

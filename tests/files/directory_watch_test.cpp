@@ -386,7 +386,7 @@ int watchInChild(const std::string& path) {
     UnixDirScan(path, static_cast<ChangeNotificationHandle*>(handle), nullptr);
     const DWORD result = WaitForSingleObject(handle, 0);
     (void)FindCloseChangeNotification(handle);
-    return result == WAIT_OBJECT_0 ? 0 : 1;
+    return result == WAIT_OBJECT_0 && !InUnixDirScan() ? 0 : 1;
 }
 
 TEST(WatchStress, AForkedChildWatchesForItself) {
