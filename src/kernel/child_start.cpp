@@ -92,10 +92,19 @@ bool isLate(const timespec& begin) {
     return took >= kStartPatienceMs;
 }
 
-bool wasKilled(pid_t child) {
-    siginfo_t end{};
-    return sys::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-           end.si_pid == child && end.si_code == CLD_KILLED && end.si_status == SIGKILL;
+/// Waits a little for the end: the kernel lets the parent of a child that shares its memory go on before the child that
+/// it kills can be collected. One that has its program at the last moment runs on.
+bool isKilled(pid_t child) {
+    constexpr int kPatienceMs = 1000;
+    for (int ms = 0; ms < kPatienceMs; ++ms) {
+        siginfo_t end{};
+        if (sys::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOHANG | WNOWAIT) != 0)
+            return false;
+        if (end.si_pid == child) return end.si_code == CLD_KILLED && end.si_status == SIGKILL;
+        const timespec aMillisecond{0, 1'000'000};
+        (void)sys::ppoll(nullptr, 0, &aMillisecond, /*mask=*/nullptr);
+    }
+    return false;
 }
 
 }  // namespace
@@ -122,7 +131,7 @@ StartResult awaitStart(pid_t child, int statusPipe, ChildMemory memory, const ti
     }
     const bool hangs = ready == 0 && memory == ChildMemory::Copied;
     if (hangs) (void)sys::kill(child, SIGKILL);  // it has not been collected, so it is there
-    if (hangs || (isLate(begin) && wasKilled(child))) {
+    if (hangs || (isLate(begin) && isKilled(child))) {
         collect(child);
         return {StartResult::Hung};
     }
