@@ -48,9 +48,9 @@ class CallQueue {
     /// Ends the sleep that `push` reported as Sleeper or Futex, and drops the reference.
     void endSleep(const Push& pushed);
 
-    /// The signal that `push` asked for has arrived (in its handler), or could not be sent. While one is on its way none
-    /// is asked for: the kernel would queue each of them, and has room for so many for all processes of a user, on which
-    /// other things depend; a `pthread_cancel` that finds no room leaves its thread hanging.
+    /// The signal that `push` asked for has arrived (in its handler), or could not be sent. While one is on its way
+    /// none is asked for: the kernel would queue each of them, and has room for so many for all processes of a user, on
+    /// which other things depend; a `pthread_cancel` that finds no room leaves its thread hanging.
     void signalArrived() { signalled_.store(false, std::memory_order_release); }
 
     /// Takes the oldest call of those that were waiting at the first look, which `first` says that this is, and of

@@ -19,7 +19,6 @@ class DateLexicon {
   public:
     constexpr DateLexicon() = default;
     /// Of conventions that outlive it. Not explicit, because the two say the same.
-    // NOLINTNEXTLINE(google-explicit-constructor)
     constexpr DateLexicon(const tagDATEINFO& conventions) : info_(&conventions) {
         for (int byte = 0; byte < 256; ++byte) {
             const BYTE classes = conventions.characterClasses[byte];

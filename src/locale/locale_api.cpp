@@ -62,7 +62,7 @@ char* snProcessLocaleInfo(const char* format, LCTYPE query) {
         // Callers may rely on the room of three bytes for each of the format's.
         const size_t room = std::max(3 * std::strlen(format), picture.size()) + 1;
         auto* copy = static_cast<char*>(std::calloc(room, 1));
-        if (copy != nullptr) std::memcpy(copy, picture.data(), picture.size());
+        if (copy != nullptr) std::memcpy(copy, picture.c_str(), picture.size() + 1);
         return copy;
     } catch (const std::bad_alloc&) {
         return nullptr;

@@ -180,10 +180,8 @@ void MessageArguments::expect(const MessageInsert& insert) {
 void MessageArguments::fetch(va_list* arguments) {
     for (int i = 1; i <= last_; ++i) {
         const auto place = static_cast<size_t>(i);
-        if (isLong_[place])
-            values_[place] = va_arg(*arguments, std::uint64_t);
-        else
-            values_[place] = va_arg(*arguments, ULONG_PTR);
+        // NOLINTNEXTLINE(bugprone-branch-clone): one type on x86-64, two on 32-bit x86
+        values_[place] = isLong_[place] ? va_arg(*arguments, std::uint64_t) : va_arg(*arguments, ULONG_PTR);
     }
 }
 

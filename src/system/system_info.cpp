@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -192,9 +193,13 @@ BOOL GetVersionEx(LPOSVERSIONINFO version) {
     struct utsname name {};
     if (::uname(&name) != 0) return FALSE;
     std::memset(version, 0, size);
-    unsigned int numbers[3] = {};
-    (void)std::sscanf(name.release, "%9u.%9u.%9u", &numbers[0], &numbers[1],
-                      &numbers[2]);  // as many as there are
+    DWORD numbers[3] = {};
+    const char* rest = name.release;
+    for (DWORD& number : numbers) {  // as many as there are
+        const auto [end, error] = std::from_chars(rest, std::end(name.release), number);
+        if (error != std::errc() || *end != '.') break;
+        rest = end + 1;
+    }
     version->dwOSVersionInfoSize = size;
     version->dwMajorVersion = numbers[0];
     version->dwMinorVersion = numbers[1];

@@ -5,7 +5,6 @@
 #include <sanitizer/lsan_interface.h>
 
 // Visible, so that the sanitizer's own library finds it.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
     return "leak:argz_add_sep\n";
 }

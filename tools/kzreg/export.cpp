@@ -65,8 +65,8 @@ std::vector<std::string> appendLines(std::string& text, const Key& key) {
 void appendFrom(std::string& text, const std::string& belowRoot) {
     std::vector<std::string> subkeys;
     if (const auto key = Key::find(belowRoot)) subkeys = appendLines(text, *key);
-    for (const std::string& name : subkeys)
-        appendFrom(text, belowRoot.empty() ? name : belowRoot + '\\' + name);
+    const std::string prefix = belowRoot.empty() ? "" : belowRoot + '\\';
+    for (const std::string& name : subkeys) appendFrom(text, prefix + name);
 }
 
 std::string textOf(const KeyPath& path) {
