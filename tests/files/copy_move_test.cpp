@@ -259,7 +259,7 @@ TEST(FileAttributes, FollowFromTheModeAndBack) {
 
 TEST(FileAttributes, AreNamedInTheOrderOfTheirNumbers) {
     EXPECT_EQ(FileAttribs2String(S_IFDIR | 0755), "Directory");
-    for (const mode_t mode : {S_IFREG | 0755, S_IFIFO, S_IFLNK, 0})
+    for (const mode_t mode : {S_IFREG | 0755u, mode_t{S_IFIFO}, mode_t{S_IFLNK}, mode_t{0}})
         EXPECT_EQ(FileAttribs2String(mode), "Normal") << mode;
     EXPECT_EQ(files::attributeNames(0x1FF),
               "Archive,Compressed,Hidden,Offline,ReadOnly,System,Temporary,Normal,Directory");

@@ -86,7 +86,7 @@ TEST(ProcessWait, AnyAndAllReportIndexesAndNullTheEntries) {
         EXPECT_TRUE(waiter.fallsAsleep());
         children[0].end();
         waiter.join();
-        for (const size_t i : {0, 2, 4}) EXPECT_EQ(each[i], nullptr);
+        for (const size_t i : {0u, 2u, 4u}) EXPECT_EQ(each[i], nullptr);
         EXPECT_EQ(waitForAny({nullptr, INVALID_HANDLE_VALUE}, 0), WAIT_FAILED);
     });
 }

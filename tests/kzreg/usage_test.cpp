@@ -87,7 +87,7 @@ TEST_F(KzregUsage, AWrongCommandLineIsRefusedBeforeTheRegistryIsTouched) {
 }
 
 TEST_F(KzregUsage, WithoutAUsableRegistryEveryCommandSaysWhyAndTheRegistryNothing) {
-    const auto deny = [this](const std::string& path, mode_t mode) {
+    const auto deny = [](const std::string& path, mode_t mode) {
         add("software\\example", "v", "1");
         ::chmod(path.c_str(), mode);
     };

@@ -51,7 +51,7 @@ TEST(LocaleList, NamesThirtyLocalesByTheirExactNumbers) {
 
 TEST(DateInfo, BeforeTheStartThereIsUsEnglishOnly) {
     EXPECT_EQ(localeInitLevel(), 0);
-    for (const LCID number : {0, 1024, 1033, 2048}) {
+    for (const LCID number : {0u, 1024u, 1033u, 2048u}) {
         EXPECT_TRUE(isInitForLocale(number));
         EXPECT_EQ(getDateInfo(number).lcid, 1033U);
     }
@@ -144,7 +144,7 @@ TEST(DateInfo, HoldsTheConventionsOfEachLocale) {
 TEST(DateInfo, OfALocaleThatTheMachineHasNotThereIsNone) {
     NEEDS_TEST_LOCALE("de_DE");
     ASSERT_TRUE(initLocaleInfo());
-    for (const LCID missing : {27, 1038, 7, 4711}) {  // Slovak is not built; Hungarian is 14
+    for (const LCID missing : {27u, 1038u, 7u, 4711u}) {  // Slovak is not built; Hungarian is 14
         EXPECT_TRUE(isInitForLocale(missing));
         EXPECT_EQ(thrownBy([&] { (void)getDateInfo(missing); }),
                   "getDateInfo: Locale Date&Time information can not be found");

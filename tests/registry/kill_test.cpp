@@ -204,7 +204,7 @@ TEST_F(Killing, AtAnyMomentLosesNothingAcknowledgedAndBlocksNobody) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Random random{std::mt19937(seed)};
     std::vector<Writer> writers;
-    for (int i = 0; i < kWriters; ++i) writers.emplace_back("w" + std::to_string(i)).start();
+    for (int i = 0; i < kWriters; ++i) writers.emplace_back(Writer{"w" + std::to_string(i)}).start();
     for (int kills = 0; kills < kKills && !HasFailure(); ++kills) {
         const auto moment = Clock::now() + std::chrono::microseconds{random.below(20'000)};
         do {

@@ -96,8 +96,8 @@ void checkWriter(const FileKeys& keys, size_t slot, std::uint32_t acknowledged, 
     }
     for (const auto& [name, any] : names) {
         const std::string text = textIn(found, name);
-        const bool held =
-            std::ranges::any_of(states, [&](const State& state) { return textIn(state, name) == text; });
+        const bool held = std::ranges::any_of(
+            states, [&, &name = name](const State& state) { return textIn(state, name) == text; });
         check(WritesStay, held, "writer %zu has %s=%s in the file, acknowledged %u, asked %u", slot,
               name.c_str(), text.c_str(), acknowledged, asked);
     }
