@@ -35,6 +35,7 @@ class FileMapping : public testing::Test {
     void SetUp() override {
         if (const auto& machine = PrivateMachine::enter(); !machine.entered())
             GTEST_SKIP() << machine.whyNot();
+        ::unlink(kBacking.c_str());
     }
     static struct stat backing() {
         struct stat status {};

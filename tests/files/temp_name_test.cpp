@@ -104,11 +104,11 @@ TEST(TempPath, IsTheFirstOfTheVariablesThatSaysSomething) {
     const struct {
         const char *tmp, *temp, *tmpdir;
         const char* path;
-    } kCases[] = {{nullptr, nullptr, nullptr, "/tmp/"},
-                  {"/a", "/b", "/c", "/a/"},
+    } kCases[] = {{"/a", "/b", "/c", "/a/"},
                   {"", "/b/", "/c", "/b/"},
                   {nullptr, nullptr, "/c", "/c/"},
-                  {"with %s", nullptr, "", "with %s/"}};
+                  {"with %s", nullptr, "", "with %s/"},
+                  {nullptr, nullptr, nullptr, "/tmp/"}};
     const auto set = [](const char* name, const char* value) {
         value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
     };

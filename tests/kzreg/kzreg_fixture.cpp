@@ -1,6 +1,7 @@
 #include "kzreg/kzreg_fixture.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
@@ -128,6 +129,8 @@ Outcome Kzreg::finish() {
 
 void KzregTest::SetUp() {
     if (const auto& machine = PrivateMachine::enter(); !machine.entered()) GTEST_SKIP() << machine.whyNot();
+    // No stamp, and no writer's name, of the tests before in the same process.
+    ASSERT_EQ(::unshare(CLONE_NEWIPC), 0);
     installAnew();
 }
 

@@ -315,6 +315,7 @@ TEST_F(ProfileTest, OthersChangesAreSeenSoonAndAtOnceAfterAFlush) {
     EXPECT_TRUE(set("a", "x", "5") && WritePrivateProfileString("n", "k", "v", other.c_str()));
     EXPECT_TRUE(flush(name()) && text().starts_with("[a]\nx=5\n"));
     EXPECT_NE(::access(other.c_str(), F_OK), 0) << "a flush of one file is no other's";
+    EXPECT_TRUE(SetProfileWriteCaching(FALSE) && readText(other) == "[n]\nk=v\n");
 }
 
 TEST_ROLE(cachesAChangeAndEnds) {

@@ -147,6 +147,7 @@ TEST(ProcessList, AShortLineSetsTheDumbModeAndAVanishedProcessDoesNot) {
     }
     EXPECT_TRUE(bDumbProcfs && times(EnumProcesses, 1) == 0) << "dumb from now on";
     EXPECT_EQ(GetProcessName(child.id(), 1), "sh");
+    bDumbProcfs = false;
 }
 
 TEST(ProcessName, IsThePathOrTheCommand) {
@@ -175,7 +176,7 @@ TEST(ProcessName, IsThePathOrTheCommand) {
     EXPECT_FALSE(bDumbProcfs);
     EXPECT_EQ(GetProcessName(inode.id(), 1), "12:34")
         << "taken for a device and an inode: the command's name";
-    EXPECT_TRUE(bDumbProcfs);
+    EXPECT_TRUE(bDumbProcfs.exchange(false));
 }
 
 TEST(ModuleName, ObeysTheDocumentedBounds) {
