@@ -76,7 +76,6 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
     class IdUse;
     void lockSelf() const TRAIKLOFOX_ACQUIRE();
     void unlockSelf() const TRAIKLOFOX_RELEASE();
-    bool interrupt(int signalNumber) const TRAIKLOFOX_REQUIRES(this);
 
     pthread_t tid TRAIKLOFOX_GUARDED_BY(this);
     ThreadState_t state TRAIKLOFOX_GUARDED_BY(this);

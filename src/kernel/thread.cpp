@@ -37,6 +37,11 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
     StateGuard(const StateGuard&) = delete;
     StateGuard& operator=(const StateGuard&) = delete;
 
+    /// False for a thread that cannot be signalled.
+    bool interrupt(int signalNumber) const TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {  // what a guard is for
+        return thread_.tid != 0 && pthread_kill(thread_.tid, signalNumber) == 0;
+    }
+
   private:
     std::optional<SuspensionDeferred> ownIsHeld_;  // outlives the unlock
     const Thread& thread_;
@@ -94,10 +99,6 @@ void Thread::unlockSelf() const {
     pthread_mutex_unlock(&lock);
 }
 
-bool Thread::interrupt(int signalNumber) const {
-    return tid != 0 && pthread_kill(tid, signalNumber) == 0;
-}
-
 // The end of a thread is for ever and for everybody: its event stays set, so that each waiter finds it, and
 // it is reported from the state, so that nothing that resets the event can hide it.
 Event* Thread::GetSynch(int& signaled) {
@@ -150,7 +151,7 @@ LONG Thread::Suspend() {
         if (state == THREAD_FINISHED) return -1;
         if (suspendCount++ > 0) return suspendCount - 1;
         if (!pthread_equal(tid, pthread_self())) {
-            if (interrupt(traiklofox::kernel::suspendSignal())) return 0;
+            if (guard.interrupt(traiklofox::kernel::suspendSignal())) return 0;
             --suspendCount;
             return -1;
         }
@@ -167,7 +168,7 @@ LONG Thread::Resume() {
     if (state == THREAD_FINISHED) return -1;
     if (suspendCount == 0) return 0;
     if (--suspendCount > 0) return suspendCount + 1;
-    if (interrupt(traiklofox::kernel::resumeSignal())) return 1;
+    if (guard.interrupt(traiklofox::kernel::resumeSignal())) return 1;
     ++suspendCount;
     return -1;
 }
@@ -177,7 +178,8 @@ void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
     const CallQueue::Push pushed = calls->push({function, a, b, c}, ThreadLife::isCurrent(*this));
     if (pushed.wake == CallQueue::Wake::Signal) {
         const StateGuard guard(*this);
-        if (state == THREAD_FINISHED || !interrupt(traiklofox::kernel::callSignal())) calls->signalArrived();
+        if (state == THREAD_FINISHED || !guard.interrupt(traiklofox::kernel::callSignal()))
+            calls->signalArrived();
     }
     calls->endSleep(pushed);
 }

@@ -4,6 +4,7 @@
 #include <traiklofox/events.h>
 #include <traiklofox/wait.h>
 
+#include <atomic>
 #include <thread>
 
 #include "soak/life.h"
@@ -179,7 +180,7 @@ TEST_ROLE(lazyWriter) {
     return life.live([&] {
         pthread_t thread{};
         check(NothingLeaks, pthread_create(&thread, nullptr, runLazyWriter, nullptr) == 0, "no thread");
-        (void)test::within(kBound, [] { return bLazyFlush == 1; });
+        (void)test::within(kBound, [] { return std::atomic_ref(bLazyFlush) == 1; });
         for (int i = 0; i < 5; ++i) {
             setLazily(life, key);
             std::this_thread::sleep_for(1ms * life.random.below(20));
