@@ -86,8 +86,8 @@ fuzz:
 	  echo "$$target: $(FUZZ_SECONDS) seconds"; \
 	  mkdir -p build/fuzz/corpus/$$target; \
 	  UBSAN_OPTIONS=print_stacktrace=1 build/fuzz/fuzz/$${target}_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
-	    -timeout=20 -dict=fuzz/$$target.dict -artifact_prefix=build/fuzz/findings/$$target- -close_fd_mask=3 \
-	    -verbosity=0 -print_final_stats=1 build/fuzz/corpus/$$target fuzz/corpus/$$target; \
+	    -timeout=20 $$([ ! -f fuzz/$$target.dict ] || echo -dict=fuzz/$$target.dict) -artifact_prefix=$(CURDIR)/build/fuzz/findings/$$target- \
+	    -close_fd_mask=3 -verbosity=0 -print_final_stats=1 $(CURDIR)/build/fuzz/corpus/$$target $(CURDIR)/fuzz/corpus/$$target; \
 	done
 
 # Counts add up from run to run, so each begins anew. A child without the right to write its own is no failure.
