@@ -86,7 +86,7 @@ fuzz:
 	  echo "$$target: $(FUZZ_SECONDS) seconds"; \
 	  mkdir -p build/fuzz/corpus/$$target; \
 	  UBSAN_OPTIONS=print_stacktrace=1 build/fuzz/fuzz/$${target}_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=16384 \
-	    -timeout=20 $$([ ! -f fuzz/$$target.dict ] || echo -dict=fuzz/$$target.dict) -artifact_prefix=$(CURDIR)/build/fuzz/findings/$$target- \
+	    -timeout=20 $$([ ! -f fuzz/$$target.dict ] || echo -dict=$(CURDIR)/fuzz/$$target.dict) -artifact_prefix=$(CURDIR)/build/fuzz/findings/$$target- \
 	    -close_fd_mask=3 -verbosity=0 -print_final_stats=1 $(CURDIR)/build/fuzz/corpus/$$target $(CURDIR)/fuzz/corpus/$$target; \
 	done
 
