@@ -207,8 +207,8 @@ TRAIKLOFOX_API CKZString RegFormatKey(const char* lpSubKey, HKEY hKey);
 /// `hEvent` that is no event, or an event that cannot be tied. A synchronous call returns the wait's result.
 ///
 /// Unlike Win32: a change does not signal the event by itself; the next call does. Poll.
-/// While tied, an event holds a reference to itself: the wait that reports it, or `SetEventData(-1)` by the
-/// tying thread, drops it.
+/// While tied, an event holds a reference to itself, which `SetEventData(-1)` by the tying thread drops, or its wait on
+/// several handles if that sleeps until the signal: let one of them be, before you close it, or it is never freed.
 TRAIKLOFOX_C_API LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL bWatchSubtree, DWORD dwNotifyFilter,
                                               Handle* hEvent, BOOL fAsynchronous);
 /// Looks the handle up and changes nothing. Returns 0, or -1 for an unknown handle.

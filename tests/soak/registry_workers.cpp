@@ -7,6 +7,7 @@
 #include <atomic>
 #include <thread>
 
+#include "foundation/on_exit.h"
 #include "soak/life.h"
 #include "soak/registry_state.h"
 #include "soak/workers.h"
@@ -115,17 +116,15 @@ void awaitChange(size_t slot) {
     const test::OwnedHandle event(CreateEvent(nullptr, FALSE, FALSE, nullptr));
     const auto look = [&] { return RegNotifyChangeKeyValue(key, FALSE, 0, event.get(), TRUE) == 0; };
     const bool tied = look();
+    // The tie holds the event. A wait that finds the signal at once leaves it tied.
+    const auto untie = foundation::onExit([&] { (void)static_cast<Event*>(event.get())->SetEventData(-1); });
     const std::uint32_t before = journal.asked;
     const auto start = Clock::now();
     // A writer that was killed may take a while to come back.
     const auto hasWritten = [&] { return journal.acknowledged > before || board().stop != 0; };
-    if (!test::within(kBound, hasWritten) || journal.acknowledged <= before) {
-        (void)static_cast<Event*>(event.get())->SetEventData(-1);
-        return;
-    }
+    if (!test::within(kBound, hasWritten) || journal.acknowledged <= before) return;
     Handle* handles[] = {event.get()};
     const bool told = tied && look() && WaitForMultipleObjects(1, handles, FALSE, 0) == WAIT_OBJECT_0;
-    if (!told) (void)static_cast<Event*>(event.get())->SetEventData(-1);
     check(ChangesAreTold, told, "writer %zu, after step %u", slot, before);
     note(Op::Notification, Clock::now() - start);
 }
