@@ -183,6 +183,9 @@ TEST_F(FileIo, MovesFromEachPlaceAndCutsToOneByteAlways) {
         EXPECT_EQ(SetFilePointer(file.get(), move.distance, &high, move.method), move.result)
             << move.distance;
     EXPECT_EQ(high, 77);
+    static_cast<File*>(file.get())->SetFd(-1);
+    EXPECT_EQ(errorOf(SetFilePointer(file.get(), 0, nullptr, FILE_CURRENT) != kFailed), EBADF);
+    static_cast<File*>(file.get())->SetFd(fd);  // which is open still
 
     EXPECT_EQ(tell(fd), 1);
     EXPECT_EQ(SetFilePointer(file.get(), 0, nullptr, FILE_CURRENT), 1u);

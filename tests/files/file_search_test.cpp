@@ -374,6 +374,15 @@ TEST_F(FileFind, KnowsNamesAttributesAndTimes) {
         EXPECT_FALSE(finder.MatchesMask(~row.attributes)) << row.name;
         EXPECT_FALSE(finder.GetCreationTime(nullptr));
     }
+    CFileFind times;
+    const timespec both[2] = {{1'000'000'000, 0}, {1'100'000'000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (d + "/b.txt").c_str(), both, 0), 0);
+    ASSERT_TRUE(times.FindFile("d/b.txt"));
+    EXPECT_FALSE(times.FindNextFile());
+    _FILETIME accessed{}, written{};
+    EXPECT_TRUE(times.GetLastAccessTime(&accessed) && times.GetLastWriteTime(&written));
+    EXPECT_EQ(FileTime2longlong(accessed), 1'000'000'000);
+    EXPECT_EQ(FileTime2longlong(written), 1'100'000'000);
     CFileFind finder;
     ASSERT_TRUE(finder.FindFile("/de[v]"));
     EXPECT_EQ(finder.GetRoot(), "/");

@@ -51,6 +51,28 @@ TEST(WatchHandle, TwoOnAPathShareAPassAndAreBothSignalled) {
     EXPECT_EQ(FindCloseChangeNotification(other), 0);
 }
 
+TEST(WatchHandle, IsSetUpAnewBeforeItIsWatched) {
+    const TempDir directory;
+    std::filesystem::create_directory(directory / "below");
+    const OwnedHandle handle(new ChangeNotificationHandle("/nowhere", FALSE, FILE_NOTIFY_CHANGE_SIZE));
+    ChangeNotificationHandle& watched = directoryOf(handle);
+    watched.SetPath(directory.path().c_str());
+    watched.SetWatchSubtree(TRUE);
+    watched.SetFilter(FILE_NOTIFY_CHANGE_LAST_WRITE);
+    watched.SetNotifyData(new NotifyRecords);
+    EXPECT_EQ(watched.GetFilter(), DWORD{FILE_NOTIFY_CHANGE_LAST_WRITE});
+    EXPECT_TRUE(FindNextChangeNotification(handle.get()));
+    writeText(directory / "below/file", "");
+    pass();
+    EXPECT_EQ(WaitForSingleObject(handle.get(), 0), WAIT_OBJECT_0);
+    EXPECT_FALSE(watched.GetNotifyData()->empty());
+    EXPECT_EQ(watched.GetChangeString(), (directory / "below").c_str());
+    watched.SetChanged(TRUE);
+    watched.SetChangeString("");
+    watched.Clear();
+    EXPECT_TRUE(watched.GetChangeString().empty() && !watched.GetChanged() && !watched.GetPending());
+}
+
 TEST(WatchHandle, EveryWaitSeesTheSignal) {
     const TempDir one, two;
     const OwnedHandle first(FindFirstChangeNotification(one.path().c_str(), FALSE, 0));

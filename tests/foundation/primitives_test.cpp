@@ -8,6 +8,7 @@
 #include <traiklofox/atomics.h>
 #include <traiklofox/critical_section.h>
 #include <traiklofox/diagnostics.h>
+#include <traiklofox/memory_blocks.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -137,6 +138,16 @@ TEST(Atomics, ReturnOldOrNewValueAsEachPromises) {
     EXPECT_EQ(InterlockedCompareExchange(&target, 1, 9), 9);
     EXPECT_EQ(InterlockedCompareExchange(&target, 2, 9), 1);
     EXPECT_EQ(target, 1);
+}
+
+TEST(MemoryBlocks, AreMovedCopiedFilledAndCleared) {
+    char block[] = "abcdef";
+    MoveMemory(block + 1, block, 4);
+    EXPECT_STREQ(block, "aabcdf");
+    FillMemory(block, 2, 'x');
+    ZeroMemory(block + 3, 1);
+    CopyMemory(block + 4, "yz", 2);
+    EXPECT_EQ(std::string(block, 6), std::string("xxb\0yz", 6));
 }
 
 int tryEnterFromAnotherThread(_critsection& section) {

@@ -13,6 +13,7 @@ using namespace traiklofox::test;
 TEST(Event, KeepsItsSignalUntilItIsResetOrAWaitConsumesIt) {
     for (const Kind kind : {Kind::Auto, Kind::Manual}) {
         const auto event = makeEvent(kind, true);
+        EXPECT_EQ(static_cast<Event*>(event.get())->IsManualReset(), kind == Kind::Manual);
         for (const DWORD timeout : {DWORD{0}, DWORD{1}, kBound, INFINITE}) {
             EXPECT_EQ(waitFor(event, timeout), WAIT_OBJECT_0);
             EXPECT_EQ(isSet(event), kind == Kind::Manual);
@@ -59,6 +60,21 @@ struct MortalEvent : Event {
     ~MortalEvent() override { ++deaths; }
     std::atomic<int>& deaths;
 };
+
+TEST(MultiEvent, IsToldOfTheEventsThatItsThreadWaitsForAlone) {
+    const auto first = makeEvent(), second = makeEvent(), stranger = makeEvent();
+    std::atomic<MultiEvent*> told = nullptr;
+    Worker waiter{[&] {
+        EXPECT_EQ(waitForAny({first.get(), second.get()}, 1), WAIT_TIMEOUT);
+        told = GetThreadContext()->multiEvent;
+        EXPECT_EQ(told.load()->PostEvent(static_cast<Event*>(first.get())), 0);
+        EXPECT_EQ(waitForAny({first.get(), second.get()}), WAIT_OBJECT_0 + 1);
+    }};
+    ASSERT_TRUE(soon([&] { return told != nullptr; }) && waiter.fallsAsleep());
+    EXPECT_EQ(told.load()->PostEvent(static_cast<Event*>(stranger.get())), 1);
+    EXPECT_EQ(told.load()->PostEvent(static_cast<Event*>(second.get())), 1);
+    waiter.join();
+}
 
 TEST(Event, LivesUntilItsLastHandleAndTheWaitsForItAreGone) {
     std::atomic<int> deaths = 0;

@@ -203,8 +203,10 @@ TEST(ProcessWatch, WorksInAForkedProcessToo) {
     ASSERT_TRUE(soon([&] { return first.handle->GetRefCount() == 1; }));
     ASSERT_EQ(waitForAny(handles, 1), WAIT_TIMEOUT);
     PipeEnds goOn;
+    EXPECT_EQ(GetCurrentProcessId(), static_cast<DWORD>(::getpid()));
     const pid_t pid = ::fork();
     if (pid == 0) {
+        if (GetCurrentProcessId() != static_cast<DWORD>(::getpid())) ExitProcess(16);
         goOn.out.reset();
         before.end();  // this process's share in it
         Child own;
@@ -215,7 +217,7 @@ TEST(ProcessWatch, WorksInAForkedProcessToo) {
         (void)readAll(goOn.in);
         const bool othersEnd = waitForAny(handles) == WAIT_OBJECT_0;
         const bool noCode = !GetExitCodeProcess(before.handle.get(), nullptr);
-        ::_exit((none ? 0 : 1) | (ownEnd ? 0 : 2) | (othersEnd ? 0 : 4) | (noCode ? 0 : 8));
+        ExitProcess((none ? 0 : 1) | (ownEnd ? 0 : 2) | (othersEnd ? 0 : 4) | (noCode ? 0 : 8));
     }
     before.endUnseen();
     goOn.out.reset();

@@ -200,7 +200,10 @@ constexpr uid_t kNobody = 65534;
 constexpr int kNoSuchUser = 77;
 
 TEST_ROLE(asNobody) {
-    if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) return kNoSuchUser;
+    SecurityToken nobody(0, 0);
+    if (nobody.SetUid(kNobody) + nobody.SetGid(kNobody) != 0) return 4;
+    if (!nobody.InvokeSecurityToken()) return kNoSuchUser;
+    if (::getuid() != kNobody || ::getgid() != kNobody || nobody.GetSavedUid() == kNobody) return 5;
     const OwnedHandle root{new SecurityToken(0, 0)};
     if (Spawn(0, root.get(), "/bin/true", nullptr, nullptr) != -1 || errno != EPERM) return 2;
     const rlimit none{0, 0};
@@ -221,6 +224,9 @@ TEST(Spawn, RunsAsTheTokensUserAndGroup) {
         EXPECT_EQ(outputOf(kIds, {flags, token.get(), nullptr, STARTF_GIVE_TO_TOKEN_OWNER}),
                   "65534\n65534\n65534\n");
     }
+    SecurityToken self(kNobody, kNobody);
+    EXPECT_EQ(self.SetUid(self.GetSavedUid()) + self.SetGid(self.GetSavedGid()), 2 * kNobody);
+    EXPECT_EQ(self.InvokeSecurityToken(), 1);
     EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1) << "the child's change of user reached its parent";
     struct stat null {};
     ASSERT_EQ(::stat("/dev/null", &null), 0);

@@ -35,6 +35,13 @@ void countedExit(unsigned int code) {
 }
 std::vector<void*> discarded;
 
+TEST(ThreadData, IsAValueForEachThread) {
+    ThreadPool::ThreadData data;
+    EXPECT_TRUE(data.SetData(&data));
+    std::thread([&] { EXPECT_EQ(data.GetData(), nullptr); }).join();
+    EXPECT_EQ(pthread_getspecific(data.GetKey()), &data);
+}
+
 class ThreadPoolTest : public testing::Test {
   protected:
     ~ThreadPoolTest() override { endPool(); }

@@ -1,6 +1,7 @@
 // Threads: starting, ending, suspending them, and those made beside the handles.
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <traiklofox/clocks.h>
 
@@ -77,6 +78,10 @@ TEST(Thread, IsSignalledToAllWaitersAndForEverOnceItHasEnded) {
     const OwnedHandle yetToBeCreated{new Thread(0)};
     EXPECT_EQ(GetThreadPriority(yetToBeCreated.get()), ESRCH);
     EXPECT_EQ(SuspendThread(yetToBeCreated.get()), DWORD(-1));
+    static_cast<Thread&>(*yetToBeCreated).SetTid(pthread_self());
+    EXPECT_EQ(GetThreadPriority(yetToBeCreated.get()), 0);
+    static_cast<Thread&>(*yetToBeCreated).SetState(THREAD_FINISHED);
+    EXPECT_EQ(waitFor(yetToBeCreated, 0), WAIT_OBJECT_0);
 
     Worker others{[] { EXPECT_EQ(static_cast<Thread*>(GetCurrentThread())->GetTid(), pthread_self()); }};
     EXPECT_NE(others.handle(), GetCurrentThread());
@@ -230,6 +235,18 @@ TEST(Suspend, ThreadMayBeStoppedAnywhere) {
         for (int round = 0; round < rounds(200); ++round)
             ASSERT_TRUE(thread.survivesSuspension(round % 8 != 0));
     }
+}
+
+TEST(UserAPCInit, BlocksTheResumeSignalAloneInAThreadThatBlocksNone) {
+    Worker{[] {
+        sigset_t mask;
+        sigemptyset(&mask);
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        UserAPCInit();
+        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        for (int number = 1; number < NSIG; ++number)
+            EXPECT_EQ(sigismember(&mask, number), number == SIGRTMIN + 2) << number;
+    }}.join();
 }
 
 TEST(UnixThread, RunsUnderTheCallersAttributesOrDetachedWithTheStackOfTheEnvironment) {

@@ -117,6 +117,11 @@ TEST_F(Sharing, ABumpedVersionIsReadAgainAndShown) {
     {
         const CapturedStdout printed;
         RegDumpVersion();
+        RegSetCacheLockName(nullptr);  // and those that are kept for their callers
+        RegWatchFile(0, nullptr, nullptr);
+        DumpRegistryCache();
+        std::vector<RegKey*> keys;
+        EXPECT_EQ(RegKeyWakeup(&keys), 0);
         EXPECT_EQ(printed.text(), "Lock owner PID: 0\nRegistry version stamp: " + std::to_string(stamp + 1) +
                                       "\nLast PID to write Registry: " + std::to_string(::getpid()) + "\n");
     }
