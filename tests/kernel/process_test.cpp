@@ -178,7 +178,8 @@ TEST(ProcessWatch, HoldsOneReferenceFromTheFirstMixedWaitToTheEnd) {
     });
 }
 
-TEST(ProcessWatch, FailsTheWaitWhereItsThreadCannotBeMade) {
+// A process of its own, where no test before has had the thread made.
+TEST_ROLE(watchesWithoutAThread) {
     Child child;
     const std::vector<Handle*> handles{unset.get(), child.handle.get()};
     {
@@ -191,6 +192,11 @@ TEST(ProcessWatch, FailsTheWaitWhereItsThreadCannotBeMade) {
     EXPECT_EQ(waitForAny(handles), WAIT_OBJECT_0 + 1);
     child.handle.reset();
     EXPECT_TRUE(soon(isChildless));
+    return 0;
+}
+
+TEST(ProcessWatch, FailsTheWaitWhereItsThreadCannotBeMade) {
+    EXPECT_EQ(RoleProcess("watchesWithoutAThread").wait(), ExitStatus::exited(0));
 }
 
 #if !defined(__SANITIZE_THREAD__)  // which cannot have a thread made in a forked process
