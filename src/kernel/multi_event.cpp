@@ -51,13 +51,14 @@ bool MultiEvent::post(LONG index) {
     return signaledIndex.compare_exchange_strong(none, index, std::memory_order_relaxed);
 }
 
+// Any thread may call this: the entry is looked for where the event's lock keeps it, not in the waiting thread's array.
 BOOL MultiEvent::PostEvent(Event* posting) {
-    if (count == 0) return 0;
-    for (DWORD i = 0; i < count; ++i) {
-        if (entries[i].event != posting) continue;
-        if (post(static_cast<LONG>(i))) event.Set();
-        break;
-    }
+    if (std::atomic_ref(count).load(std::memory_order_relaxed) == 0) return 0;
+    if (posting == nullptr) return 1;
+    const EventGuard guard(*posting);
+    const MultiWaitEntry* entry = posting->multiWaiters;
+    while (entry != nullptr && entry->owner != this) entry = entry->next;
+    if (entry != nullptr && post(entry->index)) event.Set();
     return 1;
 }
 
@@ -71,7 +72,7 @@ void MultiEvent::prepare(DWORD newCount, Handle** handles) {
         entries[i].owner = this;
         entries[i].index = static_cast<LONG>(i);
     }
-    count = newCount;
+    std::atomic_ref(count).store(newCount, std::memory_order_relaxed);
     enrolled = 0;
     signaledIndex.store(-1, std::memory_order_relaxed);
 }
@@ -116,7 +117,7 @@ void MultiEvent::leaveAll(DWORD result, BOOL waitAll) {
         left->DecRefCount();
     }
     enrolled = 0;
-    count = 0;
+    std::atomic_ref(count).store(0, std::memory_order_relaxed);
 }
 
 DWORD MultiEvent::sleepUntilPosted(const timespec* deadline, BOOL alertable) {
