@@ -2,14 +2,13 @@
 
 // OLE date values taken apart. All of it is inline, for the renderer to leave out what it does not show.
 
+#include <emmintrin.h>
+
+#include <array>
 #include <cmath>
 #include <cstdint>
 
 #include "locale/calendar.h"
-
-#ifdef __i386__
-#include <emmintrin.h>
-#endif
 
 namespace traiklofox::locale {
 
@@ -28,51 +27,61 @@ inline double passed(double argument) {
 }
 #endif
 
-/// A product of 64 bits. Of a fraction of 2^32 times n, `high` is the whole nths in it and `low` is what is left.
-struct Product {
-    constexpr Product(unsigned factor, unsigned other) : Product(std::uint64_t{factor} * other) {}
-    constexpr explicit Product(std::uint64_t product)
-        : high(static_cast<unsigned>(product >> 32)), low(static_cast<unsigned>(product)) {}
-    unsigned high;
-    unsigned low;
-};
-
 // None of these has a branch, because dates come in no order that a processor could foresee, and none divides by a
-// division: 613566757 is 2^32 / 7, 2939745 is 2^32 / 1461, 2141 is 2^16 times the months in a day, 1193047 is
-// 2^32 / 3600.
+// division: 613566757 is 2^32 / 7, 91867 is 2^27 / 1461, 37283 is 2^27 / 3600, 34953 is 2^21 / 60. With these factors,
+// each product of 32 bits is exact enough for every argument that a date has.
 
 inline unsigned dayOfWeek(unsigned days) {
-    return Product(613566757 * (days - 1), 7).high;
+    const unsigned fraction = 613566757 * (days - 1);
+    return (fraction >> 3) * 7 >> 29;
 }
 
-/// Stores year, month and day of a count of days since 0000-01-01. It counts years from March as well.
+/// A day of a year that begins with March, so that a leap day is its last.
+struct MarchDay {
+    std::uint8_t month;
+    std::uint8_t day;
+    std::uint8_t isNextYear;
+    std::uint8_t isAfterLeapDay;  // of a leap year
+    std::uint32_t dayOfYear;      // of a common year
+};
+
+constexpr auto kMarchYear = [] {
+    std::array<MarchDay, 366> days{};
+    MarchDay* next = days.data();
+    for (unsigned count = 0; count < 12; ++count) {
+        const unsigned month = (count + 2) % 12;
+        const bool isNextYear = month < 2;
+        const LONG length = mpmmdd[month + 1] - mpmmdd[month] + (month == 1);
+        for (LONG day = 1; day <= length; ++day)
+            *next++ = {static_cast<std::uint8_t>(month + 1), static_cast<std::uint8_t>(day), isNextYear,
+                       !isNextYear, static_cast<std::uint32_t>(mpmmdd[month] + day)};
+    }
+    return days;
+}();
+
+/// Stores year, month and day of a count of days since 0000-01-01.
 inline void setDate(tagUDS& fields, unsigned days) {
     constexpr unsigned kDaysOf400Years = 146097;
     constexpr unsigned kDaysBeforeMarch = 60;  // of the year 0, which is a leap year
-    constexpr unsigned kDaysOfMarchToYearEnd = 306;
     const unsigned quarterDays = 4 * (days - kDaysBeforeMarch) + 3;
     const unsigned century = quarterDays / kDaysOf400Years;
-    const unsigned quarterDaysOfCentury = quarterDays % kDaysOf400Years | 3;
-    const Product yearOfCentury(2939745, quarterDaysOfCentury);
-    const unsigned dayOfYear = yearOfCentury.low / 2939745 / 4;  // since March 1
-    const unsigned monthAndRest = 2141 * dayOfYear + 197913;
-
-    const unsigned isNextYear = dayOfYear >= kDaysOfMarchToYearEnd;
-    const unsigned yearToTest = yearOfCentury.high == 0 ? century : yearOfCentury.high;
-    const unsigned isLeap = yearToTest % 4 == 0;
-    fields.wYear = static_cast<WORD>(100 * century + yearOfCentury.high + isNextYear);
-    fields.wMonth = static_cast<WORD>((monthAndRest >> 16) - 12 * isNextYear);
-    fields.wDay = static_cast<WORD>((monthAndRest & 0xffff) / 2141 + 1);
-    fields.wDayOfYear = static_cast<WORD>(dayOfYear + 60 + isLeap - (365 + isLeap) * isNextYear);
+    const unsigned dayOfCentury = quarterDays % kDaysOf400Years / 4;
+    const unsigned yearOfCentury = (91867 * dayOfCentury + 80000) >> 25;
+    const MarchDay& day = kMarchYear[dayOfCentury - 1461 * yearOfCentury / 4];
+    const unsigned isLeap = (yearOfCentury == 0 ? century : yearOfCentury) % 4 == 0;
+    fields.wYear = static_cast<WORD>(100 * century + yearOfCentury + day.isNextYear);
+    fields.wMonth = day.month;
+    fields.wDay = day.day;
+    fields.wDayOfYear = static_cast<WORD>(day.dayOfYear + (isLeap & day.isAfterLeapDay));
 }
 
 inline void setTime(tagUDS& fields, unsigned secondOfDay) {
-    const Product hour(1193047, secondOfDay);
-    const Product minute(hour.low, 60);
-    const Product second(minute.low, 60);
-    fields.wHour = static_cast<WORD>(hour.high);
-    fields.wMinute = static_cast<WORD>(minute.high);
-    fields.wSecond = static_cast<WORD>(second.high);
+    const unsigned hour = 37283 * secondOfDay >> 27;
+    const unsigned secondOfHour = secondOfDay - 3600 * hour;
+    const unsigned minute = 34953 * secondOfHour >> 21;
+    fields.wHour = static_cast<WORD>(hour);
+    fields.wMinute = static_cast<WORD>(minute);
+    fields.wSecond = static_cast<WORD>(secondOfHour - 60 * minute);
 }
 
 /// `VarUdateFromDate`.
@@ -80,17 +89,20 @@ inline HRESULT unpackValue(double value, tagUDS& fields) {
     constexpr double kHalfSecond = 5.787037037037037e-06;
     constexpr double kBefore = kFirstDay - 1;
     constexpr double kAfter = kLastDay + 1;
-    const double rounded = value + std::copysign(kHalfSecond, value);
-    if (rounded > kBefore && rounded <= kLastDay) [[likely]]
-        value = rounded;
-    else if (!(value > kBefore && value < kAfter))
-        return E_INVALIDARG;
+    constexpr auto kFirst = static_cast<unsigned>(kFirstDay);
+    double rounded = value + std::copysign(kHalfSecond, value);
+    // Unlike a cast, this is defined for every value: what an int cannot hold becomes the least one.
+    int wholeDays = _mm_cvttsd_si32(_mm_set_sd(rounded));
+    if (static_cast<unsigned>(wholeDays) - kFirst >= unsigned{kLastDay} - kFirst) [[unlikely]] {
+        if (!(value > kBefore && value < kAfter)) return E_INVALIDARG;
+        if (!(rounded > kBefore && rounded <= kLastDay)) rounded = value;
+        wholeDays = static_cast<int>(rounded);
+    }
 
-    const int wholeDays = static_cast<int>(value);
     const auto days = static_cast<unsigned>(wholeDays + kDayZero);  // at least 36525
     fields.wDayOfWeek = static_cast<WORD>(dayOfWeek(days));
     setDate(fields, days);
-    const double fraction = std::abs(value - wholeDays);
+    const double fraction = std::abs(rounded - wholeDays);
     setTime(fields, static_cast<unsigned>(static_cast<int>(fraction * 86400)));
     return S_OK;
 }
