@@ -120,7 +120,7 @@ format:
 	@scripts/bootstrap lint
 	find include src tests bench examples tools fuzz -name '*.cpp' -o -name '*.h' 2>/dev/null | xargs clang-format -i
 
-lint:
+lint: docs
 	@scripts/bootstrap build lint
 	scripts/lint
 

@@ -29,7 +29,7 @@ namespace traiklofox::files {
 class NotificationState;
 }
 
-// What a handle's filter asks for. New and vanished files are reported whatever the filter says.
+/// What a handle's filter asks for. New and vanished files are reported whatever the filter says.
 constexpr DWORD FILE_NOTIFY_CHANGE_FILE_NAME = 0x001;
 constexpr DWORD FILE_NOTIFY_CHANGE_DIR_NAME = 0x002;    ///< accepted; directories are not reported
 constexpr DWORD FILE_NOTIFY_CHANGE_ATTRIBUTES = 0x004;  ///< another mode, owner or group
@@ -39,7 +39,7 @@ constexpr DWORD FILE_NOTIFY_CHANGE_LAST_ACCESS = 0x020;  ///< accepted; not look
 constexpr DWORD FILE_NOTIFY_CHANGE_CREATION = 0x040;
 constexpr DWORD FILE_NOTIFY_CHANGE_SECURITY = 0x100;
 
-// What has happened to a file.
+/// What has happened to a file.
 constexpr DWORD FILE_ACTION_ADDED = 1;  ///< or found by the first scan
 constexpr DWORD FILE_ACTION_REMOVED = 2;
 constexpr DWORD FILE_ACTION_MODIFIED = 3;
@@ -53,6 +53,8 @@ struct _NOTIFY_INFO {
     DWORD attributes;  ///< FILE_ATTRIBUTE_NORMAL, or FILE_ATTRIBUTE_DIRECTORY for the whole directory
     DWORD size;        ///< the low 32 bits
 };
+
+/// Changes in the order in which they were found.
 typedef std::deque<_NOTIFY_INFO> NotifyRecords;
 
 /// A change as it stands in a caller's buffer, followed by others at multiples of 4 bytes.

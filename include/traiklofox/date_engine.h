@@ -13,19 +13,28 @@
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>
 
+/// An OLE result: 0, or a number with its highest bit set.
 typedef LONG HRESULT;
 typedef HRESULT SCODE;
+
+/// An OLE date value: days since 1899-12-30, and the time of day as a fraction.
 typedef double DATE;
+
+/// The type of a variant's value, a `VT_` number.
 typedef unsigned short VARTYPE;
 
+/// It was done.
 constexpr HRESULT S_OK = 0;
+/// A text that is no date, or fields that are none.
 constexpr HRESULT DISP_E_TYPEMISMATCH = static_cast<HRESULT>(0x80020005);
 /// The number of 16-bit OLE.
 constexpr HRESULT E_INVALIDARG = static_cast<HRESULT>(0x80000003);
 
+/// Flags of the date engine: the time of day, or the day, alone.
 constexpr DWORD VAR_TIMEVALUEONLY = 1;
 constexpr DWORD VAR_DATEVALUEONLY = 2;
 
+/// What a variant holds: nothing, no value, a double, a date.
 constexpr VARTYPE VT_EMPTY = 0;
 constexpr VARTYPE VT_NULL = 1;
 constexpr VARTYPE VT_R8 = 5;

@@ -4,7 +4,7 @@
 
 #include <traiklofox/types.h>
 
-// Results of the library's functions that are not errno values. -1 is every other failure.
+/// Results of the library's functions that are not errno values. -1 is every other failure.
 constexpr LONG ERROR_SUCCESS = 0;
 constexpr LONG ERROR_INVALID_DATA = 13;    ///< no such key or value
 constexpr LONG ERROR_MORE_DATA = 234;      ///< the caller's buffer is too small

@@ -6,6 +6,7 @@
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>
 
+/// Attributes of files, in the library's own numbers.
 constexpr DWORD FILE_ATTRIBUTE_ARCHIVE = 0x001;
 constexpr DWORD FILE_ATTRIBUTE_COMPRESSED = 0x002;
 constexpr DWORD FILE_ATTRIBUTE_HIDDEN = 0x004;

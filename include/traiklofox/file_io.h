@@ -13,31 +13,31 @@
 
 struct _OVERLAPPED;
 
-// How `CreateFile` accesses a file. Unlike Win32, in the library's own numbers.
+/// How `CreateFile` accesses a file. Unlike Win32, in the library's own numbers.
 constexpr DWORD GENERIC_READ = 1;
 constexpr DWORD GENERIC_WRITE = 2;
 constexpr DWORD FILE_APPEND_DATA = 4;     ///< every write goes to the end
 constexpr DWORD FILE_LIST_DIRECTORY = 1;  ///< of a directory: as `GENERIC_READ`
 
-// How `CreateFile` shares a file: ignored, since any process may open any file at any time.
+/// How `CreateFile` shares a file: ignored, since any process may open any file at any time.
 constexpr DWORD FILE_SHARE_READ = 1;
 constexpr DWORD FILE_SHARE_WRITE = 2;
 constexpr DWORD FILE_SHARE_DELETE = 4;
 
-// What `CreateFile` makes of a file that exists, or does not.
+/// What `CreateFile` makes of a file that exists, or does not.
 constexpr DWORD CREATE_NEW = 1;         ///< must not exist
 constexpr DWORD CREATE_ALWAYS = 2;      ///< is emptied, or made
 constexpr DWORD OPEN_EXISTING = 3;      ///< must exist
 constexpr DWORD OPEN_ALWAYS = 4;        ///< is opened, or made
 constexpr DWORD TRUNCATE_EXISTING = 5;  ///< unlike Win32, as `CREATE_ALWAYS`: is emptied, or made
 
-// Flags of `CreateFile`, which may be combined with attributes. All but the first are ignored.
+/// Flags of `CreateFile`, which may be combined with attributes. All but the first are ignored.
 constexpr DWORD FILE_FLAG_BACKUP_SEMANTICS = 0x4000;  ///< opens a directory, to watch it
 constexpr DWORD FILE_FLAG_OVERLAPPED = 0x40000000;
 constexpr DWORD FILE_FLAG_RANDOM_ACCESS = 0x10000000;
 constexpr DWORD FILE_FLAG_SEQUENTIAL_SCAN = 0x08000000;
 
-// Where `SetFilePointer` counts from.
+/// Where `SetFilePointer` counts from.
 constexpr DWORD FILE_BEGIN = 0;
 constexpr DWORD FILE_CURRENT = 1;
 constexpr DWORD FILE_END = 2;

@@ -13,11 +13,11 @@
 #include <traiklofox/handle.h>
 #include <traiklofox/types.h>
 
-// How a mapping is opened: the flags of `open`.
+/// How a mapping is opened: the flags of `open`.
 constexpr DWORD PAGE_READONLY = O_RDONLY;
 constexpr DWORD PAGE_READWRITE = O_RDWR;
 
-// How a view is accessed: the protection bits of `mmap`.
+/// How a view is accessed: the protection bits of `mmap`.
 constexpr DWORD FILE_MAP_READ = PROT_READ;
 constexpr DWORD FILE_MAP_WRITE = PROT_WRITE;
 constexpr DWORD FILE_MAP_ALL_ACCESS = PROT_READ | PROT_WRITE;

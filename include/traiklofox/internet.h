@@ -13,8 +13,10 @@
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>
 
+/// A port's number; 0 where a URL has none and its scheme none by custom.
 typedef WORD INTERNET_PORT;
 
+/// The ports that schemes have by custom, and the number of none.
 constexpr INTERNET_PORT INTERNET_INVALID_PORT_NUMBER = 0;
 constexpr INTERNET_PORT INTERNET_DEFAULT_FTP_PORT = 21;
 constexpr INTERNET_PORT INTERNET_DEFAULT_GOPHER_PORT = 70;
@@ -22,6 +24,8 @@ constexpr INTERNET_PORT INTERNET_DEFAULT_HTTP_PORT = 80;
 constexpr INTERNET_PORT INTERNET_DEFAULT_HTTPS_PORT = 443;
 constexpr INTERNET_PORT INTERNET_DEFAULT_SOCKS_PORT = 1080;
 
+/// The schemes that are known, as Win32 numbers them. A URL of another has UNKNOWN; DEFAULT means "http" where a URL is
+/// made; PARTIAL is not used.
 enum INTERNET_SCHEME : int {
     INTERNET_SCHEME_PARTIAL = -2,
     INTERNET_SCHEME_UNKNOWN = -1,
@@ -42,6 +46,7 @@ enum INTERNET_SCHEME : int {
 };
 typedef INTERNET_SCHEME* LPINTERNET_SCHEME;
 
+/// Flags, with the meaning that each has for the functions that accept it.
 constexpr DWORD ICU_ENCODE_PERCENT = 0x00001000;      ///< escapes "%" as well
 constexpr DWORD ICU_BROWSER_MODE = 0x02000000;        ///< escapes nothing behind "?" or "#"
 constexpr DWORD ICU_ENCODE_SPACES_ONLY = 0x04000000;  ///< escapes only blanks
@@ -53,21 +58,21 @@ constexpr DWORD ICU_ESCAPE = 0x80000000;              ///< see `InternetCrackUrl
 
 /// The parts of a URL.
 struct URL_COMPONENTS {
-    DWORD dwStructSize;  ///< sizeof(URL_COMPONENTS)
-    LPSTR lpszScheme;    ///< "http", without a colon
-    DWORD dwSchemeLength;
-    INTERNET_SCHEME nScheme;
-    LPSTR lpszHostName;  ///< an IPv6 address without its brackets
-    DWORD dwHostNameLength;
-    INTERNET_PORT nPort;
-    LPSTR lpszUserName;
-    DWORD dwUserNameLength;
-    LPSTR lpszPassword;
-    DWORD dwPasswordLength;
-    LPSTR lpszUrlPath;  ///< from the "/" on
-    DWORD dwUrlPathLength;
-    LPSTR lpszExtraInfo;  ///< from the "?" or "#" on
-    DWORD dwExtraInfoLength;
+    DWORD dwStructSize;       ///< sizeof(URL_COMPONENTS)
+    LPSTR lpszScheme;         ///< "http", without a colon
+    DWORD dwSchemeLength;     ///< of it, as of each part below, in characters
+    INTERNET_SCHEME nScheme;  ///< its number
+    LPSTR lpszHostName;       ///< an IPv6 address without its brackets
+    DWORD dwHostNameLength;   ///< in characters
+    INTERNET_PORT nPort;      ///< the one given, or the scheme's
+    LPSTR lpszUserName;       ///< from the "//" to a ":" or the "@"
+    DWORD dwUserNameLength;   ///< in characters
+    LPSTR lpszPassword;       ///< from that ":" to the "@"
+    DWORD dwPasswordLength;   ///< in characters
+    LPSTR lpszUrlPath;        ///< from the "/" on
+    DWORD dwUrlPathLength;    ///< in characters
+    LPSTR lpszExtraInfo;      ///< from the "?" or "#" on
+    DWORD dwExtraInfoLength;  ///< in characters
 };
 typedef URL_COMPONENTS* LPURL_COMPONENTS;
 

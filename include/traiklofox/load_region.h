@@ -16,7 +16,7 @@
 #include <traiklofox/handle.h>
 
 constexpr DWORD LOAD_NO_SERVER = 0xFFFFFFFF;  ///< instead of a load: no server is attached
-constexpr DWORD LOAD_MAXIMUM = 100;
+constexpr DWORD LOAD_MAXIMUM = 100;           ///< the heaviest load
 
 /// Opens the region, or makes it, and begins anew, every time and whoever else has it open: the load is LOAD_NO_SERVER.
 ///

@@ -9,8 +9,10 @@
 #include <traiklofox/assertions.h>
 #include <traiklofox/types.h>
 
+/// A locale query's number.
 typedef DWORD LCTYPE;
 
+/// Other numbers of US English.
 constexpr LCID LOCALE_NEUTRAL = 0;
 constexpr LCID LOCALE_USER_DEFAULT = 1024;
 constexpr LCID LOCALE_SYSTEM_DEFAULT = 2048;
@@ -126,10 +128,11 @@ TRAIKLOFOX_C_API int GetLocaleInfoA(LCID locale, LCTYPE query, char* buffer, int
 /// for a null format, or for want of memory.
 TRAIKLOFOX_API char* snProcessLocaleInfo(const char* format, LCTYPE query);
 
+/// Flags of a query, which change nothing: no user overrides anything, and answers have the locale's encoding.
 constexpr LCTYPE LOCALE_NOUSEROVERRIDE = 0x80000000;
 constexpr LCTYPE LOCALE_USE_CP_ACP = 0x40000000;
 
-// What can be asked. Numbers and flags are answered in decimal digits, as on Win32.
+/// What can be asked. Numbers and flags are answered in decimal digits, as on Win32.
 constexpr LCTYPE LOCALE_ILANGUAGE = 0x0001;         ///< the LCID in four hexadecimal digits
 constexpr LCTYPE LOCALE_SLANGUAGE = 0x0002;         ///< language, in English
 constexpr LCTYPE LOCALE_SABBREVLANGNAME = 0x0003;   ///< language in three letters
@@ -143,63 +146,65 @@ constexpr LCTYPE LOCALE_IDEFAULTCOUNTRY = 0x000A;   ///< as `LOCALE_ICOUNTRY`
 constexpr LCTYPE LOCALE_IDEFAULTCODEPAGE = 0x000B;  ///< Win32's number of the encoding
 constexpr LCTYPE LOCALE_SLIST = 0x000C;             ///< ";" where the decimal sign is a comma, else ","
 constexpr LCTYPE LOCALE_IMEASURE = 0x000D;          ///< 0 metric, 1 US
-constexpr LCTYPE LOCALE_SDECIMAL = 0x000E;
-constexpr LCTYPE LOCALE_STHOUSAND = 0x000F;
-constexpr LCTYPE LOCALE_SGROUPING = 0x0010;  ///< sizes of groups, as "3;0"; 0 repeats the one before it
-constexpr LCTYPE LOCALE_IDIGITS = 0x0011;
-constexpr LCTYPE LOCALE_ILZERO = 0x0012;
-constexpr LCTYPE LOCALE_SNATIVEDIGITS = 0x0013;
-constexpr LCTYPE LOCALE_SCURRENCY = 0x0014;
-constexpr LCTYPE LOCALE_SINTLSYMBOL = 0x0015;
-constexpr LCTYPE LOCALE_SMONDECIMALSEP = 0x0016;
-constexpr LCTYPE LOCALE_SMONTHOUSANDSEP = 0x0017;
-constexpr LCTYPE LOCALE_SMONGROUPING = 0x0018;
-constexpr LCTYPE LOCALE_ICURRDIGITS = 0x0019;
-constexpr LCTYPE LOCALE_IINTLCURRDIGITS = 0x001A;
-constexpr LCTYPE LOCALE_ICURRENCY = 0x001B;
-constexpr LCTYPE LOCALE_INEGCURR = 0x001C;
-constexpr LCTYPE LOCALE_SDATE = 0x001D;  ///< what stands between the first two parts of a short date
-constexpr LCTYPE LOCALE_STIME = 0x001E;  ///< what stands between hour and minute
-constexpr LCTYPE LOCALE_SSHORTDATE = 0x001F;
-constexpr LCTYPE LOCALE_SLONGDATE = 0x0020;
-constexpr LCTYPE LOCALE_IDATE = 0x0021;   ///< `DATE_ORDER_` value of short dates
-constexpr LCTYPE LOCALE_ILDATE = 0x0022;  ///< likewise of long ones
-constexpr LCTYPE LOCALE_ITIME = 0x0023;   ///< 0 twelve hours, 1 twenty-four
-constexpr LCTYPE LOCALE_ICENTURY = 0x0024;
-constexpr LCTYPE LOCALE_ITLZERO = 0x0025;
-constexpr LCTYPE LOCALE_IDAYLZERO = 0x0026;
-constexpr LCTYPE LOCALE_IMONLZERO = 0x0027;
-constexpr LCTYPE LOCALE_S1159 = 0x0028;              ///< AM designator
-constexpr LCTYPE LOCALE_S2359 = 0x0029;              ///< PM designator
-constexpr LCTYPE LOCALE_SDAYNAME1 = 0x002A;          ///< Monday; Sunday is 6 further
+constexpr LCTYPE LOCALE_SDECIMAL = 0x000E;          ///< decimal sign
+constexpr LCTYPE LOCALE_STHOUSAND = 0x000F;         ///< what stands between groups of digits
+constexpr LCTYPE LOCALE_SGROUPING = 0x0010;        ///< sizes of groups, as "3;0"; 0 repeats the one before it
+constexpr LCTYPE LOCALE_IDIGITS = 0x0011;          ///< digits behind the decimal sign: 2
+constexpr LCTYPE LOCALE_ILZERO = 0x0012;           ///< 1: ".5" is written "0.5"
+constexpr LCTYPE LOCALE_SNATIVEDIGITS = 0x0013;    ///< the digits 0 to 9
+constexpr LCTYPE LOCALE_SCURRENCY = 0x0014;        ///< the currency's sign
+constexpr LCTYPE LOCALE_SINTLSYMBOL = 0x0015;      ///< the currency in three letters
+constexpr LCTYPE LOCALE_SMONDECIMALSEP = 0x0016;   ///< decimal sign of amounts
+constexpr LCTYPE LOCALE_SMONTHOUSANDSEP = 0x0017;  ///< what stands between groups of digits of amounts
+constexpr LCTYPE LOCALE_SMONGROUPING = 0x0018;     ///< as `LOCALE_SGROUPING`, of amounts
+constexpr LCTYPE LOCALE_ICURRDIGITS = 0x0019;      ///< digits of amounts behind the decimal sign
+constexpr LCTYPE LOCALE_IINTLCURRDIGITS = 0x001A;  ///< likewise, with the currency in three letters
+constexpr LCTYPE LOCALE_ICURRENCY =
+    0x001B;  ///< the sign: 0 before, 1 behind, 2 before with a blank, 3 behind with one
+constexpr LCTYPE LOCALE_INEGCURR = 0x001C;    ///< form of negative amounts, 0 to 15
+constexpr LCTYPE LOCALE_SDATE = 0x001D;       ///< what stands between the first two parts of a short date
+constexpr LCTYPE LOCALE_STIME = 0x001E;       ///< what stands between hour and minute
+constexpr LCTYPE LOCALE_SSHORTDATE = 0x001F;  ///< picture of a short date
+constexpr LCTYPE LOCALE_SLONGDATE = 0x0020;   ///< picture of a long date
+constexpr LCTYPE LOCALE_IDATE = 0x0021;       ///< `DATE_ORDER_` value of short dates
+constexpr LCTYPE LOCALE_ILDATE = 0x0022;      ///< likewise of long ones
+constexpr LCTYPE LOCALE_ITIME = 0x0023;       ///< 0 twelve hours, 1 twenty-four
+constexpr LCTYPE LOCALE_ICENTURY = 0x0024;    ///< 1: short dates have four digits of the year
+constexpr LCTYPE LOCALE_ITLZERO = 0x0025;     ///< 1: an hour below 10 has a leading zero
+constexpr LCTYPE LOCALE_IDAYLZERO = 0x0026;   ///< 1: a day below 10 has one in short dates
+constexpr LCTYPE LOCALE_IMONLZERO = 0x0027;   ///< 1: a month below 10 has one in short dates
+constexpr LCTYPE LOCALE_S1159 = 0x0028;       ///< AM designator
+constexpr LCTYPE LOCALE_S2359 = 0x0029;       ///< PM designator
+constexpr LCTYPE LOCALE_SDAYNAME1 = 0x002A;   ///< Monday; Sunday is 6 further
 constexpr LCTYPE LOCALE_SABBREVDAYNAME1 = 0x0031;    ///< likewise
 constexpr LCTYPE LOCALE_SMONTHNAME1 = 0x0038;        ///< January; December is 11 further
 constexpr LCTYPE LOCALE_SABBREVMONTHNAME1 = 0x0044;  ///< likewise
-constexpr LCTYPE LOCALE_SPOSITIVESIGN = 0x0050;
-constexpr LCTYPE LOCALE_SNEGATIVESIGN = 0x0051;
-constexpr LCTYPE LOCALE_IPOSSIGNPOSN = 0x0052;
-constexpr LCTYPE LOCALE_INEGSIGNPOSN = 0x0053;
-constexpr LCTYPE LOCALE_IPOSSYMPRECEDES = 0x0054;
-constexpr LCTYPE LOCALE_IPOSSEPBYSPACE = 0x0055;
-constexpr LCTYPE LOCALE_INEGSYMPRECEDES = 0x0056;
-constexpr LCTYPE LOCALE_INEGSEPBYSPACE = 0x0057;
-constexpr LCTYPE LOCALE_SISO639LANGNAME = 0x0059;    ///< language in two letters
-constexpr LCTYPE LOCALE_SISO3166CTRYNAME = 0x005A;   ///< country in two letters
-constexpr LCTYPE LOCALE_SNAME = 0x005C;              ///< as "de-DE"
-constexpr LCTYPE LOCALE_SSHORTESTDAYNAME1 = 0x0060;  ///< the abbreviated names
-constexpr LCTYPE LOCALE_SISO639LANGNAME2 = 0x0067;   ///< language in three letters
-constexpr LCTYPE LOCALE_SISO3166CTRYNAME2 = 0x0068;  ///< country in three letters
-constexpr LCTYPE LOCALE_SENGLANGUAGE = 0x1001;       ///< language, in English
-constexpr LCTYPE LOCALE_SENGCOUNTRY = 0x1002;        ///< country, in English
-constexpr LCTYPE LOCALE_STIMEFORMAT = 0x1003;
+constexpr LCTYPE LOCALE_SPOSITIVESIGN = 0x0050;      ///< sign of positive amounts
+constexpr LCTYPE LOCALE_SNEGATIVESIGN = 0x0051;      ///< sign of negative amounts
+constexpr LCTYPE LOCALE_IPOSSIGNPOSN =
+    0x0052;  ///< where it stands: 0 parentheses, 1 before, 2 behind, 3 just before the currency, 4 just behind
+constexpr LCTYPE LOCALE_INEGSIGNPOSN = 0x0053;          ///< likewise of negative amounts
+constexpr LCTYPE LOCALE_IPOSSYMPRECEDES = 0x0054;       ///< 1: the currency stands before a positive amount
+constexpr LCTYPE LOCALE_IPOSSEPBYSPACE = 0x0055;        ///< 1: with a blank between
+constexpr LCTYPE LOCALE_INEGSYMPRECEDES = 0x0056;       ///< 1: the currency stands before a negative amount
+constexpr LCTYPE LOCALE_INEGSEPBYSPACE = 0x0057;        ///< 1: with a blank between
+constexpr LCTYPE LOCALE_SISO639LANGNAME = 0x0059;       ///< language in two letters
+constexpr LCTYPE LOCALE_SISO3166CTRYNAME = 0x005A;      ///< country in two letters
+constexpr LCTYPE LOCALE_SNAME = 0x005C;                 ///< as "de-DE"
+constexpr LCTYPE LOCALE_SSHORTESTDAYNAME1 = 0x0060;     ///< the abbreviated names
+constexpr LCTYPE LOCALE_SISO639LANGNAME2 = 0x0067;      ///< language in three letters
+constexpr LCTYPE LOCALE_SISO3166CTRYNAME2 = 0x0068;     ///< country in three letters
+constexpr LCTYPE LOCALE_SENGLANGUAGE = 0x1001;          ///< language, in English
+constexpr LCTYPE LOCALE_SENGCOUNTRY = 0x1002;           ///< country, in English
+constexpr LCTYPE LOCALE_STIMEFORMAT = 0x1003;           ///< picture of a time
 constexpr LCTYPE LOCALE_IDEFAULTANSICODEPAGE = 0x1004;  ///< Win32's number of the encoding
 constexpr LCTYPE LOCALE_ITIMEMARKPOSN = 0x1005;         ///< 1: the designator stands before the hour
-constexpr LCTYPE LOCALE_ICALENDARTYPE = 0x1009;
-constexpr LCTYPE LOCALE_IPAPERSIZE = 0x100A;  ///< 1 letter, 9 A4
-constexpr LCTYPE LOCALE_IOPTIONALCALENDAR = 0x100B;
-constexpr LCTYPE LOCALE_IFIRSTDAYOFWEEK = 0x100C;  ///< 0 is Monday
+constexpr LCTYPE LOCALE_ICALENDARTYPE = 0x1009;         ///< 1: Gregorian
+constexpr LCTYPE LOCALE_IPAPERSIZE = 0x100A;            ///< 1 letter, 9 A4
+constexpr LCTYPE LOCALE_IOPTIONALCALENDAR = 0x100B;     ///< 0: none
+constexpr LCTYPE LOCALE_IFIRSTDAYOFWEEK = 0x100C;       ///< 0 is Monday
 constexpr LCTYPE LOCALE_IFIRSTWEEKOFYEAR =
     0x100D;                                     ///< 0 has January 1, 1 is whole, 2 has four days of the year
 constexpr LCTYPE LOCALE_SMONTHNAME13 = 0x100E;  ///< empty: no listed locale has such a month
 constexpr LCTYPE LOCALE_SABBREVMONTHNAME13 = 0x100F;  ///< likewise
-constexpr LCTYPE LOCALE_INEGNUMBER = 0x1010;
+constexpr LCTYPE LOCALE_INEGNUMBER = 0x1010;          ///< form of negative numbers, 1: "-1.1"

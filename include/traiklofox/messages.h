@@ -16,10 +16,11 @@ constexpr DWORD FORMAT_MESSAGE_FROM_SYSTEM = 0x1000;     ///< the text of an err
 constexpr DWORD FORMAT_MESSAGE_ARGUMENT_ARRAY = 0x2000;  ///< `arguments` is an array
 constexpr DWORD FORMAT_MESSAGE_MAX_WIDTH_MASK = 0xFF;    ///< the low byte, see `FormatMessage`
 
-constexpr UINT LMEM_FIXED = 0;        ///< as `malloc` gives it
-constexpr UINT LMEM_ZEROINIT = 0x40;  ///< filled with 0
-constexpr UINT LPTR = LMEM_FIXED | LMEM_ZEROINIT;
+constexpr UINT LMEM_FIXED = 0;                     ///< as `malloc` gives it
+constexpr UINT LMEM_ZEROINIT = 0x40;               ///< filled with 0
+constexpr UINT LPTR = LMEM_FIXED | LMEM_ZEROINIT;  ///< both
 
+/// Memory of `LocalAlloc`: its address.
 typedef void* HLOCAL;
 
 /// Formats a message of at most 65,535 characters.

@@ -7,7 +7,7 @@
 
 #include <traiklofox/types.h>
 
-// Flags of `MoveFileEx`, in the library's own numbers.
+/// Flags of `MoveFileEx`, in the library's own numbers.
 constexpr DWORD MOVEFILE_COPY_ALLOWED = 1;        ///< to another file system, copies and deletes
 constexpr DWORD MOVEFILE_DELAY_UNTIL_REBOOT = 2;  ///< not supported: reported, then ignored
 constexpr DWORD MOVEFILE_REPLACE_EXISTING = 4;    ///< without it nothing is moved at all

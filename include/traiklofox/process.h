@@ -15,6 +15,7 @@ struct ChildRecord;
 class ProcessLife;
 }  // namespace traiklofox::kernel
 
+/// How far a process's end is known.
 enum ProcState_t : int {
     PROCESS_RUNNING = 0,  ///< no wait has seen it end
     PROCESS_EXITED = 1,   ///< a wait has seen it end

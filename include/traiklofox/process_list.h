@@ -4,7 +4,7 @@
 ///
 /// Every function may be called by any thread. What is told may have changed by the time that the caller looks at it.
 ///
-/// Where a line of /proc/<id>/stat is shorter than it should be, or /proc/<id>/exe reads as a device and an inode (it
+/// Where a line of "/proc/ID/stat" is shorter than it should be, or "/proc/ID/exe" reads as a device and an inode (it
 /// has a ":" in it), /proc is an old kernel's; from then on, and until the process ends, `EnumProcesses` is
 /// `DumbEnumProcesses`, and `GetProcessName` asks for no path.
 

@@ -36,7 +36,8 @@ typedef DWORD REGSAM;
 /// for what that means for keys created directly below it.
 constexpr HKEY HKEY_LOCAL_MACHINE = static_cast<HKEY>(0);
 
-constexpr DWORD REG_NONE = 0;
+/// Types of values.
+constexpr DWORD REG_NONE = 0;      ///< no value has it
 constexpr DWORD REG_SZ = 1;        ///< NUL-terminated text
 constexpr DWORD REG_DWORD = 4;     ///< a 32-bit number
 constexpr DWORD REG_MULTI_SZ = 7;  ///< texts, each NUL-terminated, and one more NUL
@@ -52,7 +53,7 @@ constexpr REGSAM KEY_READ = 0x19;
 constexpr REGSAM KEY_WRITE = 0x20006;
 constexpr REGSAM KEY_ALL_ACCESS = 0xF003F;
 
-constexpr DWORD REG_OPTION_NON_VOLATILE = 0;
+constexpr DWORD REG_OPTION_NON_VOLATILE = 0;  ///< the one kind of key that there is
 
 /// What `RegCreateKeyEx` did.
 constexpr DWORD REG_CREATED_NEW_KEY = 1;

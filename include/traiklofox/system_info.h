@@ -8,26 +8,30 @@
 
 #include <traiklofox/types.h>
 
+/// What the library was built for: 32-bit x86, x86-64.
 constexpr WORD PROCESSOR_ARCHITECTURE_INTEL = 0;
 constexpr WORD PROCESSOR_ARCHITECTURE_AMD64 = 9;
+
+/// Types of processors, likewise.
 constexpr DWORD PROCESSOR_INTEL_PENTIUM = 586;
 constexpr DWORD PROCESSOR_AMD_X8664 = 8664;
 
+/// The processors, and the memory's granularity.
 struct _SYSTEM_INFO {
     union {
         DWORD dwOemId;  ///< obsolete
         struct {
             WORD wProcessorArchitecture;  ///< what this library was built for
-            WORD wReserved;
+            WORD wReserved;               ///< 0
         };
     };
-    DWORD dwPageSize;
-    LPVOID lpMinimumApplicationAddress;  ///< lowest and highest address that memory may have
-    LPVOID lpMaximumApplicationAddress;
+    DWORD dwPageSize;                    ///< in bytes
+    LPVOID lpMinimumApplicationAddress;  ///< lowest address that memory may have
+    LPVOID lpMaximumApplicationAddress;  ///< highest address that memory may have
     DWORD_PTR
-    dwActiveProcessorMask;  ///< a bit for each of the processors counted below, as far as there are bits
-    DWORD dwNumberOfProcessors;
-    DWORD dwProcessorType;          ///< PROCESSOR_INTEL_PENTIUM or PROCESSOR_AMD_X8664
+    dwActiveProcessorMask;       ///< a bit for each of the processors counted below, as far as there are bits
+    DWORD dwNumberOfProcessors;  ///< see `GetSystemInfo`
+    DWORD dwProcessorType;       ///< PROCESSOR_INTEL_PENTIUM or PROCESSOR_AMD_X8664
     DWORD dwAllocationGranularity;  ///< the page size: nothing is coarser here
     WORD wProcessorLevel;           ///< the processor's family; 0 where it is not told
     WORD wProcessorRevision;        ///< model in the high byte, stepping in the low one
@@ -39,28 +43,30 @@ typedef SYSTEM_INFO* LPSYSTEM_INFO;
 /// share of time amounts to, rounded up; at least 1. A null pointer is ignored.
 TRAIKLOFOX_C_API void GetSystemInfo(LPSYSTEM_INFO info);
 
+/// The memory, in bytes unless it says otherwise.
 struct _MEMORYSTATUS {
     DWORD dwLength;          ///< set by the call
     DWORD dwMemoryLoad;      ///< how much of the memory is in use, in percent
     SIZE_T dwTotalPhys;      ///< bytes of memory
     SIZE_T dwAvailPhys;      ///< of it, what can be had without swapping
     SIZE_T dwTotalPageFile;  ///< memory and swap space
-    SIZE_T dwAvailPageFile;
-    SIZE_T dwTotalVirtual;  ///< the process's address space
-    SIZE_T dwAvailVirtual;
+    SIZE_T dwAvailPageFile;  ///< of both, what is free
+    SIZE_T dwTotalVirtual;   ///< the process's address space
+    SIZE_T dwAvailVirtual;   ///< of it, what is free
 };
 typedef _MEMORYSTATUS MEMORYSTATUS;
 typedef MEMORYSTATUS* LPMEMORYSTATUS;
 
+/// The same in 64 bits.
 struct _MEMORYSTATUSEX {
-    DWORD dwLength;  ///< sizeof(MEMORYSTATUSEX), set by the caller
-    DWORD dwMemoryLoad;
-    DWORDLONG ullTotalPhys;
-    DWORDLONG ullAvailPhys;
-    DWORDLONG ullTotalPageFile;
-    DWORDLONG ullAvailPageFile;
-    DWORDLONG ullTotalVirtual;
-    DWORDLONG ullAvailVirtual;
+    DWORD dwLength;                     ///< sizeof(MEMORYSTATUSEX), set by the caller
+    DWORD dwMemoryLoad;                 ///< how much of the memory is in use, in percent
+    DWORDLONG ullTotalPhys;             ///< bytes of memory
+    DWORDLONG ullAvailPhys;             ///< of it, what can be had without swapping
+    DWORDLONG ullTotalPageFile;         ///< memory and swap space
+    DWORDLONG ullAvailPageFile;         ///< of both, what is free
+    DWORDLONG ullTotalVirtual;          ///< the process's address space
+    DWORDLONG ullAvailVirtual;          ///< of it, what is free
     DWORDLONG ullAvailExtendedVirtual;  ///< 0
 };
 typedef _MEMORYSTATUSEX MEMORYSTATUSEX;
@@ -74,9 +80,11 @@ TRAIKLOFOX_C_API void GlobalMemoryStatus(LPMEMORYSTATUS status);
 /// does not tell (/proc is missing).
 TRAIKLOFOX_C_API BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX status);
 
+/// The platform and the product that `GetVersionEx` tells, always.
 constexpr DWORD VER_PLATFORM_WIN32_NT = 2;
 constexpr BYTE VER_NT_SERVER = 3;
 
+/// The operating system.
 struct _OSVERSIONINFO {
     DWORD dwOSVersionInfoSize;  ///< sizeof(OSVERSIONINFO) or sizeof(OSVERSIONINFOEX)
     DWORD dwMajorVersion;       ///< the kernel's, 6 of "6.1.12-amd64"
@@ -88,18 +96,19 @@ struct _OSVERSIONINFO {
 typedef _OSVERSIONINFO OSVERSIONINFO;
 typedef OSVERSIONINFO* LPOSVERSIONINFO;
 
+/// The same and more.
 struct _OSVERSIONINFOEX {
-    DWORD dwOSVersionInfoSize;
-    DWORD dwMajorVersion;
-    DWORD dwMinorVersion;
-    DWORD dwBuildNumber;
-    DWORD dwPlatformId;
-    CHAR szCSDVersion[128];
-    WORD wServicePackMajor;  ///< 0
-    WORD wServicePackMinor;  ///< 0
-    WORD wSuiteMask;         ///< 0
-    BYTE wProductType;       ///< VER_NT_SERVER
-    BYTE wReserved;          ///< 0
+    DWORD dwOSVersionInfoSize;  ///< sizeof(OSVERSIONINFOEX)
+    DWORD dwMajorVersion;       ///< this and the next four as in `_OSVERSIONINFO`
+    DWORD dwMinorVersion;       ///< likewise
+    DWORD dwBuildNumber;        ///< likewise
+    DWORD dwPlatformId;         ///< likewise
+    CHAR szCSDVersion[128];     ///< likewise
+    WORD wServicePackMajor;     ///< 0
+    WORD wServicePackMinor;     ///< 0
+    WORD wSuiteMask;            ///< 0
+    BYTE wProductType;          ///< VER_NT_SERVER
+    BYTE wReserved;             ///< 0
 };
 typedef _OSVERSIONINFOEX OSVERSIONINFOEX;
 typedef OSVERSIONINFOEX* LPOSVERSIONINFOEX;

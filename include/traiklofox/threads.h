@@ -21,6 +21,7 @@ typedef DWORD (*LPTHREAD_START_ROUTINE)(void*);
 typedef void (*PAPCFUNC)(void*, void*, void*);
 typedef PAPCFUNC PTIMERAPCROUTINE;
 
+/// Whether a thread has ended.
 enum ThreadState_t : int {
     THREAD_RUNNING = 0,
     THREAD_FINISHED = 1,

@@ -30,6 +30,7 @@ static_assert(offsetof(_TIME_ZONE_INFORMATION, DaylightName) == 152);
 static_assert(offsetof(_TIME_ZONE_INFORMATION, DaylightDate) == 280);
 static_assert(offsetof(_TIME_ZONE_INFORMATION, DaylightBias) == 296);
 
+/// Whether standard or daylight time is in force.
 constexpr DWORD TIME_ZONE_ID_STANDARD = 1;
 constexpr DWORD TIME_ZONE_ID_DAYLIGHT = 2;
 

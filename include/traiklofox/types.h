@@ -12,20 +12,28 @@
 #include <cstddef>
 #include <cstdint>
 
+/// Marks what the library exports.
 #define TRAIKLOFOX_API __attribute__((visibility("default")))
+/// Marks what it exports with C linkage.
 #define TRAIKLOFOX_C_API extern "C" TRAIKLOFOX_API
 
+/// A calling convention, as are the next two: there is only one here.
 #define WINAPI
+/// See `WINAPI`.
 #define CALLBACK
+/// See `WINAPI`.
 #define APIENTRY
 
+/// A `BOOL` that is true, as is any but 0.
 #ifndef TRUE
 #define TRUE 1
 #endif
+/// A `BOOL` that is false.
 #ifndef FALSE
 #define FALSE 0
 #endif
 
+/// 32 bits on both word sizes, signed and unsigned.
 #if __SIZEOF_LONG__ == 4
 typedef long LONG;
 typedef unsigned long ULONG;
@@ -34,6 +42,7 @@ typedef int LONG;
 typedef unsigned int ULONG;
 #endif
 
+/// Win32's scalar types in their Win32 widths.
 typedef ULONG DWORD;
 typedef DWORD LCID;
 typedef int BOOL;
@@ -55,6 +64,7 @@ typedef long LONG_PTR;
 typedef ULONG_PTR DWORD_PTR;
 typedef unsigned long SIZE_T;
 
+/// Pointers to them.
 typedef void* PVOID;
 typedef void* LPVOID;
 typedef const void* LPCVOID;
@@ -72,6 +82,8 @@ typedef char* LPTSTR;
 typedef const char* LPCTSTR;
 
 class Handle;
+
+/// A kernel object or file: a pointer to its class.
 typedef Handle* HANDLE;
 typedef HANDLE* PHANDLE;
 typedef HANDLE* LPHANDLE;
@@ -80,9 +92,11 @@ typedef HANDLE* LPHANDLE;
 /// handle treats it as a null handle.
 #define INVALID_HANDLE_VALUE (reinterpret_cast<Handle*>(static_cast<LONG_PTR>(-1)))
 
+/// A literal of `TCHAR`, which is `char` here.
 #ifndef _T
 #define _T(text) text
 #endif
+/// See `_T`.
 #ifndef TEXT
 #define TEXT(text) text
 #endif
