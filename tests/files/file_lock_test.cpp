@@ -17,27 +17,6 @@ namespace {
 
 using namespace std::string_literals;
 
-// Says of each file that it hears of whether another process has it locked.
-TEST_ROLE(probesLocks) {
-    while (const auto path = hearTest()) {
-        const int fd = ::open(path->c_str(), O_RDWR | O_CLOEXEC);
-        tellTest(fd < 0 ? "missing" : ::lockf(fd, F_TEST, 0) == 0 ? "free" : "locked");
-        ::close(fd);
-    }
-    return 0;
-}
-
-class LockProbe {
-  public:
-    std::string operator()(const std::string& path) {
-        process_.writeLine(path);
-        return process_.readLine().value_or("no answer");
-    }
-
-  private:
-    RoleProcess process_{"probesLocks"};
-};
-
 // Locks the file that it is given until it hears something.
 TEST_ROLE(holdsALock) {
     FileLock file;
@@ -47,13 +26,15 @@ TEST_ROLE(holdsALock) {
     return file.CloseAndUnLockFile() ? 0 : 2;
 }
 
-bool somebodyWaitsForTheLockOf(const std::string& path) {
+/// Whether the system lists a lock of the file that somebody holds, or waits for.
+bool isLocked(const std::string& path, bool awaited = false) {
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) return false;
+    EXPECT_EQ(::stat(path.c_str(), &status), 0);
     const std::string inode = ":" + std::to_string(status.st_ino) + " ";
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);)
-        if (line.find("->") != std::string::npos && line.find(inode) != std::string::npos) return true;
+        if (line.find(inode) != std::string::npos && (line.find("->") != std::string::npos) == awaited)
+            return true;
     return false;
 }
 
@@ -62,59 +43,45 @@ using FileLockOpening = FileTest;
 TEST_F(FileLockOpening, MapsEachModeToItsFlags) {
     using enum FileLock::Mode;
     constexpr int kRefused = -1;
-    constexpr struct {
+    // clang-format off
+    const struct {
         int mode;
-        int flags;      // access and O_APPEND, or kRefused
-        bool empties;   // an existing file
-        bool makes;     // a missing file
-        bool replaces;  // false: an existing file is refused
-    } kCases[] = {{in, O_RDONLY, false, true, true},
-                  {out, O_WRONLY, true, true, true},
-                  {out | trunc, O_WRONLY, true, true, true},
-                  {app, O_WRONLY | O_APPEND, false, true, true},
-                  {out | app, O_WRONLY | O_APPEND, false, true, true},
-                  {in | out, O_RDWR, false, true, true},
-                  {in | out | trunc, O_RDWR, true, true, true},
-                  {in | app, O_RDWR | O_APPEND, false, true, true},
-                  {in | out | app, O_RDWR | O_APPEND, false, true, true},
-                  {in | nocreate, O_RDONLY, false, false, true},
-                  {out | trunc | nocreate, O_WRONLY, true, false, true},
-                  {out | trunc | noreplace, O_WRONLY, false, true, false},
-                  {in | out | ate, O_RDWR, false, true, true},
-                  {0, kRefused, false, false, false},
-                  {trunc, kRefused, false, false, false},
-                  {in | trunc, kRefused, false, false, false},
-                  {app | trunc, kRefused, false, false, false},
-                  {in | 128, kRefused, false, false, false}};
+        int flags;  // access and O_APPEND, or kRefused
+        std::string_view does = "makes";  // a missing file; "empties", "refuses" an existing one
+    } kCases[] = {
+        {in, O_RDONLY}, {out, O_WRONLY, "makes, empties"}, {out | trunc, O_WRONLY, "makes, empties"},
+        {app, O_WRONLY | O_APPEND}, {out | app, O_WRONLY | O_APPEND}, {in | out, O_RDWR},
+        {in | out | trunc, O_RDWR, "makes, empties"}, {in | app, O_RDWR | O_APPEND},
+        {in | out | app, O_RDWR | O_APPEND}, {in | nocreate, O_RDONLY, ""}, {in | out | ate, O_RDWR},
+        {out | trunc | nocreate, O_WRONLY, "empties"}, {out | trunc | noreplace, O_WRONLY, "makes, refuses"},
+        {0, kRefused, ""}, {trunc, kRefused, ""}, {in | trunc, kRefused, ""}, {app | trunc, kRefused, ""},
+        {in | 128, kRefused, ""}};
+    // clang-format on
     for (const auto& row : kCases) {
         SCOPED_TRACE(row.mode);
+        const auto does = [&](const char* what) { return row.does.find(what) != std::string_view::npos; };
         ::unlink(path_.c_str());
         FileLock file;
-        EXPECT_EQ(file.OpenFileUnLocked(path_.c_str(), row.mode), row.makes);
-        EXPECT_EQ(::access(path_.c_str(), F_OK) == 0, row.makes);
-        EXPECT_EQ(file.GetState(), row.makes ? 0 : FileLock::failbit);
-        struct stat status {};
-        if (row.makes) {
-            ASSERT_EQ(file.FileStat(&status), 0);
-            EXPECT_EQ(status.st_mode & 0777 & ~0644u, 0u);
+        EXPECT_EQ(file.OpenFileUnLocked(path_.c_str(), row.mode), does("makes"));
+        EXPECT_EQ(fs::exists(path_), does("makes"));
+        EXPECT_EQ(file.GetState(), does("makes") ? 0 : FileLock::failbit);
+        if (does("makes")) {
+            EXPECT_EQ(fs::status(path_).permissions() & ~fs::perms{0644}, fs::perms::none);
         }
-
         writeText(path_, "old");
         errno = 0;
-        EXPECT_EQ(file.OpenFileUnLocked(path_.c_str(), row.mode), row.flags != kRefused && row.replaces);
-        EXPECT_EQ(readText(path_), row.empties ? "" : "old");
-        if (row.flags == kRefused) {
-            EXPECT_EQ(errno, EINVAL);
-        }
-        if (file.GetFileDescriptor() == -1) continue;
-        EXPECT_EQ(::fcntl(file.GetFileDescriptor(), F_GETFL) & (O_ACCMODE | O_APPEND), row.flags);
-        EXPECT_EQ(::fcntl(file.GetFileDescriptor(), F_GETFD), FD_CLOEXEC);
-        EXPECT_EQ(::lseek(file.GetFileDescriptor(), 0, SEEK_CUR), (row.mode & ate) != 0 ? 3 : 0);
+        EXPECT_EQ(file.OpenFileUnLocked(path_.c_str(), row.mode), row.flags != kRefused && !does("refuses"));
+        EXPECT_EQ(errno == EINVAL, row.flags == kRefused);
+        EXPECT_EQ(readText(path_), does("empties") ? "" : "old");
+        const int fd = file.GetFileDescriptor();
+        if (fd == -1) continue;
+        EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_APPEND), row.flags);
+        EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), (row.mode & ate) != 0 ? 3 : 0);
     }
 }
 
 TEST_F(FileLockOpening, LocksInSevenModesOnlyUntilItIsClosed) {
-    LockProbe probe;
     for (int mode = 0; mode < 128; ++mode) {
         SCOPED_TRACE(mode);
         const bool locks =
@@ -128,17 +95,17 @@ TEST_F(FileLockOpening, LocksInSevenModesOnlyUntilItIsClosed) {
             EXPECT_EQ(file.GetState(), FileLock::failbit);
             continue;
         }
-        EXPECT_EQ(probe(path_), locks ? "locked" : "free");
+        EXPECT_EQ(isLocked(path_), locks);
         EXPECT_EQ(::fcntl(file.GetFileDescriptor(), F_GETFL) & O_ACCMODE,
                   (mode & FileLock::in) != 0 ? O_RDWR : O_WRONLY);
         EXPECT_TRUE(file.CloseAndUnLockFile());
-        EXPECT_EQ(probe(path_), "free");
+        EXPECT_FALSE(isLocked(path_));
     }
     {
         const FileLock constructed(path_.c_str(), FileLock::in);
-        EXPECT_EQ(probe(path_), "locked");
+        EXPECT_TRUE(isLocked(path_));
     }
-    EXPECT_EQ(probe(path_), "free");
+    EXPECT_FALSE(isLocked(path_));
 }
 
 TEST_F(FileLockOpening, WaitsForTheHolderAndEmptiesOnlyThen) {
@@ -149,7 +116,7 @@ TEST_F(FileLockOpening, WaitsForTheHolderAndEmptiesOnlyThen) {
     auto opening = std::async(std::launch::async, [&] {
         return file.OpenAndLockFile(path_.c_str(), FileLock::out | FileLock::trunc, nullptr, 0);
     });
-    EXPECT_TRUE(withinSeconds(30, [&] { return somebodyWaitsForTheLockOf(path_); }));
+    EXPECT_TRUE(withinSeconds(30, [&] { return isLocked(path_, /*awaited=*/true); }));
     EXPECT_EQ(readText(path_), "the holder's text");
     holder.writeLine("go on");
     EXPECT_TRUE(opening.get());
@@ -158,7 +125,6 @@ TEST_F(FileLockOpening, WaitsForTheHolderAndEmptiesOnlyThen) {
 }
 
 TEST_F(FileLockOpening, CountedOpensNeedAsManyClosesAndUncountedOnesReplaceEachOther) {
-    LockProbe probe;
     const std::string other = directory_ / "other";
     FileLock file;
     const auto open = [&](const std::string& path, int count) {
@@ -171,12 +137,9 @@ TEST_F(FileLockOpening, CountedOpensNeedAsManyClosesAndUncountedOnesReplaceEachO
     const int fd = file.GetFileDescriptor();
     EXPECT_EQ(open("ignored", 0), 1);
     EXPECT_EQ(file.GetFileDescriptor(), fd);
-    EXPECT_TRUE(file.CloseAndUnLockFile());
-    EXPECT_EQ(probe(path_), "locked");
-    EXPECT_TRUE(file.CloseAndUnLockFile());
-    EXPECT_EQ(probe(path_), "free");
+    EXPECT_TRUE(file.CloseAndUnLockFile() && isLocked(path_));
+    EXPECT_TRUE(file.CloseAndUnLockFile() && !isLocked(path_));
     EXPECT_EQ(file.GetFileDescriptor(), -1);
-    EXPECT_FALSE(file.CloseAndUnLockFile());
     for (const bool unlocked : {false, true}) {  // closing at once forgets the count
         EXPECT_EQ(open(path_, 1) + open(path_, 1), 1);
         if (unlocked)
@@ -186,10 +149,9 @@ TEST_F(FileLockOpening, CountedOpensNeedAsManyClosesAndUncountedOnesReplaceEachO
         EXPECT_EQ(file.GetFileDescriptor(), -1);
     }
     EXPECT_EQ(open(path_, 0) + open(other, 0), 0);
-    EXPECT_EQ(probe(path_) + probe(other), "freelocked");
+    EXPECT_TRUE(!isLocked(path_) && isLocked(other));
     EXPECT_EQ(openDescriptors(), before + 1);
-    EXPECT_TRUE(file.CloseAndUnLockFile());
-    EXPECT_EQ(probe(other), "free");
+    EXPECT_TRUE(file.CloseAndUnLockFile() && !isLocked(other));
 }
 
 TEST_F(FileLockOpening, NestedOpensOfManyThreadsOpenTheFileOnceAtATime) {
@@ -197,19 +159,17 @@ TEST_F(FileLockOpening, NestedOpensOfManyThreadsOpenTheFileOnceAtATime) {
     const int before = openDescriptors();
     FileLock file;
     std::latch start(kThreads);
+    const auto openAndClose = [&] {
+        start.arrive_and_wait();
+        for (int round = 0; round < 500; ++round) {
+            ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, nullptr, 1));
+            ASSERT_NE(::fcntl(file.GetFileDescriptor(), F_GETFD), -1) << "closed under a holder";
+            ASSERT_TRUE(file.CloseAndUnLockFile());
+        }
+    };
     {
         std::vector<std::jthread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&] {
-                start.arrive_and_wait();
-                for (int round = 0; round < 500; ++round) {
-                    ASSERT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::in, nullptr, 1));
-                    struct stat status {};
-                    ASSERT_EQ(::fstat(file.GetFileDescriptor(), &status), 0) << "closed under a holder";
-                    ASSERT_TRUE(file.CloseAndUnLockFile());
-                }
-            });
-        }
+        while (threads.size() < kThreads) threads.emplace_back(openAndClose);
     }
     EXPECT_EQ(file.GetFileDescriptor(), -1);
     EXPECT_EQ(openDescriptors(), before);
@@ -229,9 +189,8 @@ TEST_F(FileLockOpening, AnOpenThatFailsSaysWhyUnlessTheFileMustNotBeReplaced) {
         EXPECT_EQ(file.GetFileDescriptor(), -1);
     }
     EXPECT_EQ(readText(path_), "old");
-    EXPECT_EQ(messages.text().find("[FileLock::OpenAndLockFile] - Cannot open file " + missing +
-                                   ", oflag:0x12, errno: 2,  No such file or directory\n"),
-              0u)
+    EXPECT_TRUE(messages.text().starts_with("[FileLock::OpenAndLockFile] - Cannot open file " + missing +
+                                            ", oflag:0x12, errno: 2,  No such file or directory\n"))
         << messages.text();
 }
 
@@ -269,15 +228,12 @@ TEST_F(FileLockOpening, ALockThatFailsLeavesTheFileWholeAndClosedAndAnUnlockLeav
 }
 
 TEST_F(FileLockOpening, LocksAndUnlocksTheWholeFileWhereverTheStreamStands) {
-    LockProbe probe;
     writeText(path_, "ten bytes.");
     FileLock file;
     ASSERT_TRUE(file.OpenFileUnLocked(path_.c_str(), FileLock::in | FileLock::out | FileLock::ate));
-    ASSERT_TRUE(file.LockFile());
-    EXPECT_EQ(probe(path_), "locked");
+    EXPECT_TRUE(file.LockFile() && isLocked(path_));
     EXPECT_TRUE(file.WriteLine("more", 4));
-    EXPECT_TRUE(file.UnLockFile());
-    EXPECT_EQ(probe(path_), "free");
+    EXPECT_TRUE(file.UnLockFile() && !isLocked(path_));
     EXPECT_EQ(readText(path_), "ten bytes.more");
     EXPECT_TRUE(file.WriteLine("!", 1));
     EXPECT_TRUE(file.CloseFileUnLocked());
@@ -292,8 +248,7 @@ TEST_F(FileLockOpening, AClosedObjectRefusesEverything) {
     EXPECT_EQ(file.GetFileDescriptor() + file.ReadCharacter() + file.FileStat(&status), -3);
     EXPECT_EQ(file.WriteLine(buffer, 1) + file.LockFile() + file.UnLockFile() + file.Sync(), 0);
     EXPECT_EQ(errorOf(file.CloseAndUnLockFile()), EBADF);
-    EXPECT_FALSE(file.ReadLine(buffer, 8));
-    EXPECT_STREQ(buffer, "");
+    EXPECT_TRUE(!file.ReadLine(buffer, 8) && *buffer == '\0');
     file.CloseFile();
     EXPECT_TRUE(file.CloseFileUnLocked());
 }
@@ -316,50 +271,40 @@ class FileLockStream : public FileTest {
         char line[100];
         return file_.ReadLine(line, sizeof line) ? line : "(none)";
     }
-    void expectLinesAsOfAStandardStream(const std::string& content, int size);
+    /// Reads all lines of `content` into a buffer of `size`, and past the first failure; then the same by views.
+    void expectLinesAsOfAStandardStream(const std::string& content, int size) {
+        std::string buffer(static_cast<size_t>(size), '#'), expected(buffer);
+        std::istringstream reference(content);
+        std::vector<std::string> lines, views;
+        open(content);
+        for (int failures = 0; failures < 2;) {
+            const bool isLine = !reference.getline(expected.data(), size).fail();
+            ASSERT_EQ(file_.ReadLine(buffer.data(), size), isLine);
+            const std::string line(expected, 0, static_cast<size_t>(reference.gcount()) - reference.good());
+            ASSERT_EQ(buffer.substr(0, line.size() + 1), line + '\0');
+            ASSERT_EQ(file_.GetState(), (reference.eof() ? 1 : 0) | (reference.fail() ? 2 : 0));
+            ASSERT_EQ(file_.IsEndOfFile(), reference.eof());
+            if (isLine)
+                lines.push_back(line);
+            else
+                ++failures;
+        }
+        open(content);
+        std::string_view view;
+        while (file_.ReadLineView(view, static_cast<size_t>(size) - 1)) views.emplace_back(view);
+        EXPECT_EQ(views, lines);
+        EXPECT_EQ(file_.GetState(), (reference.eof() ? 1 : 0) | 2);
+    }
 
     FileLock file_;
 };
 
-/// Reads all lines of `content` into a buffer of `size`, and past the first failure; then the same by views.
-void FileLockStream::expectLinesAsOfAStandardStream(const std::string& content, int size) {
-    std::string buffer(static_cast<size_t>(size), '#'), expected(buffer);
-    std::istringstream reference(content);
-    std::vector<std::string> lines;
-    open(content);
-    for (int failures = 0; failures < 2;) {
-        const bool isLine = !reference.getline(expected.data(), size).fail();
-        ASSERT_EQ(file_.ReadLine(buffer.data(), size), isLine);
-        const std::string line(expected, 0, static_cast<size_t>(reference.gcount()) - reference.good());
-        ASSERT_EQ(buffer.substr(0, line.size() + 1), line + '\0');
-        ASSERT_EQ(file_.GetState(), (reference.eof() ? 1 : 0) | (reference.fail() ? 2 : 0));
-        ASSERT_EQ(file_.IsEndOfFile(), reference.eof());
-        if (isLine)
-            lines.push_back(line);
-        else
-            ++failures;
-    }
-    open(content);
-    std::string_view view;
-    std::vector<std::string> views;
-    while (file_.ReadLineView(view, static_cast<size_t>(size) - 1)) views.emplace_back(view);
-    EXPECT_EQ(views, lines);
-    EXPECT_EQ(file_.GetState(), (reference.eof() ? 1 : 0) | 2);
-}
-
 TEST_F(FileLockStream, ReadsLinesAsAStandardStreamDoes) {
     const std::string big(3 * kBufferSize, 'b');
-    std::vector<std::string> contents{"",
-                                      "\n",
-                                      "one\ntwo",
-                                      "\n\nx\n\n",
-                                      "1234567\nx\n",
-                                      "1234567",
-                                      "x\n12345678\ny\n",
-                                      "x\n12345678",
-                                      "a\0b\n\0\n\0"s,
-                                      "a\r\nb\r",
-                                      "x\n" + big + "\n" + big};
+    // clang-format off
+    std::vector<std::string> contents{"", "\n", "one\ntwo", "\n\nx\n\n", "1234567\nx\n", "1234567", "a\r\nb\r",
+        "x\n12345678\ny\n", "x\n12345678", "a\0b\n\0\n\0"s, "x\n" + big + "\n" + big};
+    // clang-format on
     std::minstd_rand random(4711);
     while (contents.size() < 100) {
         const unsigned averageLength = 1u << random() % 8;
@@ -428,21 +373,20 @@ TEST_F(FileLockStream, WritesPiecesOfEverySizeInOrderAndContinuesAShortWrite) {
     EXPECT_EQ(cut.fired(), 1);
 }
 
-/// One operation on a stream, and whether it succeeded.
+/// One operation on the stream, and whether it succeeded.
 struct Operation {
     const char* what;
-    bool (*succeeds)(FileLock&);
+    std::function<bool()> succeeds;
     bool closes = false;
 };
 
 TEST_F(FileLockStream, AReadThatFailsIsBadAndNoEndOfFile) {
-    static char block[100];
-    static std::string_view view;
-    const Operation kReads[] = {
-        {"ReadLine", [](FileLock& file) { return file.ReadLine(block, 100) != FALSE; }},
-        {"ReadLineView", [](FileLock& file) { return file.ReadLineView(view, 100); }},
-        {"ReadBlk", [](FileLock& file) { return file.ReadBlk(block, 100) != 0; }},
-        {"ReadCharacter", [](FileLock& file) { return file.ReadCharacter() != -1; }}};
+    char block[100];
+    std::string_view view;
+    const Operation kReads[] = {{"ReadLine", [&] { return file_.ReadLine(block, 100); }},
+                                {"ReadLineView", [&] { return file_.ReadLineView(view, 100); }},
+                                {"ReadBlk", [&] { return file_.ReadBlk(block, 100); }},
+                                {"ReadCharacter", [&] { return file_.ReadCharacter() != -1; }}};
     std::string twoBuffers;
     while (twoBuffers.size() < 2 * kBufferSize) twoBuffers += "a line\n";
     for (const Operation& read : kReads) {
@@ -450,32 +394,28 @@ TEST_F(FileLockStream, AReadThatFailsIsBadAndNoEndOfFile) {
             SCOPED_TRACE(read.what + std::to_string(onCall));
             open(twoBuffers);
             const FailCall broken{Call::Read, EIO, {.onCall = onCall, .path = path_}};
-            while (read.succeeds(file_)) {
-            }
+            while (read.succeeds()) continue;
             EXPECT_EQ(broken.fired(), 1);
             EXPECT_EQ(errno, EIO);
-            EXPECT_TRUE(file_.IsBad());
-            EXPECT_FALSE(file_.IsEndOfFile());
+            EXPECT_TRUE(file_.IsBad() && !file_.IsEndOfFile());
             EXPECT_EQ(file_.WriteBlk("x", 1), 0);
         }
     }
 }
 
 TEST_F(FileLockStream, EveryOperationThatWritesTellsOfAFullDisk) {
-    static const std::string big(2 * kBufferSize, 'b');
-    static struct stat status {};
-    const auto writeBig = [](FileLock& file) {
-        return file.WriteBlk(big.data(), static_cast<int>(big.size())) != 0;
-    };
+    const std::string big(2 * kBufferSize, 'b');
+    struct stat status {};
+    const auto writeBig = [&] { return file_.WriteBlk(big.data(), static_cast<int>(big.size())); };
     const Operation kWrites[] = {
-        {"Flush", [](FileLock& file) { return file.Flush() != FALSE; }},
-        {"Sync", [](FileLock& file) { return file.Sync() != FALSE; }},
-        {"FileStat", [](FileLock& file) { return file.FileStat(&status) == 0; }},
-        {"UnLockFile", [](FileLock& file) { return file.UnLockFile() != FALSE; }},
-        {"ReadCharacter", [](FileLock& file) { return file.ReadCharacter() != -1; }},
+        {"Flush", [&] { return file_.Flush(); }},
+        {"Sync", [&] { return file_.Sync(); }},
+        {"FileStat", [&] { return file_.FileStat(&status) == 0; }},
+        {"UnLockFile", [&] { return file_.UnLockFile(); }},
+        {"ReadCharacter", [&] { return file_.ReadCharacter() != -1; }},
         {"a big WriteBlk", writeBig},
-        {"CloseAndUnLockFile", [](FileLock& file) { return file.CloseAndUnLockFile() != FALSE; }, true},
-        {"CloseFileUnLocked", [](FileLock& file) { return file.CloseFileUnLocked() != FALSE; }, true}};
+        {"CloseAndUnLockFile", [&] { return file_.CloseAndUnLockFile(); }, /*closes=*/true},
+        {"CloseFileUnLocked", [&] { return file_.CloseFileUnLocked(); }, /*closes=*/true}};
     for (const Operation& write : kWrites) {
         SCOPED_TRACE(write.what);
         openEmptyAndLocked();
@@ -484,24 +424,19 @@ TEST_F(FileLockStream, EveryOperationThatWritesTellsOfAFullDisk) {
             const FailCall full{
                 Call::Write, ENOSPC, {.andAllLater = true, .path = path_, .transferAtMost = 4}};
             errno = 0;
-            EXPECT_EQ(errorOf(write.succeeds(file_)), ENOSPC);
+            EXPECT_EQ(errorOf(write.succeeds()), ENOSPC);
         }
         EXPECT_EQ(file_.GetFileDescriptor() == -1, write.closes);
         if (write.closes) continue;
         // There is room again, but what is missing in the middle stays missing.
-        EXPECT_TRUE(file_.IsBad());
-        EXPECT_FALSE(file_.WriteLine("x", 1));
-        EXPECT_EQ(file_.WriteBlk("x", 1), 0);
+        EXPECT_TRUE(file_.IsBad() && !file_.WriteLine("x", 1) && file_.WriteBlk("x", 1) == 0);
         EXPECT_EQ(errorOf(file_.Flush()), ENOSPC);
-        EXPECT_FALSE(file_.CloseAndUnLockFile());
-        EXPECT_EQ(file_.GetFileDescriptor(), -1);
+        EXPECT_TRUE(!file_.CloseAndUnLockFile() && file_.GetFileDescriptor() == -1);
         EXPECT_EQ(readText(path_), "0123");
     }
     openEmptyAndLocked();  // one that fails past the buffer fails those behind it
     const FailCall full{Call::Write, ENOSPC, {.path = path_}};
-    EXPECT_FALSE(writeBig(file_));
-    EXPECT_EQ(file_.WriteBlk("x", 1), 0);
-    EXPECT_FALSE(file_.CloseAndUnLockFile());
+    EXPECT_TRUE(!writeBig() && file_.WriteBlk("x", 1) == 0 && !file_.CloseAndUnLockFile());
     EXPECT_EQ(readText(path_), "");
 }
 

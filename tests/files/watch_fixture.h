@@ -63,9 +63,18 @@ inline Changes changesIn(const void* buffer, DWORD bytes) {
 constexpr DWORD kAllFilters =
     FILE_NOTIFY_CHANGE_ATTRIBUTES | FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE;
 
+/// A handle that nobody watches yet.
+inline OwnedHandle unwatched(const std::string& path = "/nowhere") {
+    return OwnedHandle(new ChangeNotificationHandle(path.c_str(), /*watchSubtree=*/FALSE, /*filter=*/0));
+}
+
 inline BOOL ask(const OwnedHandle& handle, DWORD filter = kAllFilters, BOOL subtree = FALSE) {
     return ReadDirectoryChanges(handle.get(), /*buffer=*/nullptr, /*size=*/0, subtree, filter, nullptr,
                                 nullptr, nullptr);
+}
+
+inline DWORD stateOf(const OwnedHandle& handle) {
+    return WaitForSingleObject(handle.get(), /*milliseconds=*/0);
 }
 
 /// A handle that asks for changes into a buffer of the library's own.

@@ -16,99 +16,100 @@ OwnedHandle event(BOOL manualReset = FALSE) {
     return OwnedHandle(CreateEvent(nullptr, manualReset, FALSE, nullptr));
 }
 
-TEST(WatchHandle, TwoOnAPathShareAPassAndAreBothSignalled) {
-    const TempDir directory;
-    Handle* first = FindFirstChangeNotification(directory.path().c_str(), FALSE, FILE_NOTIFY_CHANGE_SIZE);
-    Handle* other = FindFirstChangeNotification("/nowhere/at/all", FALSE, 0);
-    const OwnedHandle second = watching(directory.path(), FILE_NOTIFY_CHANGE_LAST_WRITE);
-    writeText(directory / "file", "");
-    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
-    {
-        const CountCalls opened(Call::Opendir, {.path = directory.path()});
-        pass();
-        EXPECT_EQ(opened.calls(), 1);
+class WatchHandle : public testing::Test {
+  protected:
+    static BOOL read(Handle* handle, void* buffer, size_t size, _OVERLAPPED* overlapped = nullptr,
+                     LPOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
+        return ReadDirectoryChanges(handle, buffer, static_cast<DWORD>(size), FALSE, 0, nullptr, overlapped,
+                                    routine);
     }
-    EXPECT_EQ(takeChanges(second), (Changes{{FILE_ACTION_ADDED, "file"}}));
-    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0) << "until notice is taken";
-    EXPECT_EQ(WaitForSingleObject(other, 0), WAIT_TIMEOUT);
-    EXPECT_TRUE(FindNextChangeNotification(first));
-    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+    OwnedHandle watched(DWORD filter = 0) const {
+        return OwnedHandle(FindFirstChangeNotification(directory_.path().c_str(), FALSE, filter));
+    }
+
+    const TempDir directory_;
+    const std::string file_ = directory_ / "file";
+    const Changes fileAdded_{{FILE_ACTION_ADDED, "file"}}, fileModified_{{FILE_ACTION_MODIFIED, "file"}};
+};
+using CompletionPort = WatchHandle;
+
+TEST_F(WatchHandle, TwoOnAPathShareAPassAndAreBothSignalled) {
+    const OwnedHandle first = watched(FILE_NOTIFY_CHANGE_SIZE);
+    const OwnedHandle second = watching(directory_.path(), FILE_NOTIFY_CHANGE_LAST_WRITE);
+    const OwnedHandle other(FindFirstChangeNotification("/nowhere/at/all", FALSE, 0));
+    writeText(file_, "");
+    EXPECT_EQ(stateOf(first), WAIT_TIMEOUT);
+    const CountCalls opened(Call::Opendir, {.path = directory_.path()});
+    EXPECT_EQ(passAndTake(second), fileAdded_);
+    EXPECT_EQ(opened.calls(), 1);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(stateOf(first), WAIT_OBJECT_0) << "until notice is taken";
+    EXPECT_EQ(stateOf(other), WAIT_TIMEOUT);
+    EXPECT_TRUE(FindNextChangeNotification(first.get()));
+    EXPECT_EQ(stateOf(first), WAIT_TIMEOUT);
 
     // Only the second asks for this; the first hears of it.
-    touch(directory / "file");
-    pass();
-    EXPECT_EQ(static_cast<ChangeNotificationHandle*>(first)->State(), 1);
-    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(takeChanges(second), (Changes{{FILE_ACTION_MODIFIED, "file"}}));
+    touch(file_);
+    EXPECT_EQ(passAndTake(second), fileModified_);
+    EXPECT_EQ(directoryOf(first).State(), 1);
+    EXPECT_EQ(stateOf(first), WAIT_OBJECT_0);
     // And the other way round: what it hears is nothing to deliver.
-    writeText(directory / "file", "1");
-    touch(directory / "file");
-    EXPECT_TRUE(FindNextChangeNotification(first));
-    pass();
-    EXPECT_EQ(takeChanges(second), (Changes{{FILE_ACTION_MODIFIED, "file"}}));
-    EXPECT_EQ(FindCloseChangeNotification(first), 0);
-    EXPECT_EQ(FindCloseChangeNotification(other), 0);
+    writeText(file_, "1");
+    touch(file_);
+    EXPECT_TRUE(FindNextChangeNotification(first.get()));
+    EXPECT_EQ(passAndTake(second), fileModified_);
 }
 
-TEST(WatchHandle, IsSetUpAnewBeforeItIsWatched) {
-    const TempDir directory;
-    std::filesystem::create_directory(directory / "below");
+TEST_F(WatchHandle, IsSetUpAnewBeforeItIsWatched) {
     const OwnedHandle handle(new ChangeNotificationHandle("/nowhere", FALSE, FILE_NOTIFY_CHANGE_SIZE));
-    ChangeNotificationHandle& watched = directoryOf(handle);
-    watched.SetPath(directory.path().c_str());
-    watched.SetWatchSubtree(TRUE);
-    watched.SetFilter(FILE_NOTIFY_CHANGE_LAST_WRITE);
-    watched.SetNotifyData(new NotifyRecords);
-    EXPECT_EQ(watched.GetFilter(), DWORD{FILE_NOTIFY_CHANGE_LAST_WRITE});
+    ChangeNotificationHandle& set = directoryOf(handle);
+    set.SetPath(directory_.path().c_str());
+    set.SetWatchSubtree(TRUE);
+    set.SetFilter(FILE_NOTIFY_CHANGE_LAST_WRITE);
+    set.SetNotifyData(new NotifyRecords);
+    EXPECT_EQ(set.GetFilter(), DWORD{FILE_NOTIFY_CHANGE_LAST_WRITE});
     EXPECT_TRUE(FindNextChangeNotification(handle.get()));
-    writeText(directory / "below/file", "");
+    writeText(directory_ / "below/file", "");
     pass();
-    EXPECT_EQ(WaitForSingleObject(handle.get(), 0), WAIT_OBJECT_0);
-    EXPECT_FALSE(watched.GetNotifyData()->empty());
-    EXPECT_EQ(watched.GetChangeString(), (directory / "below").c_str());
-    watched.SetChanged(TRUE);
-    watched.SetChangeString("");
-    watched.Clear();
-    EXPECT_TRUE(watched.GetChangeString().empty() && !watched.GetChanged() && !watched.GetPending());
+    EXPECT_EQ(stateOf(handle), WAIT_OBJECT_0);
+    EXPECT_FALSE(set.GetNotifyData()->empty());
+    EXPECT_EQ(set.GetChangeString(), (directory_ / "below").c_str());
+    set.SetChanged(TRUE);
+    set.SetChangeString("");
+    set.Clear();
+    EXPECT_TRUE(set.GetChangeString().empty() && !set.GetChanged() && !set.GetPending());
 }
 
-TEST(WatchHandle, EveryWaitSeesTheSignal) {
-    const TempDir one, two;
-    const OwnedHandle first(FindFirstChangeNotification(one.path().c_str(), FALSE, 0));
-    const OwnedHandle second(FindFirstChangeNotification(two.path().c_str(), FALSE, 0));
-    const OwnedHandle other = event();
+TEST_F(WatchHandle, EveryWaitSeesTheSignal) {
+    const TempDir elsewhere;
+    const OwnedHandle first(FindFirstChangeNotification(elsewhere.path().c_str(), FALSE, 0)),
+        second = watched(), other = event();
     Handle* alike[] = {first.get(), second.get()};
     Handle* mixed[] = {other.get(), first.get(), second.get()};
-    const auto results = [&] {
-        return std::array{WaitForMultipleObjects(2, alike, FALSE, 0),
-                          WaitForMultipleObjects(3, mixed, FALSE, 0), WaitForSingleObject(second.get(), 1)};
+    const auto results = [&](DWORD milliseconds) {
+        std::array<DWORD, 3> got{};
+        std::jthread a([&] { got[0] = WaitForMultipleObjects(2, alike, FALSE, milliseconds); });
+        std::jthread b([&] { got[1] = WaitForMultipleObjects(3, mixed, FALSE, milliseconds); });
+        std::jthread c([&] { got[2] = WaitForSingleObject(second.get(), milliseconds); });
+        if (milliseconds == INFINITE) {  // threads that sleep already are woken
+            writeText(file_, "");
+            pass();
+        }
+        a.join(), b.join(), c.join();
+        return got;
     };
-    EXPECT_EQ(results(), (std::array{WAIT_TIMEOUT, WAIT_TIMEOUT, WAIT_TIMEOUT}));
-    writeText(two / "file", "");
-    pass();
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(results(), (std::array<DWORD, 3>{1, 2, 0}));
+    const std::array none{WAIT_TIMEOUT, WAIT_TIMEOUT, WAIT_TIMEOUT};
+    const std::array<DWORD, 3> signalled{1, 2, 0};
+    EXPECT_EQ(results(0), none);
+    EXPECT_EQ(results(INFINITE), signalled);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(results(1), signalled);
     EXPECT_TRUE(FindNextChangeNotification(second.get()));
-    EXPECT_EQ(results(), (std::array{WAIT_TIMEOUT, WAIT_TIMEOUT, WAIT_TIMEOUT}));
-
-    // Threads that sleep already are woken.
-    std::array<DWORD, 3> woken{};
-    {
-        std::jthread a([&] { woken[0] = WaitForMultipleObjects(2, alike, FALSE, INFINITE); });
-        std::jthread b([&] { woken[1] = WaitForMultipleObjects(3, mixed, FALSE, INFINITE); });
-        std::jthread c([&] { woken[2] = WaitForSingleObject(second.get(), INFINITE); });
-        writeText(two / "another", "");
-        pass();
-    }
-    EXPECT_EQ(woken, (std::array<DWORD, 3>{1, 2, 0}));
+    EXPECT_EQ(results(1), none);
 }
 
-TEST(WatchHandle, AnAuxiliaryEventStandsForIt) {
-    const TempDir directory;
-    const OwnedHandle aux = event(/*manualReset=*/TRUE);
-    const OwnedHandle handle(new ChangeNotificationHandle(directory.path().c_str(), FALSE, 0));
+TEST_F(WatchHandle, AnAuxiliaryEventStandsForIt) {
+    const OwnedHandle aux = event(/*manualReset=*/TRUE), handle = unwatched(directory_.path());
     std::array<char, 200> buffer{};
-    _OVERLAPPED overlapped{};
+    _OVERLAPPED overlapped{}, stranger{};
     overlapped.hEvent = aux.get();
     overlapped.Pointer = reinterpret_cast<void*>(77);
     DWORD bytes = 1;
@@ -119,47 +120,39 @@ TEST(WatchHandle, AnAuxiliaryEventStandsForIt) {
     EXPECT_EQ(directoryOf(handle).GetKey(), 77U);
     EXPECT_EQ(errorOf(GetOverlappedResult(handle.get(), &overlapped, &bytes, FALSE)), EINPROGRESS);
     EXPECT_EQ(overlapped.Internal, STATUS_PENDING);
-    writeText(directory / "file", "");
+    writeText(file_, "");
     pass();
-    EXPECT_EQ(WaitForSingleObject(aux.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(stateOf(aux), WAIT_OBJECT_0);
     for (int i = 0; i < 2; ++i) {  // the second time, once more the same
         ASSERT_TRUE(GetOverlappedResult(handle.get(), &overlapped, &bytes, TRUE));
-        EXPECT_EQ(changesIn(buffer.data(), bytes), (Changes{{FILE_ACTION_ADDED, "file"}}));
+        EXPECT_EQ(changesIn(buffer.data(), bytes), fileAdded_);
     }
-    EXPECT_EQ(overlapped.Internal, 0U);
-    EXPECT_EQ(overlapped.InternalHigh, bytes);
-    EXPECT_EQ(WaitForSingleObject(aux.get(), 0), WAIT_TIMEOUT);
-    _OVERLAPPED stranger{};
+    EXPECT_TRUE(overlapped.Internal == 0 && overlapped.InternalHigh == bytes);
+    EXPECT_EQ(stateOf(aux), WAIT_TIMEOUT);
     EXPECT_EQ(errorOf(GetOverlappedResult(handle.get(), &stranger, &bytes, TRUE)), EINVAL);
 }
 
-TEST(WatchHandle, WhatDoesNotFitIsDeliveredLaterAndNothingIsOverrun) {
-    const TempDir directory;
+TEST_F(WatchHandle, WhatDoesNotFitIsDeliveredLaterAndNothingIsOverrun) {
     Changes expected;
     for (int i = 10; i < 30; ++i) {
-        writeText(directory / std::to_string(i), "");
+        writeText(directory_ / std::to_string(i), "");
         expected.push_back({FILE_ACTION_ADDED, std::to_string(i)});
     }
     for (const DWORD size : {0U, 51U, 52U, 103U, 104U, 1039U, 1040U}) {  // 52 bytes a record
-        const OwnedHandle handle(new ChangeNotificationHandle(directory.path().c_str(), FALSE, 0));
+        const OwnedHandle handle = unwatched(directory_.path());
         std::vector<char> room(size + 32, '#');
         Changes all;
         DWORD bytes = 1;
-        bool hasScanned = false;
         do {
-            ASSERT_TRUE(ReadDirectoryChanges(handle.get(), room.data() + 16, size, FALSE, 0, nullptr, nullptr,
-                                             nullptr));
-            if (!hasScanned) pass();
-            hasScanned = true;
-            ASSERT_EQ(WaitForSingleObject(handle.get(), 0), WAIT_OBJECT_0)
-                << "those left over signal at once";
+            ASSERT_TRUE(read(handle.get(), room.data() + 16, size));
+            if (all.empty()) pass();
+            ASSERT_EQ(stateOf(handle), WAIT_OBJECT_0) << "those left over signal at once";
             ASSERT_TRUE(GetOverlappedResult(handle.get(), nullptr, &bytes, FALSE));
             EXPECT_EQ(bytes, std::min<DWORD>(size / 52, 20 - static_cast<DWORD>(all.size())) * 52);
-            const Changes some = changesIn(room.data() + 16, bytes);
-            all.insert(all.end(), some.begin(), some.end());
+            std::ranges::copy(changesIn(room.data() + 16, bytes), std::back_inserter(all));
         } while (bytes > 0 && all.size() < 20);
-        EXPECT_EQ(std::string(room.data(), 16), std::string(16, '#'));
-        EXPECT_EQ(std::string(room.data() + 16 + size, 16), std::string(16, '#'));
+        const std::string margin(16, '#');
+        EXPECT_EQ(std::string(room.data(), 16) + std::string(room.data() + 16 + size, 16), margin + margin);
         if (size < 52) {  // then they are delivered into a larger one
             ASSERT_TRUE(ask(handle, 0));
             all = takeChanges(handle);
@@ -169,26 +162,24 @@ TEST(WatchHandle, WhatDoesNotFitIsDeliveredLaterAndNothingIsOverrun) {
     }
 }
 
-TEST(WatchHandle, WhatChangesBetweenTwoReadsIsFound) {
-    const TempDir directory;
-    const OwnedHandle handle = watching(directory.path()), other = watching(directory.path());
-    writeText(directory / "a", "");
+TEST_F(WatchHandle, WhatChangesBetweenTwoReadsIsFound) {
+    const OwnedHandle handle = watching(directory_.path()), other = watching(directory_.path());
+    writeText(file_, "");
     pass();
     DWORD bytes = 0;
     ULONG_PTR key = 0;
     ASSERT_TRUE(directoryOf(handle).GetChangeData(&bytes, &key));
-    EXPECT_EQ(changesIn(directoryOf(handle).GetBuffer(), bytes), (Changes{{FILE_ACTION_ADDED, "a"}}));
-    writeText(directory / "b", "");
+    EXPECT_EQ(changesIn(directoryOf(handle).GetBuffer(), bytes), fileAdded_);
+    writeText(directory_ / "b", "");
     pass();  // for the other one
-    EXPECT_EQ(WaitForSingleObject(handle.get(), 0), WAIT_TIMEOUT);
+    EXPECT_EQ(stateOf(handle), WAIT_TIMEOUT);
     ASSERT_TRUE(ask(handle));
     EXPECT_EQ(takeChanges(handle), (Changes{{FILE_ACTION_ADDED, "b"}}));
     EXPECT_EQ(takeChanges(other).size(), 2U);
 }
 
-TEST(WatchHandle, CountsItsReferences) {
-    const TempDir directory;
-    Handle* handle = FindFirstChangeNotification(directory.path().c_str(), FALSE, 0);
+TEST_F(WatchHandle, CountsItsReferences) {
+    Handle* handle = watched().release();
     EXPECT_EQ(handle->What(), 11U);
     EXPECT_EQ(handle->GetRefCount(), 2) << "the caller's and the scanner's";
     EXPECT_EQ(FindCloseChangeNotification(handle, /*keep=*/1), 0);
@@ -203,13 +194,13 @@ TEST(WatchHandle, CountsItsReferences) {
     duplicate->IncRefCount();
     EXPECT_TRUE(CloseHandle(duplicate));
     EXPECT_EQ(duplicate->GetRefCount(), 1) << "the last owner's close takes it from the scanner";
-    const CountCalls opened(Call::Opendir, {.path = directory.path()});
+    const CountCalls opened(Call::Opendir, {.path = directory_.path()});
     pass();
     EXPECT_EQ(opened.calls(), 0);
     EXPECT_EQ(FindCloseChangeNotification(duplicate), 0) << "unknown";
     duplicate->DecRefCount();
 
-    const OwnedHandle opening(traiklofox::files::openChangeNotification(directory.path().c_str()));
+    const OwnedHandle opening(traiklofox::files::openChangeNotification(directory_.path().c_str()));
     EXPECT_EQ(opening->GetRefCount(), 1);
     for (Handle* unknown : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, reinterpret_cast<Handle*>(4),
                             opening.get(), handle})
@@ -217,35 +208,14 @@ TEST(WatchHandle, CountsItsReferences) {
     EXPECT_EQ(opening->GetRefCount(), 1);
 }
 
-TEST(WatchHandle, RefusesWhatIsNone) {
-    const OwnedHandle other = event();
-    for (Handle* wrong : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, other.get()}) {
-        errno = 0;
-        EXPECT_FALSE(FindNextChangeNotification(wrong));
-        EXPECT_FALSE(ReadDirectoryChanges(wrong, nullptr, 0, FALSE, 0, nullptr, nullptr, nullptr));
-        EXPECT_EQ(errorOf(GetOverlappedResult(wrong, nullptr, nullptr, TRUE)), EINVAL);
-    }
-    EXPECT_EQ(FindFirstChangeNotification(nullptr, FALSE, 0), INVALID_HANDLE_VALUE);
-    ChangeNotificationHandle& unread = *new ChangeNotificationHandle(nullptr, FALSE, 0);
-    DWORD bytes = 0;
-    EXPECT_FALSE(unread.GetChangeData(&bytes, nullptr));
-    EXPECT_FALSE(GetOverlappedResult(&unread, nullptr, nullptr, TRUE));
-    CloseHandle(&unread);
-}
-
 Handle* toClose[2];
 
-TEST(WatchHandle, ACallbackMayCloseIt) {
-    const TempDir directory;
-    for (Handle*& handle : toClose) handle = FindFirstChangeNotification(directory.path().c_str(), FALSE, 0);
-    writeText(directory / "file", "");
+TEST_F(WatchHandle, ACallbackMayCloseIt) {
+    for (Handle*& handle : toClose) handle = watched().release();
+    writeText(file_, "");
     static int calls;
     calls = 0;
-    pass(1, [](ULONGLONG) {
-        ++calls;
-        EXPECT_EQ(FindCloseChangeNotification(toClose[0]), 0);
-        return true;
-    });
+    pass(1, [](ULONGLONG) { return ++calls, FindCloseChangeNotification(toClose[0]) == 0; });
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(WaitForSingleObject(toClose[1], 0), WAIT_OBJECT_0);
     pass(1, [](ULONGLONG) { return FindCloseChangeNotification(toClose[1]) == 0; });
@@ -256,9 +226,8 @@ TEST(WatchHandle, ACallbackMayCloseIt) {
 DWORD routineBytes;
 _OVERLAPPED* routineOverlapped;
 
-TEST(WatchHandle, ACompletionRoutineRunsInAnAlertableWait) {
-    const TempDir directory;
-    const OwnedHandle handle(new ChangeNotificationHandle(directory.path().c_str(), FALSE, 0));
+TEST_F(WatchHandle, ACompletionRoutineRunsInAnAlertableWait) {
+    const OwnedHandle handle = unwatched(directory_.path());
     std::array<char, 200> buffer{};
     _OVERLAPPED overlapped{};
     const auto routine = [](DWORD error, DWORD bytes, _OVERLAPPED* given) {
@@ -266,21 +235,18 @@ TEST(WatchHandle, ACompletionRoutineRunsInAnAlertableWait) {
         routineBytes = bytes;
         routineOverlapped = given;
     };
-    ASSERT_TRUE(ReadDirectoryChanges(handle.get(), buffer.data(), buffer.size(), FALSE, 0, nullptr,
-                                     &overlapped, routine));
-    writeText(directory / "file", "");
+    ASSERT_TRUE(read(handle.get(), buffer.data(), buffer.size(), &overlapped, routine));
+    writeText(file_, "");
     std::thread([] { pass(2); }).join();
     EXPECT_EQ(SleepEx(20'000, /*alertable=*/TRUE), WAIT_IO_COMPLETION);
     EXPECT_EQ(routineOverlapped, &overlapped);
-    EXPECT_EQ(changesIn(buffer.data(), routineBytes), (Changes{{FILE_ACTION_ADDED, "file"}}));
+    EXPECT_EQ(changesIn(buffer.data(), routineBytes), fileAdded_);
 
-    // Closed before it runs, it does not run.
-    Handle* closed = new ChangeNotificationHandle(directory.path().c_str(), FALSE, 0);
+    OwnedHandle closed = unwatched(directory_.path());  // closed before it runs, it does not run
     routineOverlapped = nullptr;
-    ASSERT_TRUE(
-        ReadDirectoryChanges(closed, buffer.data(), buffer.size(), FALSE, 0, nullptr, &overlapped, routine));
+    ASSERT_TRUE(read(closed.get(), buffer.data(), buffer.size(), &overlapped, routine));
     pass();
-    CloseHandle(closed);
+    closed.reset();
     (void)SleepEx(1, /*alertable=*/TRUE);
     EXPECT_EQ(routineOverlapped, nullptr);
 }
@@ -306,102 +272,92 @@ Completion next(const OwnedHandle& port, DWORD milliseconds = 0) {
     return got;
 }
 
-TEST(CompletionPort, ServesPacketsInOrderAndThenItsMembers) {
-    const TempDir directory;
-    const OwnedHandle port = newPort(),
-                      handle(new ChangeNotificationHandle(directory.path().c_str(), FALSE, 0));
+TEST_F(CompletionPort, ServesPacketsInOrderAndThenItsMembers) {
+    const OwnedHandle port = newPort(), handle = unwatched(directory_.path());
     EXPECT_EQ(port->What(), 12U);
-    ASSERT_EQ(CreateIoCompletionPort(handle.get(), port.get(), /*key=*/42, 0), port.get());
-    ASSERT_EQ(CreateIoCompletionPort(handle.get(), port.get(), /*key=*/43, 0), port.get())
-        << "once more, another key";
+    for (const ULONG_PTR key : {42u, 43u})  // once more, another key
+        ASSERT_EQ(CreateIoCompletionPort(handle.get(), port.get(), key, 0), port.get());
     EXPECT_EQ(handle->GetRefCount(), 2);
     EXPECT_EQ(next(port), Completion());
     EXPECT_EQ(errno, ETIMEDOUT);
 
     char buffer[100];
     _OVERLAPPED overlapped{}, posted{};
-    const auto read = [&] {
-        return ReadDirectoryChanges(handle.get(), buffer, sizeof buffer, FALSE, kAllFilters, nullptr,
-                                    &overlapped, nullptr);
-    };
-    ASSERT_TRUE(read());
-    writeText(directory / "first", "");
+    ASSERT_TRUE(read(handle.get(), buffer, sizeof buffer, &overlapped));
+    writeText(file_, "");
     pass();
     ASSERT_TRUE(PostQueuedCompletionStatus(port.get(), 1, 2, &posted));
     ASSERT_TRUE(PostQueuedCompletionStatus(port.get(), 3, 4, nullptr));
     EXPECT_EQ(next(port), (Completion{TRUE, 1, 2, &posted}));
     EXPECT_EQ(next(port), (Completion{TRUE, 3, 4, nullptr}));
-    EXPECT_EQ(next(port), (Completion{TRUE, 56, 43, &overlapped}));
-    EXPECT_EQ(changesIn(buffer, 56), (Changes{{FILE_ACTION_ADDED, "first"}}));
+    EXPECT_EQ(next(port), (Completion{TRUE, 52, 43, &overlapped}));
+    EXPECT_EQ(changesIn(buffer, 52), fileAdded_);
     EXPECT_EQ(next(port).result, FALSE);
 
     // What does not fit comes with the next call, at once.
-    for (const char* name : {"a", "b"}) writeText(directory / name, "");
-    ASSERT_TRUE(read());
+    for (const char* name : {"a", "b"}) writeText(directory_ / name, "");
+    ASSERT_TRUE(read(handle.get(), buffer, sizeof buffer, &overlapped));
     pass();
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(next(port), (Completion{TRUE, 52, 43, &overlapped}));
-        ASSERT_TRUE(read());
+        ASSERT_TRUE(read(handle.get(), buffer, sizeof buffer, &overlapped));
     }
     EXPECT_EQ(next(port).result, FALSE);
 
     // A thread that waits already is woken by either.
-    Completion first, second;
+    DWORD bytes = 0;
     std::jthread waiter([&] {
-        first = next(port, INFINITE);
-        second = next(port, INFINITE);
+        for (int i = 0; i < 2; ++i) bytes += next(port, INFINITE).bytes;
         PostQueuedCompletionStatus(port.get(), 9, 9, nullptr);
     });
     PostQueuedCompletionStatus(port.get(), 5, 6, nullptr);
-    writeText(directory / "c", "");
+    writeText(directory_ / "c", "");
     pass();
     waiter.join();
-    EXPECT_EQ(first.bytes + second.bytes, 5U + 52U);
+    EXPECT_EQ(bytes, 5U + 52U);
     EXPECT_EQ(next(port), (Completion{TRUE, 9, 9, nullptr}));
 }
 
-TEST(CompletionPort, AWaitForItFindsTheFirstSignalledMember) {
+TEST_F(CompletionPort, AWaitForItFindsTheFirstSignalledMember) {
     const OwnedHandle port = newPort();
-    EXPECT_EQ(WaitForSingleObject(port.get(), 0), WAIT_FAILED) << "no members";
+    EXPECT_EQ(stateOf(port), WAIT_FAILED) << "no members";
     std::vector<OwnedHandle> members;
-    for (int i = 0; i < 64; ++i) {
-        members.emplace_back(new ChangeNotificationHandle("/nowhere", FALSE, 0));
-        portOf(port).Insert(&directoryOf(members.back()));
+    while (members.size() < 64) {
+        portOf(port).Insert(&directoryOf(members.emplace_back(unwatched())));
         EXPECT_EQ(members.back()->GetRefCount(), 2);
     }
     EXPECT_EQ(portOf(port).GetHandle(63), members[63].get());
     EXPECT_EQ(portOf(port).GetHandle(64), nullptr);
-    EXPECT_EQ(WaitForSingleObject(port.get(), 0), WAIT_TIMEOUT);
-    EXPECT_EQ(WaitForSingleObject(port.get(), 5), WAIT_TIMEOUT);
+    for (const DWORD milliseconds : {0u, 5u})
+        EXPECT_EQ(WaitForSingleObject(port.get(), milliseconds), WAIT_TIMEOUT);
     members[40]->Signal();
     members[7]->Signal();
     EXPECT_EQ(WaitForSingleObject(port.get(), INFINITE), 7U);
-    EXPECT_EQ(WaitForSingleObject(port.get(), 0), 40U);
-    EXPECT_EQ(WaitForSingleObject(port.get(), 0), WAIT_TIMEOUT) << "used up";
+    EXPECT_EQ(stateOf(port), 40U);
+    EXPECT_EQ(stateOf(port), WAIT_TIMEOUT) << "used up";
     {
         std::jthread signaller([&] { members[63]->Signal(); });
         EXPECT_EQ(WaitForSingleObject(port.get(), 20'000), 63U);
     }
-    const OwnedHandle another(new ChangeNotificationHandle("/nowhere", FALSE, 0));
+    const OwnedHandle another = unwatched();
     portOf(port).Insert(&directoryOf(another));
     another->Signal();
-    EXPECT_EQ(WaitForSingleObject(port.get(), 0), WAIT_FAILED) << "65 members";
+    EXPECT_EQ(stateOf(port), WAIT_FAILED) << "65 members";
     EXPECT_TRUE(next(port).result) << "which a completion does not mind";
     EXPECT_TRUE(portOf(port).Erase(&directoryOf(another)));
     EXPECT_FALSE(portOf(port).Erase(&directoryOf(another)));
     EXPECT_EQ(another->GetRefCount(), 1);
-    EXPECT_EQ(WaitForSingleObject(port.get(), 0), WAIT_TIMEOUT);
+    EXPECT_EQ(stateOf(port), WAIT_TIMEOUT);
 
     // A packet counts as a signal, and stays.
     PostQueuedCompletionStatus(port.get(), 1, 1, nullptr);
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(WaitForSingleObject(port.get(), 0), WAIT_OBJECT_0);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(stateOf(port), WAIT_OBJECT_0);
     EXPECT_TRUE(next(port).result);
 }
 
-TEST(CompletionPort, LetsMembersGoThatAreClosedAndThatOutliveIt) {
-    OwnedHandle port = newPort();
-    OwnedHandle kept(new ChangeNotificationHandle("/nowhere", FALSE, 0));
-    Handle* closed = new ChangeNotificationHandle("/nowhere", FALSE, 0);
+TEST_F(CompletionPort, LetsMembersGoThatAreClosedAndThatOutliveIt) {
+    OwnedHandle port = newPort(), kept = unwatched();
+    Handle* closed = unwatched().release();
     for (Handle* member : {kept.get(), closed}) CreateIoCompletionPort(member, port.get(), 0, 0);
     closed->IncRefCount();  // to look at it afterwards
     CloseHandle(closed);
@@ -420,9 +376,9 @@ TEST(CompletionPort, LetsMembersGoThatAreClosedAndThatOutliveIt) {
     EXPECT_EQ(next(made), (Completion{TRUE, 0, 5, nullptr})) << "signalled before it became a member";
 }
 
-TEST(CompletionPort, AWaitOnSeveralKindsSeesWhatItHas) {
-    const OwnedHandle port = newPort(), other = newPort(), event(CreateEvent(nullptr, FALSE, FALSE, nullptr));
-    Handle* mixed[] = {event.get(), port.get()};
+TEST_F(CompletionPort, AWaitOnSeveralKindsSeesWhatItHas) {
+    const OwnedHandle port = newPort(), other = newPort(), unset = event(), member = unwatched();
+    Handle* mixed[] = {unset.get(), port.get()};
     Handle* ports[] = {other.get(), port.get()};
     const auto results = [&](DWORD milliseconds) {
         return std::pair{WaitForMultipleObjects(2, mixed, FALSE, milliseconds),
@@ -435,7 +391,6 @@ TEST(CompletionPort, AWaitOnSeveralKindsSeesWhatItHas) {
     for (int i = 0; i < 2; ++i) EXPECT_EQ(results(0), both);
     EXPECT_TRUE(next(port).result);
     EXPECT_EQ(results(0), nothing);
-    const OwnedHandle member(new ChangeNotificationHandle("/nowhere", FALSE, 0));
     portOf(port).Insert(&directoryOf(member));
     std::jthread signaller([&] { member->Signal(); });
     EXPECT_EQ(results(20'000), both);
@@ -443,52 +398,57 @@ TEST(CompletionPort, AWaitOnSeveralKindsSeesWhatItHas) {
     EXPECT_EQ(results(0), nothing);
 }
 
-TEST(CompletionPort, EachPacketIsServedToOneThread) {
-    constexpr int kThreads = 4, kEach = 5000;
+TEST_F(CompletionPort, EachPacketIsServedToOneThread) {
+    constexpr ULONG_PTR kThreads = 4, kEach = 5000;
     const OwnedHandle port = newPort();
-    std::atomic<long> sum = 0;
-    std::atomic<int> served = 0;
+    std::atomic<ULONG_PTR> sum = 0, served = 0;
+    const auto serve = [&] {
+        for (Completion got = next(port, INFINITE); got.key != 0; got = next(port, INFINITE)) {
+            sum += got.key;
+            ++served;
+        }
+    };
+    const auto post = [&] {
+        for (ULONG_PTR key = 1; key <= kEach; ++key) PostQueuedCompletionStatus(port.get(), 0, key, nullptr);
+    };
     {
         std::vector<std::jthread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&] {
-                for (Completion got = next(port, INFINITE); got.key != 0; got = next(port, INFINITE)) {
-                    sum += static_cast<long>(got.key);
-                    ++served;
-                }
-            });
-        }
-        std::vector<std::jthread> posters;
-        for (int i = 0; i < 2; ++i) {
-            posters.emplace_back([&] {
-                for (int n = 1; n <= kEach; ++n)
-                    PostQueuedCompletionStatus(port.get(), 0, static_cast<ULONG_PTR>(n), nullptr);
-            });
-        }
-        posters.clear();
-        for (int i = 0; i < kThreads; ++i) PostQueuedCompletionStatus(port.get(), 0, 0, nullptr);
+        while (threads.size() < kThreads) threads.emplace_back(serve);
+        std::thread first(post), second(post);
+        first.join(), second.join();
+        for (size_t i = 0; i < kThreads; ++i) PostQueuedCompletionStatus(port.get(), 0, 0, nullptr);
     }
     EXPECT_EQ(served, 2 * kEach);
-    EXPECT_EQ(sum, static_cast<long>(kEach) * (kEach + 1));
+    EXPECT_EQ(sum, kEach * (kEach + 1));
 }
 
-TEST(CompletionPort, RefusesWhatIsNone) {
-    const OwnedHandle port = newPort(), event(CreateEvent(nullptr, FALSE, FALSE, nullptr));
-    const OwnedHandle member(new ChangeNotificationHandle("/nowhere", FALSE, 0));
-    for (const auto& [file, existing] : {std::pair{event.get(), static_cast<Handle*>(nullptr)},
-                                         {event.get(), port.get()},
-                                         {member.get(), event.get()},
+TEST_F(WatchHandle, AndPortRefuseWhatIsNone) {
+    const OwnedHandle port = newPort(), other = event(), member = unwatched();
+    Handle* const none = nullptr;
+    for (const auto& [file, existing] : {std::pair{other.get(), none},
+                                         {other.get(), port.get()},
+                                         {member.get(), other.get()},
                                          {INVALID_HANDLE_VALUE, port.get()},
-                                         {nullptr, port.get()}}) {
+                                         {none, port.get()}})
         EXPECT_EQ(errorOf(CreateIoCompletionPort(file, existing, 0, 0) != nullptr), EINVAL);
-    }
-    for (Handle* wrong : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, event.get()}) {
+    for (Handle* wrong : {none, INVALID_HANDLE_VALUE, other.get()}) {
         _OVERLAPPED* overlapped = reinterpret_cast<_OVERLAPPED*>(4);
-        errno = 0;
         EXPECT_FALSE(GetQueuedCompletionStatus(wrong, nullptr, nullptr, &overlapped, INFINITE));
         EXPECT_EQ(overlapped, nullptr);
-        EXPECT_EQ(errorOf(PostQueuedCompletionStatus(wrong, 0, 0, nullptr)), EINVAL);
+        for (const auto& call : std::initializer_list<std::function<BOOL()>>{
+                 [&] { return PostQueuedCompletionStatus(wrong, 0, 0, nullptr); },
+                 [&] { return GetOverlappedResult(wrong, nullptr, nullptr, TRUE); },
+                 [&] { return FindNextChangeNotification(wrong); },
+                 [&] { return read(wrong, nullptr, 0); }}) {
+            errno = 0;
+            EXPECT_EQ(errorOf(call()), EINVAL);
+        }
     }
+    EXPECT_EQ(FindFirstChangeNotification(nullptr, FALSE, 0), INVALID_HANDLE_VALUE);
+    const OwnedHandle unread(new ChangeNotificationHandle(nullptr, FALSE, 0));
+    DWORD bytes = 0;
+    EXPECT_FALSE(directoryOf(unread).GetChangeData(&bytes, nullptr) ||
+                 GetOverlappedResult(unread.get(), nullptr, nullptr, TRUE));
 }
 
 }  // namespace
