@@ -18,38 +18,36 @@ class FileIo : public FileTest {
         return OwnedHandle{CreateFile(path_.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
                                       FILE_ATTRIBUTE_NORMAL, nullptr)};
     }
-    static std::string messageFor(const char* function, const Handle* handle) {
-        return std::string(function) + ": for fd " +
-               std::to_string(static_cast<int>(reinterpret_cast<intptr_t>(handle))) +
-               " errno: Bad file descriptor\n";
-    }
+    static int descriptorOf(const OwnedHandle& file) { return static_cast<File*>(file.get())->GetFd(); }
 };
 
 TEST_F(FileIo, AccessCodesGiveTheOpenFlags) {
+    constexpr DWORD kAppend = FILE_APPEND_DATA;
     const struct {
         DWORD access;
         int flags;
-        const char* message = "";
-    } kCases[] = {
-        {0, O_RDONLY},
-        {GENERIC_READ, O_RDONLY},
-        {GENERIC_WRITE, O_WRONLY},
-        {kReadWrite, O_RDWR},
-        {FILE_APPEND_DATA, O_RDONLY | O_APPEND},
-        {FILE_APPEND_DATA | GENERIC_READ, O_RDONLY, "CreateFile: dwDesiredAccess mode of 5 not suppported\n"},
-        {FILE_APPEND_DATA | GENERIC_WRITE, O_WRONLY | O_APPEND},
-        {FILE_APPEND_DATA | kReadWrite, O_RDWR | O_APPEND},
-        {8, O_RDONLY, "CreateFile: dwDesiredAccess mode of 8 not suppported\n"},
-        {0x80000000, O_RDONLY, "CreateFile: dwDesiredAccess mode of -2147483648 not suppported\n"}};
+        const char* unsupported = nullptr;
+    } kCases[] = {{0, O_RDONLY},
+                  {GENERIC_READ, O_RDONLY},
+                  {GENERIC_WRITE, O_WRONLY},
+                  {kReadWrite, O_RDWR},
+                  {kAppend, O_RDONLY | O_APPEND},
+                  {kAppend | GENERIC_READ, O_RDONLY, "5"},
+                  {kAppend | GENERIC_WRITE, O_WRONLY | O_APPEND},
+                  {kAppend | kReadWrite, O_RDWR | O_APPEND},
+                  {8, O_RDONLY, "8"},
+                  {0x80000000, O_RDONLY, "-2147483648"}};
     writeText(path_, "content");
     for (const auto& row : kCases) {
         const CapturedStderr messages;
         const OwnedHandle file = open(row.access, OPEN_EXISTING);
         ASSERT_EQ(file->What(), static_cast<DWORD>(HANDLE_KIND_FILE)) << row.access;
-        const int fd = static_cast<File*>(file.get())->GetFd();
-        EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_APPEND), row.flags) << row.access;
-        EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
-        EXPECT_EQ(messages.text(), row.message);
+        EXPECT_EQ(::fcntl(descriptorOf(file), F_GETFL) & (O_ACCMODE | O_APPEND), row.flags) << row.access;
+        EXPECT_EQ(::fcntl(descriptorOf(file), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(messages.text(), row.unsupported == nullptr
+                                       ? ""
+                                       : "CreateFile: dwDesiredAccess mode of " +
+                                             std::string(row.unsupported) + " not suppported\n");
     }
 }
 
@@ -57,8 +55,7 @@ TEST_F(FileIo, DispositionsDecideWhatIsMadeAndEmptied) {
     const struct {
         DWORD disposition;
         int errorIfMissing, errorIfThere;
-        const char* left;
-        const char* message = "";
+        const char *left, *message = "";
     } kCases[] = {{CREATE_NEW, 0, EEXIST, "old"},
                   {CREATE_ALWAYS, 0, 0, ""},
                   {OPEN_EXISTING, ENOENT, 0, "old"},
@@ -77,93 +74,79 @@ TEST_F(FileIo, DispositionsDecideWhatIsMadeAndEmptied) {
             errno = 0;
             Handle* file = open(kReadWrite, row.disposition).release();
             const int error = isThere ? row.errorIfThere : row.errorIfMissing;
-            EXPECT_EQ(file == INVALID_HANDLE_VALUE ? errno : 0, error);
+            EXPECT_EQ(errorOf(file != INVALID_HANDLE_VALUE), error);
             CloseHandle(file);
             EXPECT_EQ(messages.text(), row.message);
-            struct stat status {};
-            ASSERT_EQ(::stat(path_.c_str(), &status) == 0, isThere || error == 0);
+            ASSERT_EQ(fs::exists(path_), isThere || error == 0);
             if (isThere) {
                 EXPECT_EQ(readText(path_), row.left);
-            }
-            if (!isThere && error == 0) {
-                EXPECT_EQ(status.st_mode & 07777, 0644u);
+            } else if (error == 0) {
+                EXPECT_EQ(fs::status(path_).permissions(), fs::perms{0644});
             }
         }
     }
     EXPECT_EQ(CreateFile(nullptr, GENERIC_READ, 0, nullptr, OPEN_ALWAYS, 0, nullptr), INVALID_HANDLE_VALUE);
     const FailCall noDescriptor{Call::Open, EMFILE};
-    EXPECT_EQ(open(GENERIC_READ, OPEN_ALWAYS).release(), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(errorOf(open(GENERIC_READ, OPEN_ALWAYS).release() != INVALID_HANDLE_VALUE), EMFILE);
     EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(FileIo, ADirectoryIsOpenedToWatchItOnly) {
     writeText(path_, "content");
+    const auto openDirectory = [](const std::string& path, DWORD access) {
+        errno = 0;
+        return CreateFile(path.c_str(), access, 0, nullptr, OPEN_EXISTING,
+                          FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr);
+    };
     for (const DWORD access : {FILE_LIST_DIRECTORY, kReadWrite}) {
-        const OwnedHandle watched{CreateFile(directory_.path().c_str(), access, 0, nullptr, OPEN_EXISTING,
-                                             FILE_FLAG_BACKUP_SEMANTICS, nullptr)};
+        const OwnedHandle watched{openDirectory(directory_.path(), access)};
         ASSERT_NE(watched.get(), INVALID_HANDLE_VALUE);
         EXPECT_EQ(watched->What(), static_cast<DWORD>(HANDLE_KIND_CHANGE_NOTIFICATION));
     }
-    const struct {
-        std::string path;
-        DWORD access;
-        Handle* result;
-        int error;
-    } kCases[] = {{path_, GENERIC_READ, INVALID_HANDLE_VALUE, ENOTDIR},
-                  {directory_ / "missing", GENERIC_READ, INVALID_HANDLE_VALUE, ENOENT},
-                  {directory_.path(), GENERIC_WRITE, nullptr, EINVAL},
-                  {directory_.path(), 0, nullptr, EINVAL}};
-    for (const auto& row : kCases) {
-        errno = 0;
-        EXPECT_EQ(CreateFile(row.path.c_str(), row.access, 0, nullptr, OPEN_EXISTING,
-                             FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr),
-                  row.result)
-            << row.path;
-        EXPECT_EQ(errno, row.error) << row.path;
-    }
+    EXPECT_EQ(openDirectory(path_, GENERIC_READ), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(openDirectory(directory_ / "missing", GENERIC_READ), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(errno, ENOENT);
+    for (const DWORD access : {DWORD{0}, DWORD{GENERIC_WRITE}})
+        EXPECT_EQ(errorOf(openDirectory(directory_.path(), access) != nullptr), EINVAL);
 }
 
 TEST_F(FileIo, ReadsAndWritesAtOnePositionWhateverInterruptsOrCutsShort) {
     const OwnedHandle file = open(kReadWrite, CREATE_NEW);
+    char buffer[20] = {};
     DWORD done = 0;
-    const faults::Options onlyThree{.path = path_, .transferAtMost = 3};
-    const faults::Options thenThree{.onCall = 2, .path = path_, .transferAtMost = 3};
+    const auto write = [&](std::string_view text) {
+        return WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &done, nullptr);
+    };
+    const auto read = [&] { return ReadFile(file.get(), buffer, sizeof buffer, &done, nullptr); };
     const faults::Options hereOnly{.path = path_};
     {
         const FailCall interrupted{Call::Write, EINTR, hereOnly};
-        EXPECT_TRUE(WriteFile(file.get(), "0123456789", 10, &done, nullptr));
-        EXPECT_EQ(interrupted.fired(), 1);
+        EXPECT_TRUE(write("0123456789") && done == 10 && interrupted.fired() == 1);
     }
-    EXPECT_EQ(done, 10u);
     {
-        const FailCall cut{Call::Write, 0, onlyThree};
-        EXPECT_FALSE(WriteFile(file.get(), "abcdef", 6, &done, nullptr)) << "not all of it";
+        const FailCall cut{Call::Write, 0, {.path = path_, .transferAtMost = 3}};
+        EXPECT_TRUE(!write("abcdef") && done == 3) << "not all of it";
     }
-    EXPECT_EQ(done, 3u);
     {
         const FailCall full{Call::Write, ENOSPC, hereOnly};
-        EXPECT_FALSE(WriteFile(file.get(), "x", 1, &done, nullptr));
+        EXPECT_EQ(errorOf(write("x")), ENOSPC);
+        EXPECT_EQ(done, kFailed);
     }
-    EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(done, kFailed);
     EXPECT_EQ(readText(path_), "0123456789abc");
     EXPECT_TRUE(FlushFileBuffers(file.get()));
 
-    char buffer[20] = {};
     EXPECT_EQ(SetFilePointer(file.get(), -5, nullptr, FILE_END), 8u);
     {
         const FailCall interrupted{Call::Read, EINTR, hereOnly};
-        const FailCall cut{Call::Read, 0, thenThree};
-        EXPECT_TRUE(ReadFile(file.get(), buffer, sizeof buffer, &done, nullptr));
+        const FailCall cut{Call::Read, 0, {.onCall = 2, .path = path_, .transferAtMost = 3}};
+        EXPECT_TRUE(read());
     }
     EXPECT_EQ(std::string_view(buffer, done), "89a");
     SetFilePointer(file.get(), 0, nullptr, FILE_END);
-    EXPECT_TRUE(ReadFile(file.get(), buffer, sizeof buffer, &done, nullptr)) << "the end is no error";
-    EXPECT_EQ(done, 0u);
+    EXPECT_TRUE(read() && done == 0) << "the end is no error";
     const FailCall broken{Call::Read, EIO, hereOnly};
-    EXPECT_FALSE(ReadFile(file.get(), buffer, sizeof buffer, &done, nullptr));
-    EXPECT_EQ(done, kFailed);
+    EXPECT_TRUE(!read() && done == kFailed);
     EXPECT_FALSE(ReadFile(file.get(), buffer, sizeof buffer, nullptr, nullptr));
     EXPECT_EQ(errorOf(WriteFile(file.get(), buffer, sizeof buffer, nullptr, nullptr)), EINVAL);
 }
@@ -171,7 +154,7 @@ TEST_F(FileIo, ReadsAndWritesAtOnePositionWhateverInterruptsOrCutsShort) {
 TEST_F(FileIo, MovesFromEachPlaceAndCutsToOneByteAlways) {
     writeText(path_, std::string(100, 'x'));
     const OwnedHandle file = open(kReadWrite, OPEN_EXISTING);
-    const int fd = static_cast<File*>(file.get())->GetFd();
+    const int fd = descriptorOf(file);
     LONG high = 77;
     const struct {
         LONG distance;
@@ -199,19 +182,24 @@ TEST_F(FileIo, MovesFromEachPlaceAndCutsToOneByteAlways) {
 
 TEST_F(FileIo, WhatIsNoFileHandleFailsWithEbadf) {
     const OwnedHandle event{CreateEvent(nullptr, FALSE, FALSE, nullptr)};
+    char byte = 0;
+    DWORD done = 0;
     for (Handle* handle : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, event.get()}) {
         const CapturedStderr messages;
-        char byte = 0;
-        DWORD done = 0;
-        const auto refuses = [](bool failed) { return failed && std::exchange(errno, 0) == EBADF; };
-        for (const bool failed : {refuses(!ReadFile(handle, &byte, 1, &done, nullptr)),
-                                  refuses(!WriteFile(handle, &byte, 1, &done, nullptr)),
-                                  refuses(!FlushFileBuffers(handle)), refuses(!SetEndOfFile(handle)),
-                                  refuses(SetFilePointer(handle, 0, nullptr, FILE_BEGIN) == kFailed),
-                                  refuses(GetFileSize(handle, nullptr) == kFailed),
-                                  refuses(GetFileTime(handle, nullptr, nullptr, nullptr))})
-            EXPECT_TRUE(failed);
-        EXPECT_EQ(messages.text(), messageFor("GetFileSize", handle) + messageFor("GetFileTime", handle));
+        for (const auto& succeeds : std::initializer_list<std::function<bool()>>{
+                 [&] { return ReadFile(handle, &byte, 1, &done, nullptr); },
+                 [&] { return WriteFile(handle, &byte, 1, &done, nullptr); },
+                 [&] { return FlushFileBuffers(handle); }, [&] { return SetEndOfFile(handle); },
+                 [&] { return SetFilePointer(handle, 0, nullptr, FILE_BEGIN) != kFailed; },
+                 [&] { return GetFileSize(handle, nullptr) != kFailed; },
+                 [&] { return !GetFileTime(handle, nullptr, nullptr, nullptr); }}) {
+            errno = 0;
+            EXPECT_EQ(errorOf(succeeds()), EBADF);
+        }
+        const std::string rest = ": for fd " +
+                                 std::to_string(static_cast<int>(reinterpret_cast<intptr_t>(handle))) +
+                                 " errno: Bad file descriptor\n";
+        EXPECT_EQ(messages.text(), "GetFileSize" + rest + "GetFileTime" + rest);
     }
 }
 

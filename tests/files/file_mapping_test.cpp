@@ -97,53 +97,47 @@ TEST_F(FileMapping, TakesNoArgumentOrFileThatIsNoMapping) {
                                      {memory, "a/b"},
                                      {memory, "./../etc/x"}})
         EXPECT_EQ(errorOf(CreateFileMapping(file, nullptr, PAGE_READWRITE, 0, 100, name) != nullptr), EINVAL);
+    EXPECT_EQ(CreateFileMapping(memory, nullptr, PAGE_READONLY, 0, 1, "."), nullptr) << "is /tmp/..";
 
     const std::string victim = "/tmp/victim";
     writeText(victim, "precious");
-    ASSERT_EQ(::chmod(victim.c_str(), 0600), 0);
+    fs::permissions(victim, fs::perms{0600});
     const struct {
         const char* what;
-        int (*make)(const char* victim, const char* path);
+        std::function<void()> make;
         int error;
-    } kStrangeFiles[] = {
-        {"a symbolic link", ::symlink, ELOOP},
-        {"a dangling one", [](const char*, const char* path) { return ::symlink("/tmp/missing", path); },
-         ELOOP},
-        {"a further name", ::link, EPERM},
-        {"a pipe", [](const char*, const char* path) { return ::mkfifo(path, 0600); }, EPERM},
-        {"a directory", [](const char*, const char* path) { return ::mkdir(path, 0700); }, EPERM}};
+    } kStrangeFiles[] = {{"a symbolic link", [&] { fs::create_symlink(victim, kBacking); }, ELOOP},
+                         {"a dangling one", [] { fs::create_symlink("/tmp/missing", kBacking); }, ELOOP},
+                         {"a further name", [&] { fs::create_hard_link(victim, kBacking); }, EPERM},
+                         {"a pipe", [] { ASSERT_EQ(::mkfifo(kBacking.c_str(), 0600), 0); }, EPERM},
+                         {"a directory", [] { fs::create_directory(kBacking); }, EPERM}};
     for (const auto& row : kStrangeFiles) {
-        ASSERT_EQ(row.make(victim.c_str(), kBacking.c_str()), 0) << row.what;
+        row.make();
         EXPECT_EQ(errorOf(open(100, PAGE_READONLY) != nullptr), row.error) << row.what;
         EXPECT_EQ(open(100), nullptr) << row.what;
-        ASSERT_EQ(::remove(kBacking.c_str()), 0);
+        fs::remove(kBacking);
     }
-    EXPECT_EQ(CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0, 1, "."), nullptr)
-        << "is /tmp/..";
     EXPECT_EQ(readText(victim), "precious");
-    EXPECT_NE(::access("/tmp/missing", F_OK), 0);
+    EXPECT_FALSE(fs::exists("/tmp/missing"));
 }
 
 TEST_F(FileMapping, AFailureLeavesNoFileBehindThatNobodySizes) {
     const int before = openDescriptors();
-    const struct {
-        Call call;
-        int error;
-    } kCases[] = {{Call::Open, EMFILE}, {Call::Fstat, EIO}, {Call::Ftruncate, EFBIG}};
-    for (const auto& row : kCases) {
-        const auto create = [&](const FailCall& fault, int) {
+    for (const auto& [call, error] :
+         {std::pair{Call::Open, EMFILE}, {Call::Fstat, EIO}, {Call::Ftruncate, EFBIG}}) {
+        const auto create = [&, error = error](const FailCall& fault, int) {
             ::unlink(kBacking.c_str());
             errno = 0;
             const Mapping mapping = open(100, PAGE_READONLY);
             EXPECT_EQ(mapping == nullptr, fault.fired() > 0);
-            EXPECT_EQ(errno, fault.fired() > 0 ? row.error : 0);
+            EXPECT_EQ(errno, fault.fired() > 0 ? error : 0);
         };
-        EXPECT_GT(failEveryCall(row.call, row.error, create, {.path = kBacking}), 0);
-        ::unlink(kBacking.c_str());
-        const FailCall cannotSize{Call::Ftruncate, EFBIG};
-        EXPECT_EQ(open(100), nullptr);
-        EXPECT_NE(::access(kBacking.c_str(), F_OK), 0);
+        EXPECT_GT(failEveryCall(call, error, create, {.path = kBacking}), 0);
     }
+    ::unlink(kBacking.c_str());
+    const FailCall cannotSize{Call::Ftruncate, EFBIG};
+    EXPECT_EQ(open(100), nullptr);
+    EXPECT_FALSE(fs::exists(kBacking));
     EXPECT_EQ(openDescriptors(), before);
 }
 
@@ -170,13 +164,11 @@ TEST_F(FileMapping, BelongsToWhomTheInstallationDoes) {
     const SmallDisk installation("/opt", 1 << 20);
     const std::string model = "/opt/tarnwell/registry/tw.registry.template";
     writeText(model, "");
-    ASSERT_EQ(::chmod(model.c_str(), 0640), 0);
+    fs::permissions(model, fs::perms{0640});
     const bool mayGiveAway = ::chown(model.c_str(), 4711, 4712) == 0;
     ::umask(077);
     for (const bool isNew : {true, false}) {
-        if (!isNew) {
-            ASSERT_EQ(::chmod(kBacking.c_str(), 0600), 0);
-        }
+        if (!isNew) fs::permissions(kBacking, fs::perms{0600});
         EXPECT_NE(open(100), nullptr);
         EXPECT_EQ(backing().st_mode & 07777, 0640u);
         EXPECT_EQ(backing().st_uid, mayGiveAway ? 4711u : ::geteuid());
@@ -192,12 +184,10 @@ TEST_F(FileMapping, EndsAViewByWhatWasMappedNotByWhatItSays) {
     const bool isBelow = broken < neighbour;
     headerOf(broken) = static_cast<DWORD>(isBelow ? neighbour - broken + 8 * static_cast<LONG_PTR>(page) : 0);
     EXPECT_TRUE(UnmapViewOfFile(broken));
-    EXPECT_FALSE(isMapped(broken));
-    EXPECT_TRUE(isMapped(neighbour) && isMapped(neighbour + 2 * page));
+    EXPECT_TRUE(!isMapped(broken) && isMapped(neighbour) && isMapped(neighbour + 2 * page));
 
-    for (void* none :
-         {static_cast<void*>(nullptr), static_cast<void*>(broken), static_cast<void*>(neighbour + page),
-          static_cast<void*>(neighbour - 4), reinterpret_cast<void*>(3)}) {
+    for (char* none :
+         {static_cast<char*>(nullptr), broken, neighbour + page, neighbour - 4, reinterpret_cast<char*>(3)}) {
         errno = 0;
         EXPECT_EQ(errorOf(UnmapViewOfFile(none)), EINVAL);
     }
@@ -209,12 +199,10 @@ TEST_F(FileMapping, EndsAViewByWhatWasMappedNotByWhatItSays) {
 
 TEST_F(FileMapping, EveryAccessIsMappedAndOnlyWritingStoresTheLength) {
     const Mapping mapping = open(100);
-    const std::tuple<DWORD, SIZE_T, DWORD> kAccessBytesHeader[] = {{FILE_MAP_READ, 100, 0},
-                                                                   {FILE_MAP_ALL_ACCESS, 100, 0},
-                                                                   {FILE_MAP_WRITE, 0, 104},
-                                                                   {FILE_MAP_WRITE, 50, 54},
-                                                                   {FILE_MAP_READ, 0, 54}};
-    for (const auto& [access, bytes, header] : kAccessBytesHeader) {
+    // clang-format off
+    for (const auto& [access, bytes, header] : {std::tuple<DWORD, SIZE_T, DWORD>{FILE_MAP_READ, 100, 0},
+         {FILE_MAP_ALL_ACCESS, 100, 0}, {FILE_MAP_WRITE, 0, 104}, {FILE_MAP_WRITE, 50, 54}, {FILE_MAP_READ, 0, 54}}) {
+        // clang-format on
         char* mapped = view(mapping, access, bytes);
         EXPECT_EQ(headerOf(mapped), header) << access << ' ' << bytes;
         EXPECT_TRUE(UnmapViewOfFile(mapped) && !isMapped(mapped));

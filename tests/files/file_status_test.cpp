@@ -35,162 +35,107 @@ bool isLate(const _FILETIME& time) {
     return (ULONGLONG{time.dwHighDateTime} << 32 | time.dwLowDateTime) == kLateTicks;
 }
 
-OwnedHandle openFile(const std::string& path) {
-    return OwnedHandle{CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)};
-}
-
 /// Dated late, all of them: d/large, d/small ("content"), d/sub, d/link, which leads to "sub", and d.
-struct Place {
-    const TempDir home;
-    const std::string d = home / "d";
-    const std::string large = d + "/large";
-    const std::string small = d + "/small";
-    const std::string sub = d + "/sub";
-    const std::string link = d + "/link";
-};
-
-struct Row {
-    const char* call;
-    bool (*works)(const Place& at);
-};
-
-const Row kRows[] = {
-    {"GetFileSize",
-     [](const Place& at) {
-         DWORD high = 77;
-         return GetFileSize(openFile(at.large).get(), &high) == kLargeLow && high == 0;
-     }},
-    {"GetFileTime",
-     [](const Place& at) {
-         _FILETIME created, accessed, written;
-         return GetFileTime(openFile(at.small).get(), &created, &accessed, &written) && isLate(created) &&
-                isLate(accessed) && isLate(written);
-     }},
-    {"GetFileAttributes",
-     [](const Place& at) { return GetFileAttributes(at.large.c_str()) == FILE_ATTRIBUTE_NORMAL; }},
-    {"SetFileAttributes",
-     [](const Place& at) { return SetFileAttributes(at.large.c_str(), FILE_ATTRIBUTE_NORMAL) != FALSE; }},
-    {"GetDirectoryTreeSize",
-     [](const Place& at) {
-         const DWORD size = GetDirectoryTreeSize(at.d);
-         return ::unlink(at.large.c_str()) == 0 && size - kLargeLow == GetDirectoryTreeSize(at.d);
-     }},
-    {"FindFirstFile",
-     [](const Place& at) {
-         _WIN32_FIND_DATA data;
-         Handle* const search = FindFirstFile((at.d + "/l*e").c_str(), &data);
-         return search != INVALID_HANDLE_VALUE && FindClose(search) == 2 && isLate(data.ftCreationTime) &&
-                isLate(data.ftLastAccessTime) && isLate(data.ftLastWriteTime) && data.nFileSizeHigh == 0 &&
-                data.nFileSizeLow == kLargeLow;
-     }},
-    {"FindFirstFile, of a directory",
-     [](const Place& at) {
-         _WIN32_FIND_DATA data;
-         Handle* const search = FindFirstFile(at.sub.c_str(), &data);
-         return search != INVALID_HANDLE_VALUE && FindClose(search) == 2 &&
-                data.cFileName == std::string(".");
-     }},
-    {"CFileFind",
-     [](const Place& at) {
-         CFileFind finder;
-         _FILETIME time;
-         return finder.FindFile(at.large.c_str()) && !finder.FindNextFile() &&
-                finder.GetLength() == kLargeSize && finder.GetLastWriteTime(&time) && isLate(time);
-     }},
-    {"KZSuperGlob",
-     [](const Place& at) {
-         KZSuperGlob glob;
-         struct stat cut {};
-         if (!glob.AddPattern("large") || !glob.GlobMore(at.d) || glob.count() != 1) return false;
-         glob.begin()->GetStat(&cut);
-         return glob.begin()->modificationTime == kLate && cut.st_mtime == static_cast<time_t>(kLate) &&
-                cut.st_size == static_cast<off_t>(kLargeSize);
-     }},
-    {"FileLock::FileStat",
-     [](const Place& at) {
-         FileLock file(at.large.c_str(), FileLock::in | FileLock::nocreate);
-         struct stat cut {};
-         KZFileStatus whole{};
-         return file.FileStat(&cut) == 0 && file.FileStat(&whole) && whole.modificationTime == kLate &&
-                whole.size == kLargeSize && cut.st_mtime == static_cast<time_t>(kLate) &&
-                cut.st_size == static_cast<off_t>(kLargeSize) && cut.st_ino == whole.inode;
-     }},
-    {"FileLock::OpenAndLockFile",
-     [](const Place& at) {
-         FileLock file;
-         return file.OpenAndLockFile(at.small.c_str(), FileLock::out | FileLock::trunc, nullptr, 0) &&
-                readText(at.small).empty();
-     }},
-    {"CopyFile",
-     [](const Place& at) { return CopyFile(at.small.c_str(), (at.d + "/new").c_str(), TRUE) != FALSE; }},
-    {"CopyFile, over a late one",
-     [](const Place& at) {
-         writeText(at.home / "new", "new");
-         return CopyFile((at.home / "new").c_str(), at.small.c_str(), FALSE) && readText(at.small) == "new";
-     }},
-    {"CopyFile, onto itself",
-     [](const Place& at) { return !CopyFile(at.small.c_str(), at.small.c_str(), FALSE) && errno == EEXIST; }},
-    {"MoveFile, where the system cannot tell whether the target exists",
-     [](const Place& at) {
-         const FailCall old{Call::Rename, EINVAL};
-         return !MoveFile(at.small.c_str(), at.large.c_str()) && errno == EEXIST;
-     }},
-    {"CreateDirectoryEx",
-     [](const Place& at) {
-         const std::string made = at.d + "/made";
-         return ::chmod(at.sub.c_str(), 0711) == 0 &&
-                CreateDirectoryEx(at.sub.c_str(), made.c_str(), nullptr) &&
-                fs::status(made).permissions() == fs::perms{0711};
-     }},
-    {"RemoveDirectory, of a link",
-     [](const Place& at) {
-         return RemoveDirectory(at.link.c_str()) && !fs::is_symlink(at.link) && !fs::exists(at.sub);
-     }},
-    {"CreateFile, of a directory",
-     [](const Place& at) {
-         return OwnedHandle{CreateFile(at.d.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                                       FILE_FLAG_BACKUP_SEMANTICS, nullptr)} != nullptr;
-     }},
-    {"WatchDirsThread",
-     [](const Place& at) {
-         const OwnedHandle handle = watching(at.d, kAllFilters, /*subtree=*/TRUE);
-         pass();
-         ChangeNotificationHandle& watched = directoryOf(handle);
-         watched.Lock();
-         const auto& records = *watched.GetNotifyData();
-         const bool areLate = std::ranges::all_of(records, [](const auto& record) {
-             return isLate(record.time) && (record.name != "large" || record.size == kLargeLow);
-         });
-         const bool isWhole = records.size() == 2;
-         watched.Unlock();
-         return isWhole && areLate;
-     }},
-    {"CreateFileMapping", [](const Place&) {
-         const std::string name = "late-mapping-" + std::to_string(::getpid());
-         const std::string backing = "/tmp/." + name;
-         writeText(backing, "");
-         const bool isMade = ::truncate64(backing.c_str(), kLargeSize) == 0 && dateLate(backing);
-         const OwnedHandle mapping{
-             CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0, 4096, name.c_str())};
-         ::unlink(backing.c_str());
-         const void* const view = isMade ? MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 4096) : nullptr;
-         return view != nullptr && UnmapViewOfFile(view);
-     }}};
-
-TEST(FileStatus, IsKnownWhateverTheFilesSizeAndDate) {
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.call);
-        const Place at;
-        writeText(at.small, "content");
-        writeText(at.large, "");
-        fs::create_directory(at.sub);
-        fs::create_symlink("sub", at.link);
-        ASSERT_EQ(::truncate64(at.large.c_str(), kLargeSize), 0);
-        for (const std::string& path : {at.large, at.small, at.link, at.sub, at.d})
+class FileStatus : public testing::Test {
+  protected:
+    void SetUp() override {
+        writeText(small, "content");
+        writeText(large, "");
+        fs::create_directory(sub);
+        fs::create_symlink("sub", link);
+        ASSERT_EQ(::truncate64(large.c_str(), kLargeSize), 0);
+        for (const std::string& path : {large, small, link, sub, d})
             if (!dateLate(path)) GTEST_SKIP() << "the file system has no dates after 2038";
         errno = 0;
-        EXPECT_TRUE(row.works(at)) << std::strerror(errno);
     }
+    static OwnedHandle openFile(const std::string& path, DWORD flags = 0) {
+        return OwnedHandle{CreateFile(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, flags, nullptr)};
+    }
+
+    const TempDir home;
+    const std::string d = home / "d", large = d + "/large", small = d + "/small", sub = d + "/sub",
+                      link = d + "/link";
+};
+
+TEST_F(FileStatus, IsToldWhateverTheFilesSizeAndDate) {
+    DWORD high = 77;
+    EXPECT_EQ(GetFileSize(openFile(large).get(), &high), kLargeLow);
+    EXPECT_EQ(high, 0U);
+    _FILETIME created, accessed, written;
+    EXPECT_TRUE(GetFileTime(openFile(small).get(), &created, &accessed, &written) && isLate(created) &&
+                isLate(accessed) && isLate(written));
+    EXPECT_EQ(GetFileAttributes(large.c_str()), FILE_ATTRIBUTE_NORMAL);
+    EXPECT_NE(openFile(d, FILE_FLAG_BACKUP_SEMANTICS).get(), INVALID_HANDLE_VALUE);
+
+    _WIN32_FIND_DATA data;
+    Handle* search = FindFirstFile((d + "/l*e").c_str(), &data);
+    EXPECT_TRUE(search != INVALID_HANDLE_VALUE && FindClose(search) == 2 && isLate(data.ftCreationTime) &&
+                isLate(data.ftLastAccessTime) && isLate(data.ftLastWriteTime) && data.nFileSizeHigh == 0 &&
+                data.nFileSizeLow == kLargeLow);
+    search = FindFirstFile(sub.c_str(), &data);
+    EXPECT_TRUE(search != INVALID_HANDLE_VALUE && FindClose(search) == 2);
+    EXPECT_STREQ(data.cFileName, ".");
+    CFileFind finder;
+    EXPECT_TRUE(finder.FindFile(large.c_str()) && !finder.FindNextFile() &&
+                finder.GetLength() == kLargeSize && finder.GetLastWriteTime(&written) && isLate(written));
+
+    const auto isCut = [](const struct stat& cut) {
+        return cut.st_mtime == static_cast<time_t>(kLate) && cut.st_size == static_cast<off_t>(kLargeSize);
+    };
+    KZSuperGlob glob;
+    struct stat cut {};
+    ASSERT_TRUE(glob.AddPattern("large") && glob.GlobMore(d) && glob.count() == 1);
+    glob.begin()->GetStat(&cut);
+    EXPECT_TRUE(glob.begin()->modificationTime == kLate && isCut(cut));
+    FileLock file(large.c_str(), FileLock::in | FileLock::nocreate);
+    KZFileStatus whole{};
+    EXPECT_TRUE(file.FileStat(&cut) == 0 && file.FileStat(&whole) && whole.modificationTime == kLate &&
+                whole.size == kLargeSize && isCut(cut) && cut.st_ino == whole.inode);
+
+    const OwnedHandle handle = watching(d, kAllFilters, /*subtree=*/TRUE);
+    pass();
+    ChangeNotificationHandle& watched = directoryOf(handle);
+    watched.Lock();
+    const NotifyRecords& records = *watched.GetNotifyData();
+    EXPECT_EQ(records.size(), 2U);
+    EXPECT_TRUE(std::ranges::all_of(records, [](const auto& record) {
+        return isLate(record.time) && (record.name != "large" || record.size == kLargeLow);
+    }));
+    watched.Unlock();
+
+    const DWORD size = GetDirectoryTreeSize(d);
+    fs::remove(large);
+    EXPECT_EQ(size - kLargeLow, GetDirectoryTreeSize(d));
+}
+
+TEST_F(FileStatus, StandsInNobodysWayWhateverTheFilesSizeAndDate) {
+    const std::string copy = d + "/copy", made = d + "/made", other = home / "new";
+    EXPECT_TRUE(SetFileAttributes(large.c_str(), FILE_ATTRIBUTE_NORMAL)) << errno;
+    EXPECT_EQ(errorOf(CopyFile(small.c_str(), small.c_str(), FALSE)), EEXIST) << "onto itself";
+    {
+        const FailCall cannotTell{Call::Rename, EINVAL};
+        EXPECT_EQ(errorOf(MoveFile(small.c_str(), large.c_str())), EEXIST);
+    }
+    EXPECT_TRUE(CopyFile(small.c_str(), copy.c_str(), TRUE)) << errno;
+    writeText(other, "new");
+    EXPECT_TRUE(CopyFile(other.c_str(), small.c_str(), FALSE) && readText(small) == "new") << errno;
+    FileLock file;
+    ASSERT_TRUE(dateLate(small));
+    EXPECT_TRUE(file.OpenAndLockFile(small.c_str(), FileLock::out | FileLock::trunc, nullptr, 0)) << errno;
+    EXPECT_EQ(readText(small), "");
+
+    fs::permissions(sub, fs::perms{0711});
+    EXPECT_TRUE(CreateDirectoryEx(sub.c_str(), made.c_str(), nullptr)) << errno;
+    EXPECT_EQ(fs::status(made).permissions(), fs::perms{0711});
+    EXPECT_TRUE(RemoveDirectory(link.c_str()) && !fs::is_symlink(link) && !fs::exists(sub)) << errno;
+
+    const std::string name = "late-mapping-" + std::to_string(::getpid()), backing = "/tmp/." + name;
+    writeText(backing, "");
+    ASSERT_TRUE(::truncate64(backing.c_str(), kLargeSize) == 0 && dateLate(backing));
+    const OwnedHandle mapping{
+        CreateFileMapping(INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0, 4096, name.c_str())};
+    ::unlink(backing.c_str());
+    EXPECT_TRUE(UnmapViewOfFile(MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 4096))) << errno;
 }
 
 }  // namespace

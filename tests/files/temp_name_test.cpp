@@ -2,9 +2,9 @@
 #include <traiklofox/temp_name.h>
 
 #include <cstdlib>
-#include <mutex>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "files/file_fixture.h"
 #include "files/temp_name.h"
@@ -33,41 +33,38 @@ TEST(TempName, IsAFreeOneInTheDirectoryAndCarriesTheProcess) {
 }
 
 TEST(TempName, ThreadsAndForkedChildrenNeverGetTheSame) {
-    constexpr size_t kThreads = 4, kChildren = 3, kNames = 500;
+    constexpr size_t kEach = 4, kNames = 500;  // threads, and children
     const TempDir directory;
+    const auto writeNames = [&](const std::string& file) {
+        std::string names;
+        for (size_t i = 0; i < kNames; ++i) names += KZTempNam("/tmp") + "\n";
+        writeText(directory / file, names);
+    };
     (void)KZTempNam("/tmp");
     // Children first: each goes on from the same state as the parent.
     std::vector<pid_t> children;
-    while (children.size() < kChildren) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            std::string names;
-            for (size_t i = 0; i < kNames; ++i) names += KZTempNam("/tmp") + "\n";
-            writeText(directory / std::to_string(getpid()), names);
-            _exit(0);
-        }
-        children.push_back(pid);
+    while (children.size() < kEach) {
+        children.push_back(fork());
+        if (children.back() != 0) continue;
+        writeNames("child" + std::to_string(children.size()));
+        _exit(0);
     }
-    std::set<std::string> all;
-    std::mutex gathering;
     {
         std::vector<std::jthread> threads;
-        for (size_t thread = 0; thread < kThreads; ++thread)
-            threads.emplace_back([&] {
-                std::vector<std::string> names;
-                while (names.size() < kNames) names.push_back(KZTempNam("/tmp"));
-                const std::lock_guard guard(gathering);
-                all.insert(names.begin(), names.end());
-            });
+        for (size_t i = 0; i < kEach; ++i)
+            threads.emplace_back([&, i] { writeNames("thread" + std::to_string(i)); });
     }
     for (const pid_t child : children) {
         int status = -1;
         ASSERT_EQ(waitpid(child, &status, 0), child);
         ASSERT_EQ(status, 0);
-        std::istringstream names(readText(directory / std::to_string(child)));
+    }
+    std::set<std::string> all;
+    for (const auto& entry : fs::directory_iterator(directory.path())) {
+        std::istringstream names(readText(entry.path()));
         for (std::string name; std::getline(names, name);) all.insert(name);
     }
-    EXPECT_EQ(all.size(), (kThreads + kChildren) * kNames);
+    EXPECT_EQ(all.size(), 2 * kEach * kNames);
 }
 
 TEST_ROLE(tellsItsNumber) {
@@ -94,30 +91,25 @@ TEST(TempName, OtherNamesHaveNoProcess) {
         ".kztmp.+1.0-0 .kztmp.1x.0-0 .kztmp..0-0 .kztmp.1 .kztmp.1. .kztmp.1.0 .kztmp.1.0- .kztmp.1.-0 "
         ".kztmp.1.0-0x .kztmp.1.0-0.bak .kztmp.1.0-FF .kztmp.1.0-00000000000000000 kztmp.1.0-0 "
         "x.kztmp.1.0-0 .kztmp. tw.registry");
-    EXPECT_EQ(processOfTemporaryName(""), std::nullopt);
-    EXPECT_EQ(processOfTemporaryName(".kztmp. 1.0-0"), std::nullopt);
+    EXPECT_FALSE(processOfTemporaryName("") || processOfTemporaryName(".kztmp. 1.0-0"));
     for (std::string name; others >> name;)
         EXPECT_EQ(processOfTemporaryName(name.c_str()), std::nullopt) << name;
 }
 
 TEST(TempPath, IsTheFirstOfTheVariablesThatSaysSomething) {
     const struct {
-        const char *tmp, *temp, *tmpdir;
-        const char* path;
+        const char *tmp, *temp, *tmpdir, *path;
     } kCases[] = {{"/a", "/b", "/c", "/a/"},
                   {"", "/b/", "/c", "/b/"},
                   {nullptr, nullptr, "/c", "/c/"},
                   {"with %s", nullptr, "", "with %s/"},
                   {nullptr, nullptr, nullptr, "/tmp/"}};
-    const auto set = [](const char* name, const char* value) {
-        value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
-    };
     for (const auto& row : kCases) {
-        set("TMP", row.tmp);
-        set("TEMP", row.temp);
-        set("TMPDIR", row.tmpdir);
+        for (const auto& [name, value] :
+             {std::pair{"TMP", row.tmp}, {"TEMP", row.temp}, {"TMPDIR", row.tmpdir}})
+            value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
         char buffer[64] = "#";
-        const auto length = static_cast<DWORD>(std::string_view(row.path).size());
+        const auto length = static_cast<DWORD>(std::strlen(row.path));
         EXPECT_EQ(GetTempPath(length, buffer), length + 1) << "the NUL does not fit";
         EXPECT_EQ(GetTempPath(0, nullptr), length + 1);
         EXPECT_EQ(buffer[0], '#');
@@ -142,42 +134,35 @@ TEST(TempFile, HasTheGivenNumberOrAFreeOneAndIsThenMade) {
         for (const std::string& parent : {directory.path(), start}) {
             EXPECT_EQ(GetTempFileName(parent.c_str(), row.prefix, row.unique, name), row.unique);
             EXPECT_EQ(name, start + row.name);
-            EXPECT_NE(::access(name, F_OK), 0) << "only named";
+            EXPECT_FALSE(fs::exists(name)) << "only named";
         }
     }
 
     std::set<std::string> made;
     for (int i = 0; i < 300; ++i) {
-        const UINT number = GetTempFileName(directory.path().c_str(), "tmp", 0, name);
+        const UINT number = GetTempFileName(start.c_str(), "tmp", 0, name);
         ASSERT_TRUE(number > 0 && number <= 0xFFFF) << number;
         made.insert(name);
-        EXPECT_EQ(std::filesystem::status(name).permissions(), std::filesystem::perms{0600});
+        EXPECT_EQ(fs::status(name).permissions(), fs::perms{0600});
     }
     EXPECT_EQ(made.size(), 300u);
 
-    const std::string longest(MAX_PATH - 14, '/'), tooLong(MAX_PATH - 13, '/'),
-        missing = directory / "missing";
-    const struct {
-        const char *directory, *prefix;
-        int error;
-    } kRefused[] = {{nullptr, "tmp", EINVAL},
-                    {start.c_str(), "a/b", EINVAL},
-                    {tooLong.c_str(), "", ENAMETOOLONG},
-                    {missing.c_str(), "tmp", ENOENT}};
+    const std::string longest(MAX_PATH - 14, '/'), tooLong = longest + "/", missing = directory / "missing";
     name[0] = '#';
-    for (const auto& row : kRefused) {
-        EXPECT_EQ(GetTempFileName(row.directory, row.prefix, 0, name), 0u);
-        EXPECT_EQ(errno, row.error);
+    for (const auto& [parent, prefix, error] :
+         {std::tuple<const char*, const char*, int>{nullptr, "tmp", EINVAL},
+          {start.c_str(), "a/b", EINVAL},
+          {tooLong.c_str(), "", ENAMETOOLONG},
+          {missing.c_str(), "tmp", ENOENT}}) {
+        EXPECT_EQ(errorOf(GetTempFileName(parent, prefix, 0, name) != 0), error);
         EXPECT_EQ(name[0], '#');
     }
     EXPECT_EQ(GetTempFileName(start.c_str(), "tmp", 1, nullptr), 0u);
     EXPECT_EQ(GetTempFileName(longest.c_str(), "tmp", 0xFFFF, name), 0xFFFFu);
 
-    const CountCalls opens{Call::Open, {.path = directory.path()}};
     const FailCall allExist{Call::Open, EEXIST, {.andAllLater = true, .path = directory.path()}};
-    EXPECT_EQ(GetTempFileName(start.c_str(), "tmp", 0, name), 0u);
-    EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(opens.calls(), 0xFFFF);
+    EXPECT_EQ(errorOf(GetTempFileName(start.c_str(), "tmp", 0, name) != 0), EEXIST);
+    EXPECT_EQ(allExist.fired(), 0xFFFF);
 }
 
 }  // namespace
