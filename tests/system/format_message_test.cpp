@@ -9,6 +9,7 @@
 #include <clocale>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/temp_dir.h"
@@ -111,14 +112,13 @@ TEST(FormatMessage, FormatsPrintAsPrintfDoes) {
 
 TEST(FormatMessage, WidthBreaksLinesAtBlanks) {
     // clang-format off
-    const struct { DWORD width; const char *text, *expected; } kCases[] = {
-        {255, "one\ntwo\r\nthree%nfour", "one two three\nfour"}, {0, "one two", "one two"}, {1, "a b", "a\nb"},
-        {7, "one two three", "one two\nthree"}, {6, "one  two   three", "one\ntwo\nthree"}, {3, "   x", "   x"},
-        {4, "longer than four", "longer\nthan\nfour"}, {5, "a %1 d", "a b c\nd"},
-        {9, "one\ntwo\nthree%nfour five six", "one two\nthree\nfour five\nsix"}};
+    for (const auto& [width, text, expected] : {
+         std::tuple{255u, "one\ntwo\r\nthree%nfour", "one two three\nfour"}, {0, "one two", "one two"},
+         {1, "a b", "a\nb"}, {7, "one two three", "one two\nthree"}, {6, "one  two   three", "one\ntwo\nthree"},
+         {3, "   x", "   x"}, {4, "longer than four", "longer\nthan\nfour"}, {5, "a %1 d", "a b c\nd"},
+         {9, "one\ntwo\nthree%nfour five six", "one two\nthree\nfour five\nsix"}})
+        EXPECT_EQ(withArray(text, {at("b c")}, width), expected) << width;
     // clang-format on
-    for (const auto& row : kCases)
-        EXPECT_EQ(withArray(row.text, {at("b c")}, row.width), row.expected) << row.width;
 }
 
 TEST(FormatMessage, MessageFitsOrNothingIsStored) {

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/bounded_wait.h"
@@ -100,8 +101,7 @@ TEST(ProcessList, HasEveryProcessAndNoOther) {
     const TempDir directory;
     const std::string odd = directory / "a b) (c";
     fs::copy_file(kShell, odd);
-    const Sleeper plain(kShell), oddly(odd);
-    const Sleeper twin;
+    const Sleeper plain(kShell), oddly(odd), twin;
     for (const DWORD id : {kSelf, plain.id(), oddly.id(), twin.id()}) EXPECT_EQ(times(EnumProcesses, id), 1);
     EXPECT_EQ(times(EnumProcesses, 0), 0);
     EXPECT_FALSE(bDumbProcfs);
@@ -152,17 +152,14 @@ TEST(ProcessList, AShortLineSetsTheDumbModeAndAVanishedProcessDoesNot) {
 
 TEST(ProcessName, IsThePathOrTheCommand) {
     const TempDir directory;
-    const auto made = [&](const char* name) {
-        fs::copy_file(kShell, directory / name);
-        return directory / name;
-    };
     std::vector<std::unique_ptr<Sleeper>> crowd;  // more than the first guess
     while (crowd.size() < 250) crowd.push_back(std::make_unique<Sleeper>());
     for (const auto& [program, command] : {std::pair{"prog", "prog"},
                                            {"tick)tock", "tick"},
                                            {"a b", ""},
                                            {"of-more-than-15-bytes", "of-more-than-15"}}) {
-        const Sleeper sleeper(made(program));
+        fs::copy_file(kShell, directory / program);
+        const Sleeper sleeper(directory / program);
         EXPECT_EQ(GetProcessName(sleeper.id(), 1), (directory / program).c_str());
         EXPECT_EQ(GetProcessName(sleeper.id(), 0), command) << program;
         EXPECT_EQ(DoesProcessExist(command), *command != '\0') << command;
@@ -172,10 +169,10 @@ TEST(ProcessName, IsThePathOrTheCommand) {
     EXPECT_EQ(GetProcessName(0, 0) + GetProcessName(kNobody, 1), "");
     for (const char* none : {"no-such-name", "", "pro", "prog", static_cast<const char*>(nullptr)})
         EXPECT_FALSE(DoesProcessExist(none));
-    const Sleeper inode(made("12:34"));
+    fs::copy_file(kShell, directory / "12:34");
+    const Sleeper inode(directory / "12:34");
     EXPECT_FALSE(bDumbProcfs);
-    EXPECT_EQ(GetProcessName(inode.id(), 1), "12:34")
-        << "taken for a device and an inode: the command's name";
+    EXPECT_EQ(GetProcessName(inode.id(), 1), "12:34") << "a device and an inode: the command's name";
     EXPECT_TRUE(bDumbProcfs.exchange(false));
 }
 
@@ -184,20 +181,15 @@ TEST(ModuleName, ObeysTheDocumentedBounds) {
     const std::string path = directory / "prog";
     fs::copy_file(kShell, path);
     const Sleeper sleeper(path);
-    const auto owned = [](DWORD id) { return OwnedHandle{new Process(static_cast<int>(id))}; };
-    const OwnedHandle process = owned(sleeper.id()), gone = owned(kNobody);
+    const OwnedHandle process{new Process(static_cast<int>(sleeper.id()))},
+        gone{new Process(static_cast<int>(kNobody))};
     const auto length = static_cast<DWORD>(path.size());
-    using Function = DWORD (*)(Handle*, void*, char*, DWORD);
-    const struct {
-        Function function;
-        DWORD size, result;
-    } kCases[] = {{GetModuleBaseName, 5, 4},
-                  {GetModuleBaseName, 4, 4},
-                  {GetModuleBaseName, 3, 0},
-                  {GetModuleFileNameEx, length, 4},
-                  {GetModuleFileNameEx, length - 1, 0},
-                  {GetModuleFileNameEx, 5, 0}};
-    for (const auto& [function, size, result] : kCases) {
+    for (const auto& [function, size, result] : {std::tuple{&GetModuleBaseName, 5u, 4u},
+                                                 {&GetModuleBaseName, 4, 4},
+                                                 {&GetModuleBaseName, 3, 0},
+                                                 {&GetModuleFileNameEx, length, 4},
+                                                 {&GetModuleFileNameEx, length - 1, 0},
+                                                 {&GetModuleFileNameEx, 5, 0}}) {
         char buffer[] = "#########";
         EXPECT_EQ(function(process.get(), nullptr, buffer, size), result) << size;
         EXPECT_EQ(std::string(buffer, 9), result == 4 ? std::string("prog\0####", 9) : "#########") << size;
@@ -212,18 +204,13 @@ TEST(ModuleName, ObeysTheDocumentedBounds) {
 }
 
 TEST(InstanceName, ComesFromTheDirectoryOrTheCommandLine) {
-    const struct {
-        std::string first, last;
-        const char* instance;
-    } kCases[] = {{"/srv/https-alpha/bin/start", "1", "/https-alpha"},
-                  {"x", "/srv/https-beta", "/https-beta"},
-                  {"x", "/srv/https-b\tc", "/https-b"},
-                  {"x", "/srv/https-/https-d", "/https-"},
-                  {"/https-e f", "1", "/https-e"},
-                  {"x", "https-none", ""},
-                  {std::string(300, 'x'), "/srv/https-too-far", ""},
-                  {"", "/srv/https-first-empty", "/https-first-empty"}};
-    for (const auto& [first, last, instance] : kCases) {
+    // clang-format off
+    for (const auto& [first, last, instance] : {
+         std::tuple<std::string, const char*, const char*>{"/srv/https-alpha/bin/start", "1", "/https-alpha"},
+         {"x", "/srv/https-beta", "/https-beta"}, {"x", "/srv/https-b\tc", "/https-b"},
+         {"x", "/srv/https-/https-d", "/https-"}, {"/https-e f", "1", "/https-e"}, {"x", "https-none", ""},
+         {std::string(300, 'x'), "/srv/https-too-far", ""}, {"", "/srv/https-first-empty", "/https-first-empty"}}) {
+        // clang-format on
         const Sleeper server(kShell, {first, "-s", last, "", "/srv/https-behind-an-empty-one"});
         EXPECT_EQ(GetProcessInstanceName(server.id()), instance) << first << " " << last;
     }
@@ -232,8 +219,7 @@ TEST(InstanceName, ComesFromTheDirectoryOrTheCommandLine) {
          {std::pair{"https-alpha/logs", "https-alpha"}, {"a-https-b c", "https-b"}}) {
         fs::create_directories(directory / path);
         fs::current_path(directory / path);
-        EXPECT_EQ(GetProcessInstanceName(0), instance);
-        EXPECT_EQ(GetProcessInstanceName(kSelf), instance);
+        for (const DWORD self : {DWORD{0}, kSelf}) EXPECT_EQ(GetProcessInstanceName(self), instance);
     }
     fs::current_path("/");
     EXPECT_EQ(GetProcessInstanceName(0) + GetProcessInstanceName(kNobody), "");

@@ -19,6 +19,10 @@ URL_COMPONENTS components() {
     return made;
 }
 
+char* text(const char* constant) {
+    return const_cast<char*>(constant);
+}
+
 /// Scheme, host, port, user, password, path and extra of a URL, by pointers into it; "-" for a null pointer.
 std::string cracked(const char* url, DWORD length = 0) {
     URL_COMPONENTS c = components();
@@ -58,16 +62,12 @@ TEST(CrackUrl, BuffersAreFilledAndEscapesTurnedIntoCharacters) {
     char host[5], path[12], user[8];
     URL_COMPONENTS made = components();
     const auto crack = [&](const char* url, DWORD flags) {
-        made.lpszHostName = host;
-        made.dwHostNameLength = sizeof host;
-        made.lpszUrlPath = path;
-        made.dwUrlPathLength = sizeof path;
-        made.lpszUserName = user;
-        made.dwUserNameLength = sizeof user;
         for (char* buffer : {host, path, user}) std::strcpy(buffer, "old");
-        return InternetCrackUrl(url, 0, flags, &made)
-                   ? std::string(user) + " " + host + " " + path + " " + std::to_string(made.dwUrlPathLength)
-                   : "error " + std::to_string(errno);
+        made.lpszHostName = host, made.lpszUrlPath = path, made.lpszUserName = user;
+        made.dwHostNameLength = sizeof host, made.dwUrlPathLength = sizeof path;
+        made.dwUserNameLength = sizeof user;
+        if (!InternetCrackUrl(url, 0, flags, &made)) return "error " + std::to_string(errno);
+        return std::string(user) + " " + host + " " + path + " " + std::to_string(made.dwUrlPathLength);
     };
     EXPECT_EQ(crack("http://a%40b@host/p%2f%zz%0?q", ICU_DECODE), "a@b host /p/%zz%0?q 10")
         << "with the extra information, which was not asked for";
@@ -75,9 +75,8 @@ TEST(CrackUrl, BuffersAreFilledAndEscapesTurnedIntoCharacters) {
     EXPECT_EQ(crack("http://a%40b@host/%00%7", 0), "a%40b host /%00%7 6");
     EXPECT_EQ(crack("http://host/%00%7", ICU_ESCAPE), " host /%00%7 6");
     EXPECT_EQ(crack("gopher://hosts/a-longer-path", 0), "error 34");
-    EXPECT_EQ(made.dwHostNameLength, 6U);
-    EXPECT_EQ(made.dwUrlPathLength, 15U);
-    EXPECT_EQ(made.dwUserNameLength, sizeof user);
+    EXPECT_TRUE(made.dwHostNameLength == 6 && made.dwUrlPathLength == 15 &&
+                made.dwUserNameLength == sizeof user);
     EXPECT_EQ(host + std::string(path), "oldold") << "as it was";
     made = components();
     made.dwHostNameLength = 1;
@@ -86,8 +85,8 @@ TEST(CrackUrl, BuffersAreFilledAndEscapesTurnedIntoCharacters) {
     EXPECT_TRUE(InternetCrackUrl("own://host", 0, 0, &made)) << "nothing but the numbers is wanted";
     EXPECT_EQ(made.nScheme, INTERNET_SCHEME_UNKNOWN);
     made.dwStructSize = 4;
-    EXPECT_FALSE(InternetCrackUrl("http://host", 0, 0, &made));
-    EXPECT_FALSE(InternetCrackUrl("http://host", 0, 0, nullptr));
+    for (URL_COMPONENTS* wrong : {&made, static_cast<URL_COMPONENTS*>(nullptr)})
+        EXPECT_FALSE(InternetCrackUrl("http://host", 0, 0, wrong));
 }
 
 /// What `make(buffer, &length)` makes: with no buffer it tells the size, with one byte less it stores nothing.
@@ -108,6 +107,7 @@ std::string made(Make make) {
 
 TEST(CreateUrl, PartsAreJoinedAndEscaped) {
     constexpr const char* kNone = nullptr;
+    // clang-format off
     const struct {
         const char *scheme, *host;
         INTERNET_PORT port;
@@ -126,34 +126,18 @@ TEST(CreateUrl, PartsAreJoinedAndEscaped) {
          "http://a%40b%3Ac%2F:%25@h/x%20y%3F%C3%A4%25?a%20b#%25", ICU_ESCAPE},
         {"http", "h", 0, kNone, kNone, "/x?y z", kNone, "http://h/x?y%20z", ICU_ESCAPE},
         {kNone, "h", 0, kNone, kNone, kNone, kNone, kInvalid, 0, INTERNET_SCHEME_UNKNOWN},
-        {"http", "h", 0, kNone, "p", kNone, kNone, kInvalid},
-        {"http", kNone, 0, kNone, kNone, "/p", kNone, kInvalid},
-        {"http", "h", 0, "evil/", kNone, "/p", kNone, kInvalid},
-        {"ht tp", "h", 0, kNone, kNone, "/p", kNone, kInvalid},
-    };
-    URL_COMPONENTS parts = components();
+        {"http", "h", 0, kNone, "p", kNone, kNone, kInvalid}, {"http", kNone, 0, kNone, kNone, "/p", kNone, kInvalid},
+        {"http", "h", 0, "evil/", kNone, "/p", kNone, kInvalid}, {"ht tp", "h", 0, kNone, kNone, "/p", kNone, kInvalid}};
+    URL_COMPONENTS parts;
     const auto create = [&](DWORD flags) {
         return made([&](char* url, DWORD* length) { return InternetCreateUrl(&parts, flags, url, length); });
     };
-    const auto text = [](const char* constant) { return const_cast<char*>(constant); };
     for (const auto& row : kCases) {
-        parts = {sizeof parts,
-                 text(row.scheme),
-                 0,
-                 row.number,
-                 text(row.host),
-                 0,
-                 row.port,
-                 text(row.user),
-                 0,
-                 text(row.password),
-                 0,
-                 text(row.path),
-                 0,
-                 text(row.extra),
-                 0};
+        parts = {sizeof parts, text(row.scheme), 0, row.number, text(row.host), 0, row.port, text(row.user), 0,
+                 text(row.password), 0, text(row.path), 0, text(row.extra), 0};
         EXPECT_EQ(create(row.flags), row.expected);
     }
+    // clang-format on
     parts = components();
     for (const char* host : {"a/b", "a?b", "a#b", "a@b", "a b", "a\nb", "a\\b", "[a", "a:b/c"}) {
         parts.lpszHostName = text(host);
@@ -163,8 +147,8 @@ TEST(CreateUrl, PartsAreJoinedAndEscaped) {
     parts.dwHostNameLength = 4;
     EXPECT_EQ(create(0), "http://host");
     DWORD length = 99;
-    EXPECT_FALSE(InternetCreateUrl(&parts, 0, parts.lpszHostName, nullptr));
-    EXPECT_FALSE(InternetCreateUrl(nullptr, 0, nullptr, &length));
+    EXPECT_FALSE(InternetCreateUrl(&parts, 0, parts.lpszHostName, nullptr) ||
+                 InternetCreateUrl(nullptr, 0, nullptr, &length));
 }
 
 TEST(CanonicalizeUrl, OneFormIsMadeOfMany) {
@@ -193,40 +177,35 @@ TEST(CanonicalizeUrl, OneFormIsMadeOfMany) {
 }
 
 TEST(CombineUrl, RelativeUrlsAreResolvedAsTheStandardHasIt) {
-    const auto combined = [](const char* base, const char* relative) {
-        return made([&](char* buffer, DWORD* length) {
-            return InternetCombineUrl(base, relative, buffer, length, 0);
-        });
-    };
     // clang-format off
-    const struct { const char *relative, *path; } kCases[] = {
-        {"g:h", "b/c/g:h"}, {"g", "b/c/g"}, {"./g", "b/c/g"}, {"g/", "b/c/g/"}, {"/g", "g"}, {"?y", "b/c/d;p?y"},
-        {"g?y", "b/c/g?y"}, {"#s", "b/c/d;p?q#s"}, {"g#s", "b/c/g#s"}, {"g?y#s", "b/c/g?y#s"}, {";x", "b/c/;x"},
-        {"", "b/c/d;p?q"}, {".", "b/c/"}, {"..", "b/"}, {"../g", "b/g"}, {"../..", ""}, {"../../../g", "g"},
-        {"/./g", "g"}, {"g.", "b/c/g."}, {"..g", "b/c/..g"}, {"./g/.", "b/c/g/"}, {"g;x=1/../y", "b/c/y"},
-        {"g?y/../x", "b/c/g?y/../x"}, {"\\g", "g"}};
+    struct Row { const char *relative, *expected, *base = "http://a/b/c/d;p?q#f"; };
+    const Row kCases[] = {
+        {"g:h", "http://a/b/c/g:h"}, {"g", "http://a/b/c/g"}, {"./g", "http://a/b/c/g"}, {"g/", "http://a/b/c/g/"},
+        {"/g", "http://a/g"}, {"?y", "http://a/b/c/d;p?y"}, {"g?y", "http://a/b/c/g?y"},
+        {"#s", "http://a/b/c/d;p?q#s"}, {"g#s", "http://a/b/c/g#s"}, {"g?y#s", "http://a/b/c/g?y#s"},
+        {";x", "http://a/b/c/;x"}, {"", "http://a/b/c/d;p?q"}, {".", "http://a/b/c/"}, {"..", "http://a/b/"},
+        {"../g", "http://a/b/g"}, {"../..", "http://a/"}, {"../../../g", "http://a/g"}, {"/./g", "http://a/g"},
+        {"g.", "http://a/b/c/g."}, {"..g", "http://a/b/c/..g"}, {"./g/.", "http://a/b/c/g/"},
+        {"g;x=1/../y", "http://a/b/c/y"}, {"g?y/../x", "http://a/b/c/g?y/../x"}, {"\\g", "http://a/g"},
+        {"g", "http://a/g", "http://a"}, {"gg:h", "gg:h", "http://a/b"}, {"//g", "http://g/", "http://a/b"},
+        {"//h:x", kInvalid, "http://a/b"}, {"g", kInvalid, "mailto:a@b"}, {"g", kInvalid, "b/c"},
+        {nullptr, kInvalid, "http://a"}};
     // clang-format on
     for (const auto& row : kCases)
-        EXPECT_EQ(combined("http://a/b/c/d;p?q#f", row.relative), "http://a/" + std::string(row.path))
-            << row.relative;
-    // clang-format off
-    const struct { const char *base, *relative, *expected; } kBases[] = {
-        {"http://a", "g", "http://a/g"}, {"http://a/b", "gg:h", "gg:h"}, {"http://a/b", "//g", "http://g/"},
-        {"http://a/b", "//h:x", kInvalid}, {"mailto:a@b", "g", kInvalid}, {"b/c", "g", kInvalid},
-        {"http://a", nullptr, kInvalid}};
-    // clang-format on
-    for (const auto& row : kBases) EXPECT_EQ(combined(row.base, row.relative), row.expected) << row.base;
+        EXPECT_EQ(made([&](char* buffer, DWORD* length) {
+                      return InternetCombineUrl(row.base, row.relative, buffer, length, 0);
+                  }),
+                  row.expected)
+            << row.base;
 }
 
 TEST(AfxParseUrl, ServerAndObjectAreToldApart) {
     DWORD service = 0;
     CString server, object, user, password;
     INTERNET_PORT port = 0;
-    const auto parse = [&](const char* url) {
-        const bool parsed = AfxParseURLEx(url, service, server, object, port, user, password, ICU_DECODE);
-        return parsed
-                   ? server + "|" + object + "|" + user + "|" + password + "|" + std::to_string(port).c_str()
-                   : "none";
+    const auto parse = [&](const char* url) -> std::string {
+        if (!AfxParseURLEx(url, service, server, object, port, user, password, ICU_DECODE)) return "none";
+        return server + "|" + object + "|" + user + "|" + password + "|" + std::to_string(port).c_str();
     };
     EXPECT_EQ(parse("https://[::1]:1/a%20b?q#f"), "::1|/a b?q#f|||1");
     EXPECT_EQ(service, AFX_INET_SERVICE_HTTPS);

@@ -91,17 +91,12 @@ TEST(Uuid, TextsAreReadAsLaxlyAsTheyAlwaysWere) {
 }
 
 TEST(Uuid, OrderGoesFieldByFieldWithoutSigns) {
-    const std::vector<_GUID> ascending{{},
-                                       {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}},
-                                       {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0xFF}},
-                                       {0, 0, 0, {0x7F}},
-                                       {0, 0, 0, {0x80}},
-                                       {0, 0, 1, {}},
-                                       {0, 0, 0x8000, {}},
-                                       {0, 1, 0, {}},
-                                       {0, 0xFFFF, 0xFFFF, {0xFF}},
-                                       {1, 0, 0, {}},
-                                       {0x80000000, 0, 0, {}}};
+    // clang-format off
+    const std::vector<_GUID> ascending{
+        {}, {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1}}, {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0xFF}}, {0, 0, 0, {0x7F}},
+        {0, 0, 0, {0x80}}, {0, 0, 1, {}}, {0, 0, 0x8000, {}}, {0, 1, 0, {}}, {0, 0xFFFF, 0xFFFF, {0xFF}},
+        {1, 0, 0, {}}, {0x80000000, 0, 0, {}}};
+    // clang-format on
     for (size_t i = 0; i < ascending.size(); ++i)
         for (size_t j = 0; j < ascending.size(); ++j) {
             LONG status = 7;
