@@ -20,6 +20,7 @@ class DirectoryWatch : public testing::Test {
     const TempDir directory_;
     const std::string path_ = directory_.path(), file_ = path_ + "/file";
 };
+using WatchStress = DirectoryWatch;
 
 TEST_F(DirectoryWatch, ReportsEachChangeOnceWithItsAction) {
     const TempDir elsewhere;
@@ -64,27 +65,27 @@ TEST_F(DirectoryWatch, ReportsEachChangeOnceWithItsAction) {
 }
 
 TEST_F(DirectoryWatch, AFilterChoosesWhatCountsAsModified) {
+    constexpr DWORD kTime = FILE_NOTIFY_CHANGE_LAST_WRITE, kSize = FILE_NOTIFY_CHANGE_SIZE,
+                    kMode = FILE_NOTIFY_CHANGE_ATTRIBUTES;
     writeText(file_, "1");
-    for (const DWORD filter : {0U, 4U, 8U, 0x10U, 0x1CU, 0xFE3U}) {
-        for (const DWORD change :
-             {FILE_NOTIFY_CHANGE_LAST_WRITE, FILE_NOTIFY_CHANGE_SIZE, FILE_NOTIFY_CHANGE_ATTRIBUTES}) {
-            ::chmod(file_.c_str(), 0600);
-            const OwnedHandle handle = watching(path_, filter);
-            EXPECT_EQ(passAndTake(handle).size(), 1U);
-            const auto time = fs::last_write_time(file_);
-            if (change == FILE_NOTIFY_CHANGE_SIZE) {
-                fs::resize_file(file_, fs::file_size(file_) + 1);
-                fs::last_write_time(file_, time);
-            } else if (change == FILE_NOTIFY_CHANGE_ATTRIBUTES) {
-                ::chmod(file_.c_str(), 0640);
-            } else {
-                touch(file_);
+    for (const bool isAlone : {true, false})
+        for (const DWORD filter : {0U, 4U, 8U, 0x10U, 0x1CU, 0xFE3U})
+            for (const DWORD change : {kTime, kSize, kMode}) {
+                ::chmod(file_.c_str(), 0600);
+                const OwnedHandle handle = watching(path_, filter);
+                const OwnedHandle other = isAlone ? nullptr : watching(path_);
+                EXPECT_EQ(passAndTake(handle).size(), 1U);
+                const auto time = fs::last_write_time(file_);
+                if (change == kTime) touch(file_);
+                if (change == kMode) ::chmod(file_.c_str(), 0640);
+                if (change == kSize) {
+                    fs::resize_file(file_, fs::file_size(file_) + 1);
+                    fs::last_write_time(file_, time);
+                }
+                const Changes modified{{kModified, "file"}};
+                EXPECT_EQ(passAndTake(handle), (filter & change) != 0 ? modified : Changes())
+                    << change << " under " << filter;
             }
-            const Changes modified{{kModified, "file"}};
-            EXPECT_EQ(passAndTake(handle), (filter & change) != 0 ? modified : Changes())
-                << change << " under " << filter;
-        }
-    }
 }
 
 TEST_F(DirectoryWatch, TenThousandFilesAtOnceAreReportedOnceEach) {
@@ -221,15 +222,10 @@ TEST_F(DirectoryWatch, ThePauseGoesByTheTimeThatThePassTook) {
     FakeTime time;
     scanClock = &time;
     time.stopAt(1'700'000'000);
-    for (const auto& [seconds, pause] : {std::pair{0, 4000u},
-                                         {2, 4000},
-                                         {3, 6000},
-                                         {15, 30'000},
-                                         {16, 30'000},
-                                         {29, 30'000},
-                                         {30, 30'000},
-                                         {31, 31'000},
-                                         {100, 100'000}}) {
+    const std::pair<int, DWORD> kPauses[] = {{0, 4000},    {2, 4000},    {3, 6000},
+                                             {15, 30'000}, {16, 30'000}, {29, 30'000},
+                                             {30, 30'000}, {31, 31'000}, {100, 100'000}};
+    for (const auto& [seconds, pause] : kPauses) {
         scanSeconds = seconds;
         pass(1, [](ULONGLONG) {
             scanClock->advance(scanSeconds);
@@ -273,16 +269,27 @@ constexpr int kFiles = 400;
 constexpr ULONG_PTR kSteady = 7;
 constexpr DWORD kBoundMs = 30'000;
 
-std::atomic<bool> scannerStops{false};
+/// A thread that scans without a pause until the end of its life.
+class Scanner {
+  public:
+    Scanner() {
+        stops_ = false;
+        thread_.reset(CreateThread(nullptr, 0, WatchDirsThread, &callbacks_, 0, nullptr));
+    }
+    ~Scanner() {
+        stops_ = true;
+        EXPECT_EQ(WaitForSingleObject(thread_.get(), kBoundMs), WAIT_OBJECT_0);
+        EXPECT_TRUE(bFileShutdownRequested);
+    }
 
-OwnedHandle startScanner() {
-    static WatchDirsCallbacks callbacks{.sleep = [](DWORD) { Sleep(1); },
-                                        .stop = [] { return scannerStops.load(); },
-                                        .onExit = nullptr,
-                                        .deviceTest = [](ULONGLONG) { return true; }};
-    scannerStops = false;
-    return OwnedHandle(CreateThread(nullptr, 0, WatchDirsThread, &callbacks, 0, nullptr));
-}
+  private:
+    static inline std::atomic<bool> stops_{false};
+    WatchDirsCallbacks callbacks_{.sleep = [](DWORD) { Sleep(1); },
+                                  .stop = [] { return stops_.load(); },
+                                  .onExit = nullptr,
+                                  .deviceTest = [](ULONGLONG) { return true; }};
+    OwnedHandle thread_;
+};
 
 /// What else a server does with its handles meanwhile. True when every call said what it should.
 bool openReadAndClose(const std::string& path, Handle* port, int round) {
@@ -303,26 +310,25 @@ bool openReadAndClose(const std::string& path, Handle* port, int round) {
     return CloseHandle(handle.release()) && isGood;
 }
 
-TEST(WatchStress, AFileIsReportedOnceWhateverElseIsOpenedReadAndClosed) {
-    const TempDir directory;
+TEST_F(WatchStress, AFileIsReportedOnceWhateverElseIsOpenedReadAndClosed) {
     const OwnedHandle port(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0));
-    const OwnedHandle steady = watching(directory.path());
+    const OwnedHandle steady = watching(path_);
     ASSERT_NE(CreateIoCompletionPort(steady.get(), port.get(), kSteady, 0), nullptr);
-    const OwnedHandle scanner = startScanner();
     std::map<std::string, int> added;
     std::atomic<int> failures = 0;
+    DWORD bytes = 0;
     {
+        const Scanner scanner;
         std::vector<std::jthread> others;
         for (int i = 0; i < 2; ++i)
             others.emplace_back([&, i] {
                 for (int round = 0; round < kRounds; ++round)
-                    failures += !openReadAndClose(directory.path(), port.get(), round * 2 + i);
+                    failures += !openReadAndClose(path_, port.get(), round * 2 + i);
             });
         others.emplace_back([&] {
-            for (int i = 0; i < kFiles; ++i) writeText(directory / std::to_string(i), "");
+            for (int i = 0; i < kFiles; ++i) writeText(directory_ / std::to_string(i), "");
         });
         while (added.size() < kFiles) {
-            DWORD bytes = 0;
             ULONG_PTR key = 0;
             ASSERT_TRUE(GetQueuedCompletionStatus(port.get(), &bytes, &key, nullptr, kBoundMs))
                 << added.size();
@@ -335,12 +341,8 @@ TEST(WatchStress, AFileIsReportedOnceWhateverElseIsOpenedReadAndClosed) {
         }
     }
     EXPECT_EQ(failures, 0);
-    scannerStops = true;
-    EXPECT_EQ(WaitForSingleObject(scanner.get(), kBoundMs), WAIT_OBJECT_0);
-    EXPECT_TRUE(bFileShutdownRequested);
     for (const auto& [name, times] : added) EXPECT_EQ(times, 1) << name;
     pass();  // nothing is left over
-    DWORD bytes = 0;
     EXPECT_FALSE(GetOverlappedResult(steady.get(), nullptr, &bytes, FALSE)) << bytes;
     EXPECT_EQ(steady->GetRefCount(), 3) << "the caller's, the scanner's and the port's";
 }
@@ -357,21 +359,18 @@ int watchInChild(const std::string& path) {
     return result == WAIT_OBJECT_0 && !InUnixDirScan() ? 0 : 1;
 }
 
-TEST(WatchStress, AForkedChildWatchesForItself) {
-    const TempDir directory;
-    for (int i = 0; i < 200; ++i) writeText(directory / std::to_string(i), "");
-    const OwnedHandle handle = watching(directory.path());
-    const OwnedHandle scanner = startScanner();
+TEST_F(WatchStress, AForkedChildWatchesForItself) {
+    for (int i = 0; i < 200; ++i) writeText(directory_ / std::to_string(i), "");
+    const OwnedHandle handle = watching(path_);
+    const Scanner scanner;
     for (int i = 0; i < kRounds / 20; ++i) {
         ASSERT_TRUE(withinSeconds(20, [] { return InUnixDirScan(); }));
         const pid_t child = ::fork();
-        if (child == 0) ::_exit(watchInChild(directory.path()));
+        if (child == 0) ::_exit(watchInChild(path_));
         int status = -1;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_EQ(status, 0);
     }
-    scannerStops = true;
-    EXPECT_EQ(WaitForSingleObject(scanner.get(), kBoundMs), WAIT_OBJECT_0);
 }
 
 #endif

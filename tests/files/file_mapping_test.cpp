@@ -90,12 +90,10 @@ TEST_F(FileMapping, ProcessesShareItByItsName) {
 TEST_F(FileMapping, TakesNoArgumentOrFileThatIsNoMapping) {
     const Mapping handle{new File(-1)};
     Handle* const memory = INVALID_HANDLE_VALUE;
-    for (const auto& [file, name] : {std::pair<Handle*, const char*>{nullptr, "name"},
-                                     {handle.get(), "name"},
-                                     {memory, nullptr},
-                                     {memory, ""},
-                                     {memory, "a/b"},
-                                     {memory, "./../etc/x"}})
+    const std::pair<Handle*, const char*> kRefused[] = {{nullptr, "name"}, {handle.get(), "name"},
+                                                        {memory, nullptr}, {memory, ""},
+                                                        {memory, "a/b"},   {memory, "./../etc/x"}};
+    for (const auto& [file, name] : kRefused)
         EXPECT_EQ(errorOf(CreateFileMapping(file, nullptr, PAGE_READWRITE, 0, 100, name) != nullptr), EINVAL);
     EXPECT_EQ(CreateFileMapping(memory, nullptr, PAGE_READONLY, 0, 1, "."), nullptr) << "is /tmp/..";
 
@@ -199,10 +197,12 @@ TEST_F(FileMapping, EndsAViewByWhatWasMappedNotByWhatItSays) {
 
 TEST_F(FileMapping, EveryAccessIsMappedAndOnlyWritingStoresTheLength) {
     const Mapping mapping = open(100);
-    // clang-format off
-    for (const auto& [access, bytes, header] : {std::tuple<DWORD, SIZE_T, DWORD>{FILE_MAP_READ, 100, 0},
-         {FILE_MAP_ALL_ACCESS, 100, 0}, {FILE_MAP_WRITE, 0, 104}, {FILE_MAP_WRITE, 50, 54}, {FILE_MAP_READ, 0, 54}}) {
-        // clang-format on
+    const std::tuple<DWORD, SIZE_T, DWORD> kRows[] = {{FILE_MAP_READ, 100, 0},
+                                                      {FILE_MAP_ALL_ACCESS, 100, 0},
+                                                      {FILE_MAP_WRITE, 0, 104},
+                                                      {FILE_MAP_WRITE, 50, 54},
+                                                      {FILE_MAP_READ, 0, 54}};
+    for (const auto& [access, bytes, header] : kRows) {
         char* mapped = view(mapping, access, bytes);
         EXPECT_EQ(headerOf(mapped), header) << access << ' ' << bytes;
         EXPECT_TRUE(UnmapViewOfFile(mapped) && !isMapped(mapped));

@@ -86,13 +86,10 @@ TEST_F(FileSearch, DescribesWhatItFinds) {
     time_tToFileTime(1'000'000'000, &accessed, 0);
     time_tToFileTime(-5, &modified, 0);
     constexpr DWORD kNormal = FILE_ATTRIBUTE_NORMAL, kDirectory = FILE_ATTRIBUTE_DIRECTORY;
-    for (const auto& [name, attributes, size] : {std::tuple{"a.txt", kNormal, 0u},
-                                                 {"b.txt", kNormal, 5},
-                                                 {"link", kNormal, 5},
-                                                 {"loose", kNormal, 7},
-                                                 {"c.jsp", kNormal, 7},
-                                                 {"su[b]", kDirectory, 0},
-                                                 {"tosu[b]", kDirectory, 0}}) {
+    const std::tuple<const char*, DWORD, DWORD> kRows[] = {
+        {"a.txt", kNormal, 0}, {"b.txt", kNormal, 5},    {"link", kNormal, 5},      {"loose", kNormal, 7},
+        {"c.jsp", kNormal, 7}, {"su[b]", kDirectory, 0}, {"tosu[b]", kDirectory, 0}};
+    for (const auto& [name, attributes, size] : kRows) {
         SCOPED_TRACE(name);
         std::memset(&data, 0xEE, sizeof data);
         Handle* const search = FindFirstFile((d + "/" + name).c_str(), &data);

@@ -17,13 +17,10 @@ using files::processOfTemporaryName;
 TEST(TempName, IsAFreeOneInTheDirectoryAndCarriesTheProcess) {
     const TempDir directory;
     const std::string& path = directory.path();
-    for (const auto& [parent, start] : {std::pair<std::string, std::string>{path, path + "/"},
-                                        {path + "/", path + "/"},
-                                        {path + "///", path + "/"},
-                                        {"/", "/"},
-                                        {"", "./"},
-                                        {"with %s", "with %s/"},
-                                        {"no/such", "no/such/"}}) {
+    const std::pair<std::string, std::string> kParents[] = {
+        {path, path + "/"}, {path + "/", path + "/"}, {path + "///", path + "/"}, {"/", "/"},
+        {"", "./"},         {"with %s", "with %s/"},  {"no/such", "no/such/"}};
+    for (const auto& [parent, start] : kParents) {
         const std::string name = KZTempNam(parent.c_str());
         EXPECT_TRUE(name.starts_with(start)) << name;
         EXPECT_EQ(name.rfind('/'), start.size() - 1) << name;

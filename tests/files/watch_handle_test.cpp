@@ -79,33 +79,6 @@ TEST_F(WatchHandle, IsSetUpAnewBeforeItIsWatched) {
     EXPECT_TRUE(set.GetChangeString().empty() && !set.GetChanged() && !set.GetPending());
 }
 
-TEST_F(WatchHandle, EveryWaitSeesTheSignal) {
-    const TempDir elsewhere;
-    const OwnedHandle first(FindFirstChangeNotification(elsewhere.path().c_str(), FALSE, 0)),
-        second = watched(), other = event();
-    Handle* alike[] = {first.get(), second.get()};
-    Handle* mixed[] = {other.get(), first.get(), second.get()};
-    const auto results = [&](DWORD milliseconds) {
-        std::array<DWORD, 3> got{};
-        std::jthread a([&] { got[0] = WaitForMultipleObjects(2, alike, FALSE, milliseconds); });
-        std::jthread b([&] { got[1] = WaitForMultipleObjects(3, mixed, FALSE, milliseconds); });
-        std::jthread c([&] { got[2] = WaitForSingleObject(second.get(), milliseconds); });
-        if (milliseconds == INFINITE) {  // threads that sleep already are woken
-            writeText(file_, "");
-            pass();
-        }
-        a.join(), b.join(), c.join();
-        return got;
-    };
-    const std::array none{WAIT_TIMEOUT, WAIT_TIMEOUT, WAIT_TIMEOUT};
-    const std::array<DWORD, 3> signalled{1, 2, 0};
-    EXPECT_EQ(results(0), none);
-    EXPECT_EQ(results(INFINITE), signalled);
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(results(1), signalled);
-    EXPECT_TRUE(FindNextChangeNotification(second.get()));
-    EXPECT_EQ(results(1), none);
-}
-
 TEST_F(WatchHandle, AnAuxiliaryEventStandsForIt) {
     const OwnedHandle aux = event(/*manualReset=*/TRUE), handle = unwatched(directory_.path());
     std::array<char, 200> buffer{};
@@ -376,26 +349,41 @@ TEST_F(CompletionPort, LetsMembersGoThatAreClosedAndThatOutliveIt) {
     EXPECT_EQ(next(made), (Completion{TRUE, 0, 5, nullptr})) << "signalled before it became a member";
 }
 
-TEST_F(CompletionPort, AWaitOnSeveralKindsSeesWhatItHas) {
-    const OwnedHandle port = newPort(), other = newPort(), unset = event(), member = unwatched();
-    Handle* mixed[] = {unset.get(), port.get()};
-    Handle* ports[] = {other.get(), port.get()};
-    const auto results = [&](DWORD milliseconds) {
-        return std::pair{WaitForMultipleObjects(2, mixed, FALSE, milliseconds),
-                         WaitForMultipleObjects(2, ports, FALSE, milliseconds)};
-    };
-    const std::pair nothing{WAIT_TIMEOUT, WAIT_TIMEOUT};
-    const std::pair<DWORD, DWORD> both{1, 1};
-    EXPECT_EQ(results(0), nothing);
-    PostQueuedCompletionStatus(port.get(), 0, 0, nullptr);
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(results(0), both);
-    EXPECT_TRUE(next(port).result);
-    EXPECT_EQ(results(0), nothing);
+TEST_F(WatchHandle, AndPortAreSeenByEveryWait) {
+    const OwnedHandle handle = watched(), port = newPort(), member = unwatched(), unset = event();
     portOf(port).Insert(&directoryOf(member));
-    std::jthread signaller([&] { member->Signal(); });
-    EXPECT_EQ(results(20'000), both);
-    EXPECT_TRUE(next(port).result);
-    EXPECT_EQ(results(0), nothing);
+    const struct {
+        const OwnedHandle& handle;
+        OwnedHandle alike;
+        std::function<void()> signal, reset;
+    } kinds[] = {{handle, unwatched(), [this] { writeText(file_, ""), pass(); },
+                  [&] { EXPECT_TRUE(FindNextChangeNotification(handle.get())); }},
+                 {port, newPort(), [&] { PostQueuedCompletionStatus(port.get(), 0, 0, nullptr); },
+                  [&] { EXPECT_TRUE(next(port).result); }},
+                 {port, newPort(), [&] { member->Signal(); }, [&] { EXPECT_TRUE(next(port).result); }}};
+    for (const auto& kind : kinds) {
+        Handle* alike[] = {kind.alike.get(), kind.handle.get()};
+        Handle* mixed[] = {unset.get(), kind.alike.get(), kind.handle.get()};
+        const auto results = [&](DWORD milliseconds) {
+            std::array<DWORD, 2> got{};
+            std::jthread a([&] { got[0] = WaitForMultipleObjects(2, alike, FALSE, milliseconds); });
+            std::jthread b([&] { got[1] = WaitForMultipleObjects(3, mixed, FALSE, milliseconds); });
+            if (milliseconds == INFINITE) kind.signal();  // threads that sleep already are woken
+            a.join(), b.join();
+            return got;
+        };
+        const std::array none{WAIT_TIMEOUT, WAIT_TIMEOUT};
+        const std::array<DWORD, 2> signalled{1, 2};
+        EXPECT_EQ(results(0), none);
+        EXPECT_EQ(stateOf(kind.handle), WAIT_TIMEOUT);
+        EXPECT_EQ(results(INFINITE), signalled);
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(results(1), signalled);
+        kind.reset();
+        EXPECT_EQ(results(1), none);
+    }
+    std::jthread sleeper([&] { EXPECT_EQ(WaitForSingleObject(handle.get(), INFINITE), WAIT_OBJECT_0); });
+    writeText(directory_ / "another", "");
+    pass();
 }
 
 TEST_F(CompletionPort, EachPacketIsServedToOneThread) {
@@ -425,11 +413,12 @@ TEST_F(CompletionPort, EachPacketIsServedToOneThread) {
 TEST_F(WatchHandle, AndPortRefuseWhatIsNone) {
     const OwnedHandle port = newPort(), other = event(), member = unwatched();
     Handle* const none = nullptr;
-    for (const auto& [file, existing] : {std::pair{other.get(), none},
-                                         {other.get(), port.get()},
-                                         {member.get(), other.get()},
-                                         {INVALID_HANDLE_VALUE, port.get()},
-                                         {none, port.get()}})
+    const std::pair<Handle*, Handle*> kRefused[] = {{other.get(), none},
+                                                    {other.get(), port.get()},
+                                                    {member.get(), other.get()},
+                                                    {INVALID_HANDLE_VALUE, port.get()},
+                                                    {none, port.get()}};
+    for (const auto& [file, existing] : kRefused)
         EXPECT_EQ(errorOf(CreateIoCompletionPort(file, existing, 0, 0) != nullptr), EINVAL);
     for (Handle* wrong : {none, INVALID_HANDLE_VALUE, other.get()}) {
         _OVERLAPPED* overlapped = reinterpret_cast<_OVERLAPPED*>(4);

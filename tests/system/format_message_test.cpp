@@ -169,11 +169,11 @@ std::string catalogueText(const std::vector<std::pair<std::array<unsigned, 2>, s
 TEST(FormatMessage, CatalogueAndTheSystemTell) {
     const TempDir directory;
     const std::string path = directory / "server.cat";
-    writeText(path, catalogueText({{{2, 7}, "listening on %1!d!"}, {{NL_SETD + 1, 1}, "plain"}}));
+    writeText(path, catalogueText({{{3, 7}, "listening on %1!d!"}, {{NL_SETD + 1, 1}, "plain"}}));
     const nl_catd catalogue = ::catopen(path.c_str(), 0);
     ASSERT_NE(catalogue, reinterpret_cast<nl_catd>(-1));
     DWORD_PTR port = 80;
-    const DWORD first = DWORD{1} << 16 | 7;
+    const DWORD first = DWORD{2} << 16 | 7;
     const std::string denied = std::strerror(EACCES);
     // clang-format off
     const struct { DWORD flags; const void* source; DWORD id; std::string expected; } kCases[] = {
@@ -183,7 +183,7 @@ TEST(FormatMessage, CatalogueAndTheSystemTell) {
         {kSystem, nullptr, EACCES, denied}, {kSystem, nullptr, ERROR_MORE_DATA, "More data is available"},
         {kSystem, nullptr, 99'999, kNoMessage}, {kSystem, nullptr, 0x80000000, kNoMessage},
         {0, "text", ENOENT, kInvalid}, {kString | kSystem, "text", ENOENT, kInvalid},
-        {kString, nullptr, 0, kInvalid}};
+        {kString, nullptr, 0, kInvalid}, {kModule, catalogue, 1, "plain"}};
     // clang-format on
     for (const auto& row : kCases)
         EXPECT_EQ(formatted(row.flags | kArray, row.source, row.id, reinterpret_cast<va_list*>(&port)),
