@@ -47,7 +47,8 @@ TEST_F(KzregCheck, EveryKindOfBadFileIsNamedAndLoadsAsFarAsItIsGood) {
     };
     const File files[] = {
         {"nothing", "", noKey, "!is empty: restore it from"},
-        {"only comments", "# v: 1; REG_SZ\n\n", noKey, "!the registry holds no key: restore"},
+        {"only comments", "# v: 1; REG_SZ\n\n#hkey_local_machine\\a:1\n", noKey,
+         "!the registry holds no key: restore"},
         {"no line end at the end", a + "v: 1; REG_SZ", "", "[] [\\a] v=1"},
         {"DOS line ends", "hkey_local_machine\\a:2\r\nv: 1; REG_SZ\r\n\r\n",
          "1: what follows the key's name is no number\n"
@@ -73,14 +74,18 @@ TEST_F(KzregCheck, EveryKindOfBadFileIsNamedAndLoadsAsFarAsItIsGood) {
          "5: the key of line 1 again; its number is ignored\n7: takes the place of the value in line 6\n",
          "[] [\\a] v=1 [\\b] v=1"},
         {"missing separators and unknown types",
-         a + "hkey_local_machine\\b\nv 1; REG_SZ\nv: 1 REG_SZ\nv: 1;\nv: 1; reg_sz\nv: 1; REG_BINARY\nw: 2; "
-             "REG_SZ\n",
+         a + "hkey_local_machine\\b\nv 1; REG_SZ\nv: 1 REG_SZ\nv: 1;\nv: 1; reg_sz\nv: 1; "
+             "REG_BINARY\n:\n;\n:;\n"
+             "w: 2; REG_SZ\n",
          "2: a key's line without a colon\n"
          "3: neither a key's nor a value's line: no colon\n"
          "4: a value's line without a semicolon after its data\n"
          "5: a value's line whose type is not REG_SZ, REG_DWORD or REG_MULTI_SZ\n"
          "6: a value's line whose type is not REG_SZ, REG_DWORD or REG_MULTI_SZ\n"
-         "7: a value's line whose type is not REG_SZ, REG_DWORD or REG_MULTI_SZ\n",
+         "7: a value's line whose type is not REG_SZ, REG_DWORD or REG_MULTI_SZ\n"
+         "8: a value's line without a semicolon after its data\n"
+         "9: neither a key's nor a value's line: no colon\n"
+         "10: a value's line whose type is not REG_SZ, REG_DWORD or REG_MULTI_SZ\n",
          "[] [\\a] w=2"},
         {"numbers that are none, or too large",
          a + "n: eight; REG_DWORD\no: 0x1ffffffff; REG_DWORD\np: -1; REG_DWORD\nq: 4294967295; REG_DWORD\n"

@@ -187,17 +187,20 @@ TEST_F(KeyApi, ADeletedKeyGoesWithAllBelowAndItsHandlesAnswerNothing) {
 }
 
 TEST_F(KeyApi, TwoKeysNeverAnswerToOneHandle) {
-    const char* const numbers[] = {"7", "7", "0", "0", "1073741823", "2147483655", "1073741831", "-7"};
+    const Names numbers{"7",  "7",          "0",          "0",  "1073741823", "2147483655",
+                        "16", "1073741831", "0xFFFFFFF9", "-7", "seven",      "99999999999999999999",
+                        ""};
     std::string text = "hkey_local_machine:7\n";
-    for (size_t i = 0; i < std::size(numbers); ++i) text += keyLine("k" + std::to_string(i), numbers[i]);
-    replaceFile(text);
+    for (size_t i = 0; i < numbers.size(); ++i) text += keyLine("k" + std::to_string(i), numbers[i]);
+    replaceFile(text + keyLine("hex", "0x20"));
+    EXPECT_EQ(OpenKey("hex", KEY_READ), 32);
     std::vector<OpenKey> keys;
     std::set<HKEY> handles;
-    for (size_t i = 0; i < std::size(numbers); ++i) {
+    for (size_t i = 0; i < numbers.size(); ++i) {
         const std::string path = "k" + std::to_string(i);
-        keys.emplace_back(path, KEY_READ);
-        EXPECT_TRUE(keys.back() > 0 && handles.insert(keys.back()).second) << path;
-        EXPECT_EQ(RegFormatKey("", keys.back()), "hkey_local_machine\\" + path);
+        const HKEY handle = keys.emplace_back(path, KEY_READ);
+        EXPECT_TRUE(handle > 0 && handle < 0x3fffffff && handles.insert(handle).second) << numbers[i];
+        EXPECT_EQ(RegFormatKey("", handle), "hkey_local_machine\\" + path);
     }
     // Processes forked from one parent draw equal numbers.
     const OpenKey root("");

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iostream>
-#include <memory>
+#include <optional>
 #include <thread>
 
 #include "registry/registry_fixture.h"
@@ -62,6 +62,7 @@ TEST_F(Killing, AtAnySystemCallOfAWriteLosesNothingAcknowledged) {
             EXPECT_TRUE(found == number || (killed && found == asked)) << found;
             asked = found;
             EXPECT_EQ(textAt(kExample, "asked").value_or("none"), found) << "the file that is there is read";
+            EXPECT_EQ(registry::ShmStruct()->lockHolder.load(), 0u);
             expectWholeAndFree();
         }
         EXPECT_GT(onCall, 20);
@@ -120,40 +121,39 @@ TEST_F(KillingAtTheStart, AtAnySystemCallLeavesAnInstallationThatStarts) {
 
 constexpr int kWriters = 8;
 constexpr int kKills = kSanitized ? 100 : 500;
-constexpr int kSlots = 20;   // values of one writer, which it sets by turns
-constexpr int kSubkeys = 4;  // keys of one writer, of which it makes one and deletes another by turns
 
+// A writer sets its values by turns, and makes one of its subkeys and deletes another.
 std::string slotOf(int step) {
-    return "v" + std::to_string(step % kSlots);
+    return "v" + std::to_string(step % 20);
 }
 std::string subkeyOf(int step) {
-    return "k" + std::to_string(step % kSubkeys);
+    return "k" + std::to_string(step % 4);
 }
 
-/// Each step changes several things and is acknowledged as a whole.
+/// Each step changes several things, which one write puts into the file.
 bool takeStep(HKEY key, int step) {
     const std::string number = std::to_string(step);
-    if (setText(key, slotOf(step), number) != 0) return false;
+    LONG failed = setText(key, slotOf(step), number);
+    OpenKey made;
     if (step % 5 == 0) {
-        const OpenKey made = OpenKey::createBelow(key, subkeyOf(step));
-        if (setText(made, "step", number) != 0) return false;
+        made = OpenKey::createBelow(key, subkeyOf(step));
+        failed |= setText(made, "step", number);
         (void)RegDeleteKey(key, subkeyOf(step + 2).c_str());  // there is none at first
     }
-    return RegFlushKey(key) == 0;
+    return (failed | RegFlushKey(key)) == 0;
 }
 
-/// What the file holds of a writer: by value's name, or by key.
-using State = std::map<std::string, std::string>;
-
-State stateAfter(int lastStep) {
-    State state;
+/// What the file then holds of the writer whose key is `own`.
+FileKeys stateAfter(const std::string& own, int lastStep) {
+    FileKeys keys{{own, {}}};
     for (int step = 1; step <= lastStep; ++step) {
-        state[slotOf(step)] = std::to_string(step);
+        const FileValue value{"REG_SZ", std::to_string(step)};
+        keys.at(own)[slotOf(step)] = value;
         if (step % 5 != 0) continue;
-        state[subkeyOf(step)] = std::to_string(step);
-        state.erase(subkeyOf(step + 2));
+        keys[own + "\\" + subkeyOf(step)] = {{"step", value}};
+        keys.erase(own + "\\" + subkeyOf(step + 2));
     }
-    return state;
+    return keys;
 }
 
 TEST_ROLE(writesAndTells) {
@@ -168,12 +168,9 @@ TEST_ROLE(writesAndTells) {
 struct Writer {
     std::string name;
     int last = 0;
-    std::unique_ptr<RoleProcess> process{};
+    std::optional<RoleProcess> process{};
 
-    void start() {
-        process =
-            std::make_unique<RoleProcess>("writesAndTells", RoleArguments{name, std::to_string(last + 1)});
-    }
+    void start() { process.emplace("writesAndTells", RoleArguments{name, std::to_string(last + 1)}); }
     /// Takes down what it has told until now; with a `wait`, until its end.
     void listen(std::chrono::milliseconds wait = 0ms) {
         while (const auto line = process->readLine(wait)) last = std::stoi(*line);
@@ -185,17 +182,11 @@ struct Writer {
     /// Everything is as after its last step, or as after one more, whose telling its end forestalled.
     void check(const FileKeys& keys) const {
         const std::string own = std::string(kExamplePath) + "\\" + name;
-        State found;
-        for (const auto& [value, content] : keys.at(own)) found[value] = content.data;
-        for (int i = 0; i < kSubkeys; ++i)
-            if (const auto key = keys.find(own + "\\" + subkeyOf(i)); key != keys.end())
-                found[subkeyOf(i)] = key->second.at("step").data;
-        State told = stateAfter(last), oneMore = stateAfter(last + 1), names = told;
-        names.merge(State(oneMore));
-        names.merge(State(found));
-        for (const auto& [value, any] : names)
-            EXPECT_TRUE(found[value] == told[value] || found[value] == oneMore[value])
-                << name << ", told step " << last << ": " << value << " is " << found[value];
+        FileKeys found;
+        for (const auto& key : keys)
+            if (key.first.starts_with(own)) found.insert(key);
+        EXPECT_TRUE(found == stateAfter(own, last) || found == stateAfter(own, last + 1))
+            << name << ", told step " << last << ": " << ::testing::PrintToString(found);
     }
 };
 
@@ -214,9 +205,9 @@ TEST_F(Killing, AtAnyMomentLosesNothingAcknowledgedAndBlocksNobody) {
         auto victim = writers.begin() + random.below(kWriters);
         if (random.below(2) == 0) {  // rather the one that has the lock
             (void)within(1s, [&] {
-                const auto holder = static_cast<pid_t>(registry::ShmStruct()->lockHolder.load());
-                const auto found =
-                    std::ranges::find(writers, holder, [](const Writer& w) { return w.process->pid(); });
+                const auto found = std::ranges::find_if(writers, [](const Writer& writer) {
+                    return registry::ShmStruct()->lockHolder == static_cast<DWORD>(writer.process->pid());
+                });
                 if (found != writers.end()) victim = found;
                 return found != writers.end();
             });

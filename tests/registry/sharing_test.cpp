@@ -79,16 +79,6 @@ TEST_F(Sharing, ASharedLockHoldsBackTheWritersOfItsProcessAlone) {
     writer.join();
 }
 
-TEST_F(Sharing, AKilledHolderLetsGoAndWhatItPutInPlaceIsSeen) {
-    Peer peer;
-    ASSERT_EQ(peer.ask({"lock"}), "1");
-    writeText(file(), fileText() + valueLine("v", "uncounted"));
-    peer.process.kill(SIGKILL);
-    ASSERT_EQ(peer.process.wait(), ExitStatus::killedBy(SIGKILL));
-    EXPECT_EQ(textAt(kExample, "v"), "uncounted");
-    EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
-}
-
 TEST_F(Sharing, ARemovedSemaphoreIsMadeAnew) {
     Peer peer;
     EXPECT_EQ(peer.get("Name"), "primary");

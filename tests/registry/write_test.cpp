@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
-#include <traiklofox/temp_name.h>
 
 #include <atomic>
 #include <filesystem>
@@ -13,7 +12,6 @@
 #include "support/bounded_wait.h"
 #include "support/captured_output.h"
 #include "support/fault_injection.h"
-#include "support/private_machine.h"
 
 namespace traiklofox::test {
 namespace {
@@ -45,51 +43,6 @@ TEST_F(Writing, PutsKeysAndValuesInTheOrderOfTheirNamesOrNothing) {
     EXPECT_EQ(otherFiles(), Names{});
 }
 
-TEST_ROLE(leavesATemporaryFile) {
-    const CKZString name = KZTempNam(args.at(0).c_str());
-    writeText(name, "half");
-    tellTest(name);
-    (void)hearTest();
-    return 0;
-}
-
-TEST_F(Writing, RemovesTheTemporaryFilesOfTheDeadAlone) {
-    RoleProcess dead{"leavesATemporaryFile", {directory()}};
-    RoleProcess alive{"leavesATemporaryFile", {directory()}};
-    const std::string deads = dead.readLine().value_or("");
-    const std::string alives = alive.readLine().value_or("");
-    dead.kill(SIGKILL);
-    ASSERT_EQ(dead.wait(), ExitStatus::killedBy(SIGKILL));
-    const std::string elses = directory() + "/.kztmp.notanumber.1";
-    writeText(elses, "somebody else's");
-    ASSERT_TRUE(fs::exists(deads));
-    ASSERT_EQ(WriteRegistry(), 1);
-    EXPECT_TRUE(!fs::exists(deads) && fs::exists(alives) && fs::exists(elses));
-}
-
-TEST_F(Writing, AFullDiskLeavesTheOldFileWholeAndTheChangesForTheNextWrite) {
-    SmallDisk disk(home() + "/small/registry", 1 << 20);
-    fs::copy(directory(), disk.directory(), fs::copy_options::recursive);
-    ASSERT_EQ(SetRegistryPath((home() + "/small/").c_str()), 1);
-    const std::string smallFile = disk.directory() + "/tw.registry";
-    const std::string before = readText(smallFile);
-    const std::string text(3000, 'x');
-    for (int i = 0; i < 20; ++i) setText(key, "v" + std::to_string(i), text);
-    for (const size_t room : {size_t{0}, size_t{4096}, size_t{32768}}) {
-        disk.leaveFree(room);
-        const CapturedStderr said;
-        EXPECT_EQ(RegFlushKey(key), -1) << room;
-        EXPECT_NE(said.text().find("WriteRegistry: "), std::string::npos) << said.text();
-        EXPECT_EQ(readText(smallFile), before);
-        EXPECT_EQ(OpenKey(kExample).close(), 0) << "closing succeeds all the same";
-        EXPECT_EQ(std::distance(fs::directory_iterator(disk.directory()), {}), 3) << "file, template, filler";
-    }
-    disk.leaveFree(1 << 20);
-    EXPECT_EQ(RegFlushKey(key), 0);
-    const FileKeys keys = parseRegistry(readText(smallFile));
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(keys.at(kExamplePath).at("v" + std::to_string(i)).data, text);
-}
-
 // A process without descriptors waits for one; the others must not wait for that process.
 TEST_F(Writing, AProcessWithoutDescriptorsDoesNotBlockTheOthers) {
     Peer peer;
@@ -118,11 +71,27 @@ TEST_F(Writing, ABackupIsAWholeCopyAndAFailedOneKeepsTheOld) {
         ASSERT_EQ(RegFlushKey(key), 0);
         const CapturedStderr said;
         const FailCall fails{call, ENOSPC, {.andAllLater = true}};
+        setText(key, "v", "unwritten");
+        EXPECT_EQ(RegFlushKey(key), -1);
+        EXPECT_EQ(OpenKey(kExample).close(), 0) << "closing succeeds all the same";
         EXPECT_EQ(RegBackupRegistry(), 0);
         EXPECT_NE(said.text().find("RegBackupRegistry: "), std::string::npos) << said.text();
         EXPECT_EQ(readText(backup), copied);
         EXPECT_EQ(otherFiles(), Names{"tw.registry.bak"});
     }
+}
+
+TEST_F(Writing, GoesToTheInstallationThatIsSet) {
+    const std::string before = fileText(), other = home() + "/other/";
+    EXPECT_EQ(SetRegistryPath(other.c_str()), 0) << "there is none yet";
+    fs::create_directory(other);
+    fs::copy(directory(), other + "registry", fs::copy_options::recursive);
+    EXPECT_EQ(SetRegistryPath(other.c_str()), 1);
+    EXPECT_EQ(GetRegistryPath(), other + "registry/tw.registry");
+    setText(key, "v", "1");
+    EXPECT_EQ(RegFlushKey(key), 0);
+    EXPECT_EQ(parseRegistry(readText(GetRegistryPath())).at(kExamplePath).at("v").data, "1");
+    EXPECT_EQ(fileText(), before);
 }
 
 class LazyWriter : public StartedRegistryTest {
