@@ -147,6 +147,16 @@ std::string KzregTest::fileWith(std::string_view text) const {
     return path;
 }
 
+std::string KzregTest::filledIn(std::string_view text) const {
+    std::string filled;
+    for (const char c : text)
+        filled += c == '@'   ? registry()
+                  : c == '~' ? templateFile()
+                  : c == '%' ? directory()
+                             : std::string(1, c);
+    return filled;
+}
+
 void KzregTest::add(const std::string& key, const std::string& name, const std::string& data) {
     EXPECT_EQ(kzreg({"add", key, "-v", name, "-d", data}), done());
 }

@@ -92,6 +92,8 @@ class KzregTest : public ::testing::Test {
     /// A file beside the installation.
     std::string file(std::string_view name) const { return *elsewhere_ / name; }
     std::string fileWith(std::string_view text) const;
+    /// The text with paths in the places of @ (the registry), ~ (the template) and % (their directory).
+    std::string filledIn(std::string_view text) const;
 
     std::string registryText() const { return readText(registry()); }
     /// Adds one value and expects that to succeed, by which the registry file comes into being as well.
