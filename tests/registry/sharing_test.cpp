@@ -39,30 +39,6 @@ TEST_F(Sharing, AChangeNotYetWrittenIsMergedWithWhatAnotherWrites) {
         EXPECT_TRUE(inFile(name) == text && peer.get(name) == text) << name;
 }
 
-TEST_F(Sharing, TheExclusiveLockKeepsOthersOutUntilItsLastRelease) {
-    Peer peer;
-    EXPECT_EQ(peer.get("Name"), "primary");
-    ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE) + RegLockCache(REG_LOCK_EXCLUSIVE) + RegLockRegistryFile() +
-                  RegLockCache(REG_LOCK_SHARED),
-              4);
-    EXPECT_EQ(ShmStruct()->lockHolder.load(), static_cast<std::uint32_t>(::getpid()));
-    setText(key, "v", "1");
-    EXPECT_EQ(RegFlushKey(key), 0) << "who holds the lock may write";
-    peer.tell({"set", kExample, "w", "2"});
-    std::thread([] { EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE) + RegUnlockRegistryFile(), 0); }).join();
-    EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED) + RegUnlockCache(REG_LOCK_EXCLUSIVE) + RegUnlockRegistryFile(),
-              3);
-    EXPECT_EQ(peer.process.readLine(20ms), std::nullopt) << "let in before the last release";
-    EXPECT_EQ(inFile("w"), std::nullopt);
-    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
-    EXPECT_EQ(peer.answer(), "0");
-    const auto other = static_cast<RegLockOp_t>(2);
-    EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE) + RegUnlockRegistryFile() + RegLockCache(other) +
-                  RegUnlockCache(other),
-              0);
-    EXPECT_EQ(ShmStruct()->lockHolder.load(), 0u);
-}
-
 TEST_F(Sharing, ASharedLockHoldsBackTheWritersOfItsProcessAlone) {
     Peer peer;
     ASSERT_EQ(RegLockCache(REG_LOCK_SHARED), 1);

@@ -13,6 +13,7 @@
 
 #include "registry/open_keys.h"
 #include "registry/registry_fixture.h"
+#include "registry/shared_state.h"
 #include "support/bounded_wait.h"
 
 namespace traiklofox::test {
@@ -169,21 +170,33 @@ TEST_F(Threads, AForkWaitsForThoseWhoAreInAKey) {
     }
 }
 
-TEST_F(Threads, AForkedChildDoesNotHaveItsParentsLock) {
+TEST_F(Threads, TheExclusiveLockKeepsOthersAndForkedChildrenOutUntilItsLastRelease) {
     Peer peer;
     EXPECT_EQ(peer.get("Name"), "primary");
-    ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE), 1);
+    ASSERT_EQ(RegLockCache(REG_LOCK_EXCLUSIVE) + RegLockCache(REG_LOCK_EXCLUSIVE) + RegLockRegistryFile() +
+                  RegLockCache(REG_LOCK_SHARED),
+              4);
+    EXPECT_EQ(registry::ShmStruct()->lockHolder.load(), static_cast<std::uint32_t>(::getpid()));
+    setText(key, "v", "1");
+    EXPECT_EQ(RegFlushKey(key), 0) << "who holds the lock may write";
+    const auto release = [] { return RegUnlockCache(REG_LOCK_EXCLUSIVE) + RegUnlockRegistryFile(); };
     const pid_t releaser = ::fork();
-    if (releaser == 0) ::_exit(RegUnlockCache(REG_LOCK_EXCLUSIVE) + RegUnlockRegistryFile());
+    if (releaser == 0) ::_exit(release());
     EXPECT_EQ(waitFor(releaser), 0);
     const pid_t worker = forkWorker("waited");
-    peer.tell({"set", kExample, "v", "1"});
-    EXPECT_EQ(peer.process.readLine(20ms), std::nullopt);
+    peer.tell({"set", kExample, "w", "2"});
+    std::thread([&] { EXPECT_EQ(release(), 0) << "another thread's"; }).join();
+    EXPECT_EQ(RegUnlockCache(REG_LOCK_SHARED) + release(), 3);
+    EXPECT_EQ(peer.process.readLine(20ms), std::nullopt) << "let in before the last release";
     EXPECT_EQ(::waitpid(worker, nullptr, WNOHANG), 0);
+    EXPECT_EQ(inFile("w"), std::nullopt);
     EXPECT_EQ(RegUnlockCache(REG_LOCK_EXCLUSIVE), 1);
     EXPECT_EQ(peer.answer(), "0");
     EXPECT_EQ(waitFor(worker), 0);
     EXPECT_EQ(textAt("software\\example\\forked", "waited"), "waited");
+    const auto noLock = static_cast<RegLockOp_t>(2);
+    EXPECT_EQ(release() + RegLockCache(noLock) + RegUnlockCache(noLock), 0);
+    EXPECT_EQ(registry::ShmStruct()->lockHolder.load(), 0u);
 }
 
 class Starting : public RegistryTest {};
