@@ -279,9 +279,9 @@ TEST(AsyncCall, SendsAThreadThatTakesNoSignalsNoMoreThanOne) {
     pthread_sigmask(SIG_BLOCK, &calls, nullptr);
     UserAPCCheck();  // which finds nothing, so that the thread counts as idle
     Handle* const self = GetCurrentThread();
-    static int ran = 0;
-    std::thread([self] {
-        for (int i = 0; i < 100; ++i) QueueUserAPC([](void*, void*, void*) { ++ran; }, self, 0);
+    std::atomic<int> ran = 0;
+    std::thread([&] {
+        for (int i = 0; i < 100; ++i) queueTo(self, count, ran);
     }).join();
     const timespec atOnce{};
     int signals = 0;
@@ -316,43 +316,37 @@ TEST(AsyncCall, QueuedWhileTheThreadForksLeavesTheChildItsQueue) {
 }
 
 TEST(Functions, RefuseWhatIsNoHandleOrOfAnotherKind) {
-    struct Case {
-        std::function<LONGLONG(Handle*)> call;
-        LONGLONG refusal;
-    };
     const timespec due{};
     Handle* copy = nullptr;
-    const Case ofEvents[] = {{SetEvent, 0}, {ResetEvent, 0}, {PulseEvent, 0}};
-    const Case ofAny[] = {
+    const auto event = makeEvent(), semaphore = makeSemaphore(0, 1), mutex = makeMutex();
+    const struct {
+        std::function<LONGLONG(Handle*)> call;
+        LONGLONG refusal;
+        Handle* another = INVALID_HANDLE_VALUE;
+    } cases[] = {
         {CloseHandle, 0},
         {HandleClose, 0},
         {[&](Handle* none) { return DuplicateHandle(nullptr, none, nullptr, &copy, 0, FALSE, 0); }, 0},
         {[](Handle* none) { return WaitForSingleObjectEx(none, INFINITE, TRUE); }, WAIT_FAILED},
+        {SetEvent, 0, semaphore.get()},
+        {ResetEvent, 0, semaphore.get()},
+        {PulseEvent, 0, semaphore.get()},
+        {[](Handle* none) { return ReleaseSemaphore(none, 1, nullptr); }, 0, event.get()},
+        {[](Handle* none) { return ReleaseSemaphore(none, 1, nullptr); }, 0, mutex.get()},
+        {ReleaseMutex, 0, event.get()},
+        {ReleaseMutex, 0, semaphore.get()},
+        {SuspendThread, 0xFFFFFFFF, event.get()},
+        {ResumeThread, 0xFFFFFFFF, event.get()},
+        {GetThreadPriority, ESRCH, event.get()},
+        {[](Handle* none) { return SetThreadPriority(none, 0); }, ESRCH, event.get()},
+        {[](Handle* none) { return QueueUserAPC(nothing, none, 0); }, 0xFFFFFFFF, event.get()},
+        {[](Handle* none) { return TerminateThread(none, 1); }, 1, event.get()},
+        {[&](Handle* none) { return SetWaitableTimer(none, &due, 0, nothing, nullptr, 0); }, 0, event.get()},
+        {CancelWaitableTimer, 0, event.get()},
     };
-    const Case ofOthers[] = {
-        {[](Handle* none) { return ReleaseSemaphore(none, 1, nullptr); }, 0},
-        {ReleaseMutex, 0},
-        {SuspendThread, 0xFFFFFFFF},
-        {ResumeThread, 0xFFFFFFFF},
-        {GetThreadPriority, ESRCH},
-        {[](Handle* none) { return SetThreadPriority(none, 0); }, ESRCH},
-        {[](Handle* none) { return QueueUserAPC(nothing, none, 0); }, 0xFFFFFFFF},
-        {[](Handle* none) { return TerminateThread(none, 1); }, 1},
-        {[&](Handle* none) { return SetWaitableTimer(none, &due, 0, nothing, nullptr, 0); }, 0},
-        {CancelWaitableTimer, 0},
-    };
-    const auto event = makeEvent(), semaphore = makeSemaphore(0, 1), mutex = makeMutex();
-    const auto expectRefusals = [](const auto& cases, Handle* handle) {
-        for (const Case& c : cases) EXPECT_EQ(c.call(handle), c.refusal) << &c - cases;
-    };
-    for (Handle* none : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE}) {
-        expectRefusals(ofEvents, none);
-        expectRefusals(ofAny, none);
-        expectRefusals(ofOthers, none);
-    }
-    expectRefusals(ofOthers, event.get());
-    expectRefusals(ofEvents, semaphore.get());
-    EXPECT_EQ(ReleaseSemaphore(mutex.get(), 1, nullptr) + ReleaseMutex(semaphore.get()), 0);
+    for (const auto& c : cases)
+        for (Handle* none : {static_cast<Handle*>(nullptr), INVALID_HANDLE_VALUE, c.another})
+            EXPECT_EQ(c.call(none), c.refusal) << &c - cases;
     EXPECT_EQ(QueueUserAPC(nullptr, GetCurrentThread(), 0), 0xFFFFFFFFu);
     EXPECT_EQ(copy, nullptr);
 }
