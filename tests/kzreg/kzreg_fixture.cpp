@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <sstream>
@@ -29,14 +27,13 @@ int require(int result, const char* what) {
     return result;
 }
 
-/// Makes the terminal whose other end the returned descriptor is.
-int makeTerminal(int& end) {
+/// Makes a terminal, and returns the name of its other end.
+std::string makeTerminal(int& master) {
     char name[100];
-    const int master = require(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt");
+    master = require(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC), "posix_openpt");
     require(::grantpt(master) | ::unlockpt(master) | -::ptsname_r(master, name, sizeof name), "grantpt");
-    end = require(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC), name);
     require(::fcntl(master, F_SETFL, O_NONBLOCK), "fcntl");
-    return master;
+    return name;
 }
 
 }  // namespace
@@ -47,50 +44,39 @@ std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
                << outcome.errors << "---";
 }
 
-Kzreg::Kzreg(Words words, const Surroundings& surroundings) {
-    words.insert(words.begin(), "kzreg");
+/// Becomes kzreg. Arguments are where its output and its errors go, whether as root, and its words.
+TEST_ROLE(becomesKzreg) {
+    (void)::dup2(::open(args.at(0).c_str(), O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+    (void)::dup2(::open(args.at(1).c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC), STDERR_FILENO);
+    // A program that the process becomes then has no capability: root's come from this set.
+    for (int each = 0; args.at(2) != "root" && ::prctl(PR_CAPBSET_READ, each) >= 0; ++each)
+        (void)::prctl(PR_CAPBSET_DROP, each);  // one that stays shows in the test
+    Words words(args.begin() + 2, args.end());
+    words[0] = "kzreg";
     std::vector<char*> pointers;
     for (std::string& word : words) pointers.push_back(word.data());
     pointers.push_back(nullptr);
-    // What goes to a file in memory is read from a descriptor with a position of its own.
+    ::execv(TRAIKLOFOX_TESTED_PROGRAM, pointers.data());
+    return 127;
+}
+
+Kzreg::Kzreg(const Words& words, const Surroundings& surroundings) {
     const auto makeFile = [](Stream& stream) {
-        const int fd = require(::memfd_create("kzreg", MFD_CLOEXEC), "memfd_create");
-        const std::string path = "/proc/self/fd/" + std::to_string(fd);
-        stream.fd = require(::open(path.c_str(), O_RDONLY | O_CLOEXEC), "open");
-        return fd;
+        stream.fd = require(::memfd_create("kzreg", MFD_CLOEXEC), "memfd_create");
+        return "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(stream.fd);
     };
     const std::string& file = surroundings.outputFile;
-    const int output =
-        file.empty() ? makeFile(output_) : require(::open(file.c_str(), O_WRONLY | O_CLOEXEC), "open");
-    int errors = -1;
-    if (surroundings.terminal)
-        errors_.fd = makeTerminal(errors);
-    else
-        errors = makeFile(errors_);
-    pid_ = require(::fork(), "fork");
-    if (pid_ == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        ::dup2(output, STDOUT_FILENO);
-        ::dup2(errors, STDERR_FILENO);
-        // A program that the process becomes then has no capability: root's come from this set.
-        for (int each = 0; surroundings.unprivileged && ::prctl(PR_CAPBSET_READ, each) >= 0; ++each)
-            (void)::prctl(PR_CAPBSET_DROP, each);  // one that stays shows in the test
-        ::execv(TRAIKLOFOX_TESTED_PROGRAM, pointers.data());
-        ::_exit(127);
-    }
-    ::close(output);
-    ::close(errors);
+    RoleArguments args{file.empty() ? makeFile(output_) : file,
+                       surroundings.terminal ? makeTerminal(errors_.fd) : makeFile(errors_),
+                       surroundings.unprivileged ? "unprivileged" : "root"};
+    args.insert(args.end(), words.begin(), words.end());
+    process_.emplace("becomesKzreg", args);
 }
 
 Kzreg::~Kzreg() {
-    kill(SIGKILL);
-    if (!status_) ::waitpid(pid_, nullptr, 0);
+    process_.reset();
     for (const int fd : {output_.fd, errors_.fd})
         if (fd >= 0) ::close(fd);
-}
-
-void Kzreg::kill(int signal) {
-    if (!status_) ::kill(pid_, signal);
 }
 
 void Kzreg::Stream::readMore() {
@@ -102,7 +88,7 @@ void Kzreg::Stream::readMore() {
 std::optional<std::string> Kzreg::line(Stream& stream) {
     size_t end = std::string::npos;
     const bool came = within(kPeerTimeout, [&] {
-        const bool over = ends();
+        const bool over = process_->wait(std::chrono::milliseconds{0}) != ExitStatus::timedOut();
         stream.readMore();
         return (end = stream.unread.find('\n')) != std::string::npos || over;
     });
@@ -112,19 +98,11 @@ std::optional<std::string> Kzreg::line(Stream& stream) {
     return text;
 }
 
-bool Kzreg::ends() {
-    int status = 0;
-    if (!status_ && ::waitpid(pid_, &status, WNOHANG) == pid_)
-        status_ = WIFSIGNALED(status) ? ExitStatus::killedBy(WTERMSIG(status))
-                                      : ExitStatus::exited(WEXITSTATUS(status));
-    return status_.has_value();
-}
-
 Outcome Kzreg::finish() {
-    within(kPeerTimeout, [this] { return ends(); });
+    const ExitStatus status = process_->wait();
     output_.readMore();
     errors_.readMore();
-    return {status_.value_or(ExitStatus::timedOut()), output_.unread, errors_.unread};
+    return {status, output_.unread, errors_.unread};
 }
 
 void KzregTest::SetUp() {

@@ -45,13 +45,13 @@ struct Surroundings {
 /// One run of the program.
 class Kzreg {
   public:
-    explicit Kzreg(Words words, const Surroundings& surroundings = {});
+    explicit Kzreg(const Words& words, const Surroundings& surroundings = {});
     Kzreg(const Kzreg&) = delete;
     Kzreg& operator=(const Kzreg&) = delete;
     /// Kills the process if it still runs.
     ~Kzreg();
 
-    void kill(int signal);
+    void kill(int signal) { process_->kill(signal); }
     /// The next line on standard output, or on standard error; nothing after `kPeerTimeout`.
     std::optional<std::string> outputLine() { return line(output_); }
     std::optional<std::string> errorLine() { return line(errors_); }
@@ -65,10 +65,8 @@ class Kzreg {
         void readMore();
     };
     std::optional<std::string> line(Stream& stream);
-    bool ends();
 
-    pid_t pid_ = -1;
-    std::optional<ExitStatus> status_;
+    std::optional<RoleProcess> process_;
     Stream output_, errors_;
 };
 
