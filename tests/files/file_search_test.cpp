@@ -48,7 +48,7 @@ struct FileSearch : PlacedFiles {
     FileSearch() : PlacedFiles({"d/b.txt", "d/a.txt", "d/.h.txt", "d/c.jsp", "n"}) {}
 };
 struct FileFind : PlacedFiles {
-    FileFind() : PlacedFiles({"d/b.txt", "d/a[1]{x}.txt", "d/.h.txt", "d/plain", "n.n.n"}) {}
+    FileFind() : PlacedFiles({"d/b.txt", "d/a[1]{x}.txt", "d/.h.txt", "d/plain", "n.n.n", "d/sub/.x"}) {}
 };
 
 TEST_F(FileSearch, TakesThePathApartAsDocumented) {
@@ -303,6 +303,7 @@ TEST_F(FileFind, KnowsNamesAttributesAndTimes) {
                  {".//./d//b.txt", "b", root + "/d/b.txt", kNormal},
                  {"n.n.n", "n.n", root + "/n.n.n", kNormal},
                  {"d/.h.txt", ".h", root + "/d/.h.txt", kNormal | kHidden},
+                 {"d/sub/.x", ".x", root + "/d/sub/.x", kNormal | kHidden},
                  {"d/plain", "plain", root + "/d/plain", kNormal | kReadOnly},
                  {"d/sub", "sub", root + "/d/sub", kDirectory},
                  {"d/..", "..", root + "/d/..", kDirectory | kHidden},

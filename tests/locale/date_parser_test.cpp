@@ -207,6 +207,8 @@ TEST(DateText, SmallOperations) {
         EXPECT_EQ(value, expected) << text;
     }
     EXPECT_EQ(IsPrefix("January", 7, "jan", 1033), 3);
+    EXPECT_EQ(IsPrefix("@AMZ[", 5, "@amz[", 1033), 5);
+    EXPECT_EQ(IsPrefix("@", 1, "`", 1033) + IsPrefix("[", 1, "{", 1033), 0);
     for (const auto& [length, prefix] : {std::pair{2, "Jan"}, {7, ""}, {7, "Feb"}, {7, "Januaryx"}})
         EXPECT_EQ(IsPrefix("January", length, prefix, 1033), 0) << prefix;
 
