@@ -159,9 +159,8 @@ constexpr LCTYPE LOCALE_SMONTHOUSANDSEP = 0x0017;  ///< what stands between grou
 constexpr LCTYPE LOCALE_SMONGROUPING = 0x0018;     ///< as `LOCALE_SGROUPING`, of amounts
 constexpr LCTYPE LOCALE_ICURRDIGITS = 0x0019;      ///< digits of amounts behind the decimal sign
 constexpr LCTYPE LOCALE_IINTLCURRDIGITS = 0x001A;  ///< likewise, with the currency in three letters
-constexpr LCTYPE LOCALE_ICURRENCY =
-    0x001B;  ///< the sign: 0 before, 1 behind, 2 before with a blank, 3 behind with one
-constexpr LCTYPE LOCALE_INEGCURR = 0x001C;    ///< form of negative amounts, 0 to 15
+constexpr LCTYPE LOCALE_ICURRENCY = 0x001B;        ///< the sign: 0 before, 1 behind; 2, 3 with a blank
+constexpr LCTYPE LOCALE_INEGCURR = 0x001C;         ///< form of negative amounts, 0 to 15
 constexpr LCTYPE LOCALE_SDATE = 0x001D;       ///< what stands between the first two parts of a short date
 constexpr LCTYPE LOCALE_STIME = 0x001E;       ///< what stands between hour and minute
 constexpr LCTYPE LOCALE_SSHORTDATE = 0x001F;  ///< picture of a short date
@@ -181,9 +180,8 @@ constexpr LCTYPE LOCALE_SMONTHNAME1 = 0x0038;        ///< January; December is 1
 constexpr LCTYPE LOCALE_SABBREVMONTHNAME1 = 0x0044;  ///< likewise
 constexpr LCTYPE LOCALE_SPOSITIVESIGN = 0x0050;      ///< sign of positive amounts
 constexpr LCTYPE LOCALE_SNEGATIVESIGN = 0x0051;      ///< sign of negative amounts
-constexpr LCTYPE LOCALE_IPOSSIGNPOSN =
-    0x0052;  ///< where it stands: 0 parentheses, 1 before, 2 behind, 3 just before the currency, 4 just behind
-constexpr LCTYPE LOCALE_INEGSIGNPOSN = 0x0053;          ///< likewise of negative amounts
+constexpr LCTYPE LOCALE_IPOSSIGNPOSN = 0x0052;  ///< 0 parentheses; 1, 2 before, behind all; 3, 4 the currency
+constexpr LCTYPE LOCALE_INEGSIGNPOSN = 0x0053;  ///< likewise of negative amounts
 constexpr LCTYPE LOCALE_IPOSSYMPRECEDES = 0x0054;       ///< 1: the currency stands before a positive amount
 constexpr LCTYPE LOCALE_IPOSSEPBYSPACE = 0x0055;        ///< 1: with a blank between
 constexpr LCTYPE LOCALE_INEGSYMPRECEDES = 0x0056;       ///< 1: the currency stands before a negative amount
