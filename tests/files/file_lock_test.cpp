@@ -1,6 +1,7 @@
 // Opening, locking, counting and closing; then what goes through the stream, and what becomes of it when the system
 // fails.
 
+#include <sys/wait.h>
 #include <traiklofox/file_lock.h>
 
 #include <fstream>
@@ -26,15 +27,26 @@ TEST_ROLE(holdsALock) {
     return file.CloseAndUnLockFile() ? 0 : 2;
 }
 
-/// Whether the system lists a lock of the file that somebody holds, or waits for.
-bool isLocked(const std::string& path, bool awaited = false) {
+/// Whether another process finds the file locked.
+bool isLocked(const std::string& path) {
+    const pid_t other = ::fork();
+    if (other == 0) {
+        const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+        ::_exit(fd < 0 ? 2 : ::lockf(fd, F_TEST, 0) != 0);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(other, &status, 0), other);
+    EXPECT_LT(WEXITSTATUS(status), 2) << path;
+    return status != 0;
+}
+
+bool somebodyWaitsForTheLockOf(const std::string& path) {
     struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0);
+    if (::stat(path.c_str(), &status) != 0) return false;
     const std::string inode = ":" + std::to_string(status.st_ino) + " ";
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);)
-        if (line.find(inode) != std::string::npos && (line.find("->") != std::string::npos) == awaited)
-            return true;
+        if (line.find("->") != std::string::npos && line.find(inode) != std::string::npos) return true;
     return false;
 }
 
@@ -116,7 +128,7 @@ TEST_F(FileLockOpening, WaitsForTheHolderAndEmptiesOnlyThen) {
     auto opening = std::async(std::launch::async, [&] {
         return file.OpenAndLockFile(path_.c_str(), FileLock::out | FileLock::trunc, nullptr, 0);
     });
-    EXPECT_TRUE(withinSeconds(30, [&] { return isLocked(path_, /*awaited=*/true); }));
+    EXPECT_TRUE(withinSeconds(30, [&] { return somebodyWaitsForTheLockOf(path_); }));
     EXPECT_EQ(readText(path_), "the holder's text");
     holder.writeLine("go on");
     EXPECT_TRUE(opening.get());
