@@ -64,7 +64,8 @@ TEST(GlobPattern, ALeadingPeriodIsMatchedByItselfAlone) {
     check({
         {"*", "a ~ a.b", ". .. .a"}, {"*.txt", "a.txt a..txt", ".txt .a.txt"}, {".*", ". .. .a", "a. ~"},
         {"?a", "ba", ".a"}, {"[.]a", "", ".a"}, {"[!b]a", "ca", ".a ba"}, {"a?b", "a.b", ""},
-        {"{.,}a*", ".a a a.b", "..a"}, {"{*,.b}c", "c ac .bc", ".c .ac"}, {"{,a}*", "a ~", ". .a"}}, LeadingPeriod::Explicit);
+        {"{.,}a*", ".a a a.b", "..a"}, {"{*,.b}c", "c ac .bc", ".c .ac"}, {"{,a}*", "a ~", ". .a"}},
+        LeadingPeriod::Explicit);
 }
 // clang-format on
 

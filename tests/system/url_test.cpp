@@ -127,7 +127,8 @@ TEST(CreateUrl, PartsAreJoinedAndEscaped) {
         {"http", "h", 0, kNone, kNone, "/x?y z", kNone, "http://h/x?y%20z", ICU_ESCAPE},
         {kNone, "h", 0, kNone, kNone, kNone, kNone, kInvalid, 0, INTERNET_SCHEME_UNKNOWN},
         {"http", "h", 0, kNone, "p", kNone, kNone, kInvalid}, {"http", kNone, 0, kNone, kNone, "/p", kNone, kInvalid},
-        {"http", "h", 0, "evil/", kNone, "/p", kNone, kInvalid}, {"ht tp", "h", 0, kNone, kNone, "/p", kNone, kInvalid}};
+        {"http", "h", 0, "evil/", kNone, "/p", kNone, kInvalid},
+        {"ht tp", "h", 0, kNone, kNone, "/p", kNone, kInvalid}};
     URL_COMPONENTS parts;
     const auto create = [&](DWORD flags) {
         return made([&](char* url, DWORD* length) { return InternetCreateUrl(&parts, flags, url, length); });
