@@ -5,7 +5,7 @@
 #include <traiklofox/handle.h>
 
 constexpr DWORD WAIT_OBJECT_0 = 0;          ///< plus the index of the handle that ended the wait
-constexpr DWORD WAIT_IO_COMPLETION = 192;   ///< queued calls ran and ended an alertable wait
+constexpr DWORD WAIT_IO_COMPLETION = 192;   ///< queued calls ended an alertable wait (or see SleepEx)
 constexpr DWORD WAIT_TIMEOUT = 258;         ///< the time-out passed
 constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;   ///< a null handle, an empty array, more than 64 mixed handles
 constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;  ///< the most handles in one wait on several kinds
