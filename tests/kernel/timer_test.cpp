@@ -57,8 +57,8 @@ bool firesNext(int number) {
     while (fired.empty() && now() < giveUp) SleepEx(100, TRUE);
     return fired.size() == 1 && fired[0].number == number && !fired[0].early;
 }
-/// Whether no routine runs on this thread meanwhile. A sleep alone would not tell: the signal for a call that has run by
-/// now may come late, and ends it.
+/// Whether no routine runs on this thread meanwhile. A sleep alone would not tell: the signal for a call that
+/// has run by now may come late and end it.
 bool noneFiresFor(DWORD span) {
     const size_t before = fired.size();
     for (const auto end = now() + milliseconds{span}; now() < end;) SleepEx(span, TRUE);
@@ -259,7 +259,8 @@ TEST(TimerStress, AThousandFireOnceEachInOrderOnTheirThreads) {
         std::vector<OwnedHandle> timers;
         for (int i = 0; i < kEach; ++i)
             ASSERT_EQ(set(timers.emplace_back(makeTimer()), in(static_cast<long>(random() % 2500)), i), 1);
-        const timespec allSet = in(0);  // which those due earlier, on a busy machine, did not have to wait for
+        const timespec allSet =
+            in(0);  // which those due earlier, on a busy machine, did not have to wait for
         const auto giveUp = now() + std::chrono::seconds{kBoundSeconds};
         while (fired.size() < kEach && now() < giveUp) SleepEx(100, TRUE);
         EXPECT_TRUE(noneFiresFor(20));
