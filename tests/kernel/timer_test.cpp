@@ -259,8 +259,7 @@ TEST(TimerStress, AThousandFireOnceEachInOrderOnTheirThreads) {
         std::vector<OwnedHandle> timers;
         for (int i = 0; i < kEach; ++i)
             ASSERT_EQ(set(timers.emplace_back(makeTimer()), in(static_cast<long>(random() % 2500)), i), 1);
-        const timespec allSet =
-            in(0);  // which those due earlier, on a busy machine, did not have to wait for
+        const timespec allSet = in(0);  // on a busy machine some were due before, and did not wait for others
         const auto giveUp = now() + std::chrono::seconds{kBoundSeconds};
         while (fired.size() < kEach && now() < giveUp) SleepEx(100, TRUE);
         EXPECT_TRUE(noneFiresFor(20));
