@@ -289,6 +289,20 @@ TEST_F(CompletionPort, ServesPacketsInOrderAndThenItsMembers) {
     waiter.join();
     EXPECT_EQ(bytes, 5U + 52U);
     EXPECT_EQ(next(port), (Completion{TRUE, 9, 9, nullptr}));
+
+    // What another handle asks for, a member only hears of, and has nothing to deliver.
+    const OwnedHandle other = watching(directory_.path(), FILE_NOTIFY_CHANGE_LAST_WRITE);
+    ASSERT_TRUE(read(handle.get(), buffer, sizeof buffer, &overlapped));
+    pass();
+    takeChanges(other);
+    touch(file_);
+    pass();
+    EXPECT_EQ(directoryOf(handle).State(), 1);
+    EXPECT_EQ(next(port), Completion());
+    EXPECT_EQ(takeChanges(other), fileModified_);
+    writeText(directory_ / "d", "");
+    pass();
+    EXPECT_EQ(next(port), (Completion{TRUE, 52, 43, &overlapped}));
 }
 
 TEST_F(CompletionPort, AWaitForItFindsTheFirstSignalledMember) {

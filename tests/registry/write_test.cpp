@@ -83,6 +83,7 @@ TEST_F(Writing, ABackupIsAWholeCopyAndAFailedOneKeepsTheOld) {
 
 TEST_F(Writing, GoesToTheInstallationThatIsSet) {
     const std::string before = fileText(), other = home() + "/other/";
+    const Names namesBefore = otherFiles();
     EXPECT_EQ(SetRegistryPath(other.c_str()), 0) << "there is none yet";
     fs::create_directory(other);
     fs::copy(directory(), other + "registry", fs::copy_options::recursive);
@@ -90,8 +91,12 @@ TEST_F(Writing, GoesToTheInstallationThatIsSet) {
     EXPECT_EQ(GetRegistryPath(), other + "registry/tw.registry");
     setText(key, "v", "1");
     EXPECT_EQ(RegFlushKey(key), 0);
-    EXPECT_EQ(parseRegistry(readText(GetRegistryPath())).at(kExamplePath).at("v").data, "1");
+    const std::string written = readText(GetRegistryPath());
+    EXPECT_EQ(parseRegistry(written).at(kExamplePath).at("v").data, "1");
+    EXPECT_EQ(RegBackupRegistry(), 1);
+    EXPECT_EQ(readText(GetRegistryPath() + ".bak"), written);
     EXPECT_EQ(fileText(), before);
+    EXPECT_EQ(otherFiles(), namesBefore);
 }
 
 class LazyWriter : public StartedRegistryTest {
