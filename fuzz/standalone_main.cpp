@@ -70,7 +70,8 @@ class Mutator {
     }
 
     void change(std::string& text) {
-        constexpr std::string_view kTelling("\0\n\r\t ;:,.-+%'\"\\/#[](){}*?@0189Az\x7F\x80\xFF", 38);
+        using namespace std::string_view_literals;
+        constexpr auto kTelling = "\0\n\r\t ;:,.-+%'\"\\/#[](){}*?@0189Az\x7F\x80\xFF"sv;
         const size_t at = below(text.size() + 1);
         switch (below(6)) {
             case 0: text.insert(at, 1, kTelling[below(kTelling.size())]); break;
