@@ -1,13 +1,26 @@
 #include "registry/file_owner.h"
 
-#include <traiklofox/copy_file.h>
 #include <traiklofox/registry.h>
 
+#include <array>
 #include <cerrno>
 
 #include "foundation/sys.h"
 
 namespace traiklofox::registry {
+
+namespace {
+
+bool copyContent(int from, int to) {
+    std::array<char, 16 * 1024> block;
+    for (;;) {
+        const ssize_t got = sys::read(from, block.data(), block.size());
+        if (got <= 0) return got == 0;
+        if (!sys::writeAll(to, block.data(), static_cast<size_t>(got))) return false;
+    }
+}
+
+}  // namespace
 
 bool giveToRegistryOwner(int fd) {
     (void)sys::fchown(fd, KzUserId, KzGroupId);
@@ -21,9 +34,11 @@ bool giveToRegistryOwner(int fd) {
 }
 
 bool copyForRegistryOwner(const CKZString& from, const CKZString& to) {
-    const sys::UniqueFd made(sys::open(to.c_str(), O_RDONLY | O_CREAT | O_EXCL, 0600));
-    return made && CopyFile(from.c_str(), to.c_str(), /*failIfExists=*/FALSE) &&
-           giveToRegistryOwner(made.get()) && sys::fdatasync(made.get()) == 0;
+    const sys::UniqueFd source(sys::open(from.c_str(), O_RDONLY));
+    if (!source) return false;
+    const sys::UniqueFd made(sys::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600));
+    return made && copyContent(source.get(), made.get()) && giveToRegistryOwner(made.get()) &&
+           sys::fdatasync(made.get()) == 0;
 }
 
 }  // namespace traiklofox::registry

@@ -10,7 +10,7 @@ namespace traiklofox::registry {
 bool giveToRegistryOwner(int fd);
 
 /// Copies `from` to the new file `to`, which nobody but its maker can read until it has its owner and mode, and puts it
-/// on the disk. False with errno; there may then be a part of it.
+/// on the disk. False with errno, at once also when there is no descriptor left; there may then be a part of it.
 bool copyForRegistryOwner(const CKZString& from, const CKZString& to);
 
 }  // namespace traiklofox::registry

@@ -50,8 +50,8 @@ bool takeFlushRequest() {
 }
 
 void writeRequested() {
-    const CacheLockGuard guard;
-    // Taken before the write, so that a request made while it runs asks for the next one.
+    // Without the cache lock, which the write takes once it has its file. The request is taken before the write, so
+    // that one made while it runs asks for the next one.
     if (takeFlushRequest() && !writeTree()) noteFlushNeeded();
 }
 

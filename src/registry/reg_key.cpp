@@ -162,6 +162,13 @@ void RegKey::SetValue(const ValueText& value, bool& changed, bool fromFile) {
     }
 }
 
+void RegKey::markForWriting(std::string_view value) {
+    StoredValue* stored = values.find(value);
+    if (stored->dirty != Mark::Clean) return;  // it is to be written anyway
+    stored->dirty = Mark::Set;
+    dirty.store(Mark::Set, std::memory_order_release);
+}
+
 bool RegKey::DeleteValue(std::string_view name) {
     StoredValue* stored = values.find(name);
     if (stored == nullptr) return false;
@@ -212,13 +219,15 @@ KeyRef RegKey::purgeSubkey(RegKey& subkey) {
 /// Removes stale values. Returns true when nothing keeps the key.
 bool RegKey::purge() {
     if (unsaved_ != Mark::Clean) return false;
-    const size_t erased = values.eraseIf([](const RegValue& value) {
-        return value.dirty == Mark::Clean && value.generation != currentGeneration();
+    const bool inFile = generation_ == currentGeneration();
+    const size_t erased = values.eraseIf([=](const RegValue& value) {
+        // One that the file cannot hold stays as long as its key, or until the file has another of its name.
+        return value.dirty == Mark::Clean && value.generation != currentGeneration() &&
+               !(inFile && !value.writable());
     });
     if (erased > 0) changeCount.fetch_add(1, std::memory_order_acq_rel);
     // Values still here and keys below were found in the file or are to be written to it.
-    return generation_ != currentGeneration() && !isDirty() && values.empty() && subkeys.empty() &&
-           parent() != nullptr;
+    return !inFile && !isDirty() && values.empty() && subkeys.empty() && parent() != nullptr;
 }
 
 bool RegKey::carryMarks() {
@@ -239,9 +248,9 @@ void RegKey::print(std::string& text, WriteBatch& batch) {
     if (!implicit_ && !fullName_.empty()) {
         appendKeyLine(text, fullName_, sequence());
         values.inOrderOfNames([&](RegValue& value) {
-            if (!value.writable()) return;
-            value.appendLine(text);
-            carries |= carry(value.dirty);
+            if (value.writable()) value.appendLine(text);
+            carries |=
+                carry(value.dirty);  // also of one that has no line: the write ends its hold on the name
         });
     }
     if (carries) batch.carries(KeyRef(this));

@@ -174,6 +174,8 @@ class RegKey {
     /// `changed` tells whether anything became different.
     void SetValue(const traiklofox::registry::ValueText& value, bool& changed, bool fromFile)
         TRAIKLOFOX_REQUIRES(lock);
+    /// Has the next write carry a value that has not changed here.
+    void markForWriting(std::string_view value) TRAIKLOFOX_REQUIRES(lock);
     bool DeleteValue(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
     /// Marks a subkey dead and takes it out. The caller dismantles it after letting the lock go.
     KeyRef takeSubkey(RegKey& subkey) TRAIKLOFOX_REQUIRES(lock);

@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "registry/cache_lock.h"
 #include "registry/name_rules.h"
 #include "registry/open_keys.h"
 #include "registry/registry_call.h"
@@ -21,12 +22,16 @@ bool isWritable(HKEY handle) {
     return (handle & kWriteBit) != 0;
 }
 
-/// Sets values that have been checked, under the key's lock.
-LONG setValues(RegKey& key, std::span<const RegValue> values) TRAIKLOFOX_REQUIRES(key.lock) {
+/// Sets values that have been checked, under the key's lock. One that equals its stored value changes nothing only when
+/// the tree was `current`: the file may have another by now.
+LONG setValues(RegKey& key, std::span<const RegValue> values, bool current) TRAIKLOFOX_REQUIRES(key.lock) {
     for (const RegValue& value : values) {
         bool changed = false;
         key.SetValue(value.text(), changed, /*fromFile=*/false);
-        if (changed) key.noteChange();
+        if (changed)
+            key.noteChange();
+        else if (!current)
+            key.markForWriting(value.name);
     }
     return ERROR_SUCCESS;
 }
@@ -34,8 +39,9 @@ LONG setValues(RegKey& key, std::span<const RegValue> values) TRAIKLOFOX_REQUIRE
 LONG setValues(const char* function, HKEY handle, std::span<const RegValue> values) {
     for (const RegValue& value : values)
         if (!valueCanBeWritten(function, value)) return kRegistryFailure;
-    return onOpenKey(handle,
-                     [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) { return setValues(key, values); });
+    const bool current = treeIsCurrent();
+    return onOpenKey(
+        handle, [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) { return setValues(key, values, current); });
 }
 
 }  // namespace

@@ -31,12 +31,33 @@ TEST_F(Sharing, AChangeNotYetWrittenIsMergedWithWhatAnotherWrites) {
     EXPECT_EQ(RegUpdateCache(), 1);
     EXPECT_EQ(RegUpdateCache(), 0);
     EXPECT_EQ(textOf(key, "both"), "mine");
+    // A set that equals a copy gone stale is a change all the same.
+    ASSERT_EQ(RegFlushKey(key), 0);
+    peer.set("both", "theirs");
+    EXPECT_EQ(peer.ask({"delete", kExample, "mine"}), "0");
+    EXPECT_EQ(setText(key, "both", "mine") + setText(key, "mine", "1"), 0);
     peer.set("later", "3");
     ASSERT_EQ(RegFlushKey(key), 0);
     EXPECT_EQ(RegUpdateCache(), 0) << "writing has read what the other wrote";
     for (const auto& [name, text] :
          {std::pair{"both", "mine"}, {"mine", "1"}, {"theirs", "2"}, {"later", "3"}})
         EXPECT_TRUE(inFile(name) == text && peer.get(name) == text) << name;
+}
+
+TEST_F(Sharing, AValueThatTheFileCannotHoldStaysHereUntilAnotherHasTheName) {
+    Peer peer;
+    constexpr DWORD kBinary = 3;
+    const auto setBinary = [&](const char* name) {
+        return RegSetValueEx(key, name, 0, kBinary, reinterpret_cast<const BYTE*>("x"), 1);
+    };
+    ASSERT_EQ(setBinary("odd") + setBinary("taken") + RegFlushKey(key), 0);
+    peer.set("taken", "theirs");
+    setText(key, "v", "1");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    EXPECT_EQ(inFile("taken"), "theirs");
+    DWORD type = REG_NONE, size = 0;
+    EXPECT_EQ(RegQueryValueEx(key, "odd", nullptr, &type, nullptr, &size), 0);
+    EXPECT_EQ(type, kBinary);
 }
 
 TEST_F(Sharing, ASharedLockHoldsBackTheWritersOfItsProcessAlone) {
