@@ -58,6 +58,11 @@ class Walker {
     }
 
   private:
+    const RegKey::Name& fullName() {
+        if (fullName_ == nullptr) fullName_ = std::make_shared<const CKZString>(normalizedPath(path_));
+        return fullName_;
+    }
+
     /// Null when nothing is to be made.
     RegKey* make(HashedName name) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
         if (walk_ == Walk::LookUp) return nullptr;
@@ -65,8 +70,7 @@ class Walker {
         const bool fromFile = walk_ == Walk::FromFile;
         if (fromFile && ignored) return nullptr;
         if (fromFile) key_->changeCount.fetch_add(1, std::memory_order_acq_rel);
-        const CKZString fullName = normalizedPath(path_);
-        return &key_->addSubkey(name, {.fullName = fullName,
+        return &key_->addSubkey(name, {.fullName = fullName(),
                                        .sequence = sequence_,
                                        .implicit = !isLast(rest_),
                                        .fromFile = fromFile,
@@ -76,10 +80,10 @@ class Walker {
     void arriveAtExisting() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
         if (walk_ == Walk::LookUp || !key_->isImplicit()) return;
         if (walk_ == Walk::FromFile) {
-            key_->becomeExplicit(normalizedPath(path_));
+            key_->becomeExplicit(fullName());
             return;
         }
-        key_->becomeExplicit(key_->place());
+        key_->becomeExplicit(std::make_shared<const CKZString>(key_->place()));
         key_->markUnsaved();
         key_->noteChange();
     }
@@ -89,6 +93,7 @@ class Walker {
     const Walk walk_;
     LONG sequence_;
     RegKey* key_;
+    RegKey::Name fullName_;  // of what the walk makes; null until then
 };
 
 }  // namespace

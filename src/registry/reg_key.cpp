@@ -87,9 +87,12 @@ RegKey::~RegKey() {
 }
 
 RegKey& RegKey::root() {
-    static const KeyRef& tree = *new KeyRef(new RegKey(
-        KeyRef(), "",
-        {.fullName = "", .sequence = -1, .implicit = false, .fromFile = true, .shadowsFile = false}));
+    static const KeyRef& tree = *new KeyRef(new RegKey(KeyRef(), "",
+                                                       {.fullName = std::make_shared<const CKZString>(),
+                                                        .sequence = -1,
+                                                        .implicit = false,
+                                                        .fromFile = true,
+                                                        .shadowsFile = false}));
     return *tree;
 }
 
@@ -115,9 +118,9 @@ void RegKey::setSequence(LONG number) {
     freeKeyNumber(sequence_.exchange(number, std::memory_order_relaxed));
 }
 
-void RegKey::becomeExplicit(std::string_view name) {
+void RegKey::becomeExplicit(Name name) {
     implicit_ = false;
-    fullName_.assign(name);
+    fullName_ = std::move(name);
 }
 
 RegKey& RegKey::addSubkey(HashedName name, const Origin& origin) {
@@ -157,7 +160,7 @@ void RegKey::SetValue(const ValueText& value, bool& changed, bool fromFile) {
     if (fromFile) return;
     stored->dirty = Mark::Set;
     if (implicit_) {
-        becomeExplicit(place());
+        becomeExplicit(std::make_shared<const CKZString>(place()));
         unsaved_ = Mark::Set;
     }
 }
@@ -245,8 +248,8 @@ bool RegKey::carryMarks() {
 
 void RegKey::print(std::string& text, WriteBatch& batch) {
     bool carries = carryMarks();
-    if (!implicit_ && !fullName_.empty()) {
-        appendKeyLine(text, fullName_, sequence());
+    if (!implicit_ && !fullName_->empty()) {
+        appendKeyLine(text, *fullName_, sequence());
         values.inOrderOfNames([&](RegValue& value) {
             if (value.writable()) value.appendLine(text);
             carries |=

@@ -110,9 +110,12 @@ class RegKey {
     using KeyRef = traiklofox::registry::KeyRef;
     using Lock = traiklofox::foundation::SmallMutex<traiklofox::foundation::LockRank::RegistryKey>;
 
+    /// A full name, which the keys that one walk makes share. Never null.
+    using Name = std::shared_ptr<const CKZString>;
+
     /// How a key comes into the tree.
     struct Origin {
-        std::string_view fullName;
+        Name fullName;
         LONG sequence;
         bool implicit;  // only a step on the way to another key
         bool fromFile;
@@ -155,13 +158,13 @@ class RegKey {
     // All below: under `lock`.
 
     bool isImplicit() const TRAIKLOFOX_REQUIRES(lock) { return implicit_; }
-    const CKZString& fullName() const TRAIKLOFOX_REQUIRES(lock) { return fullName_; }
+    const CKZString& fullName() const TRAIKLOFOX_REQUIRES(lock) { return *fullName_; }
     /// The prefix of the paths of its subkeys.
-    CKZString pathForSubkeys() const TRAIKLOFOX_REQUIRES(lock) { return implicit_ ? place() : fullName_; }
+    CKZString pathForSubkeys() const TRAIKLOFOX_REQUIRES(lock) { return implicit_ ? place() : *fullName_; }
 
     void stamp() TRAIKLOFOX_REQUIRES(lock) { generation_ = currentGeneration(); }
     /// Makes a step on the way a key in its own right, which the file is to show.
-    void becomeExplicit(std::string_view name) TRAIKLOFOX_REQUIRES(lock);
+    void becomeExplicit(Name name) TRAIKLOFOX_REQUIRES(lock);
     /// Marks the key as created here and not in the file.
     void markUnsaved() TRAIKLOFOX_REQUIRES(lock) { unsaved_ = Mark::Set; }
 
@@ -235,7 +238,7 @@ class RegKey {
     KeyRef parent_;
     traiklofox::registry::Listed<RegKey> listed_;  // among its parent's subkeys, under the parent's lock
     DWORD generation_ TRAIKLOFOX_GUARDED_BY(lock);
-    CKZString fullName_ TRAIKLOFOX_GUARDED_BY(lock);
+    Name fullName_ TRAIKLOFOX_GUARDED_BY(lock);
     std::unique_ptr<Deletions> deletions_ TRAIKLOFOX_GUARDED_BY(lock);  // null while nothing is deleted
 };
 

@@ -246,7 +246,7 @@ TEST_F(Cost, LookUpMakesNoSystemCall) {
     EXPECT_EQ(waitFor(child), 0);
 }
 
-TEST_F(Cost, ValueTakesFewBytesOfMemory) {
+TEST_F(Cost, ValuesAndDeepPathsTakeFewBytesOfMemory) {
     constexpr size_t kKeys = 2'000;
     constexpr size_t kValues = 5;
     std::string text = keyLine(kExample);
@@ -259,6 +259,18 @@ TEST_F(Cost, ValueTakesFewBytesOfMemory) {
     replaceFile(text);
     ASSERT_TRUE(keyExists(std::string(kExample) + "\\group\\key1999"));
     EXPECT_LT((mallinfo2().uordblks - before) / (kKeys * kValues), 400u);
+
+    constexpr size_t kDepth = 1'900, kLines = 50;
+    text = keyLine(kExample);
+    for (size_t line = 0; line < kLines; ++line) {
+        std::string path = std::to_string(line);
+        while (path.size() < 2 * kDepth) path += "\\d";
+        text += keyLine(path);
+    }
+    const size_t shallow = mallinfo2().uordblks;
+    replaceFile(text);
+    ASSERT_TRUE(keyExists("49\\d"));
+    EXPECT_LT((mallinfo2().uordblks - shallow) / (kLines * kDepth), 400u) << "a key on the way to another";
 }
 
 }  // namespace
