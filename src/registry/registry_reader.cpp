@@ -9,8 +9,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 
+#include "files/file_status.h"
+#include "foundation/sys.h"
 #include "registry/cache_lock.h"
 #include "registry/find_key.h"
 #include "registry/locations.h"
@@ -67,6 +71,21 @@ class TreeReader {
     std::string name_;  // its path
 };
 
+/// What tells one content of the registry file from another.
+struct FileVersion {
+    files::FileId id{};
+    std::uint64_t size = 0;
+    std::int64_t seconds = 0;  // of its last modification
+    std::uint32_t nanoseconds = 0;
+    bool operator==(const FileVersion&) const = default;
+};
+
+FileVersion versionOf(const struct statx& status) {
+    return {files::idOf(status), status.stx_size, status.stx_mtime.tv_sec, status.stx_mtime.tv_nsec};
+}
+
+constinit std::optional<FileVersion> knownFile;  // under the exclusive cache lock
+
 /// Says that the file cannot be read beyond `line`; `error` is 0 when the line is too long. A file that stays
 /// unreadable is tried at every look-up, and reported once.
 void reportUnreadable(const CKZString& path, size_t line, int error) {
@@ -84,6 +103,17 @@ void reportUnreadable(const CKZString& path, size_t line, int error) {
 
 }  // namespace
 
+void rememberFile(int fd) {
+    struct statx status;
+    knownFile = sys::fstat(fd, &status) == 0 ? std::optional(versionOf(status)) : std::nullopt;
+}
+
+bool fileIsKnown(const CKZString& path) {
+    struct statx status;
+    if (sys::stat(path.c_str(), &status) != 0) return errno == ENOENT;
+    return knownFile == versionOf(status);
+}
+
 int readTree(Purging purging) {
     const CacheLockGuard guard;
     const CKZString path = registryPath();
@@ -92,6 +122,8 @@ int readTree(Purging purging) {
         noteTreeOutOfDate();
         return 0;
     }
+    rememberFile(
+        file.GetFileDescriptor());  // before its lines: a change while they are read makes it another
     RegKey::Generation.fetch_add(1, std::memory_order_relaxed);
 
     TreeReader reader;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <traiklofox/strings.h>
+
 namespace traiklofox::registry {
 
 enum class Purging { No, Yes };
@@ -9,5 +11,12 @@ enum class Purging { No, Yes };
 /// counts as read only after a file has been read to its end: one that cannot be is reported on standard
 /// error, once for the same trouble.
 int readTree(Purging purging);
+
+/// Remembers an open file as the one that the tree agrees with. `fileIsKnown` is true while no other is at `path`, nor
+/// that one changed: the stamp does not tell of a file that somebody put there who is no user of this library, nor do
+/// those tell that count on another page of shared memory. It is true also when there is none: then there is nothing
+/// that a write could lose. Under the exclusive cache lock.
+void rememberFile(int fd);
+bool fileIsKnown(const CKZString& path);
 
 }  // namespace traiklofox::registry

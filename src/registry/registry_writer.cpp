@@ -134,11 +134,11 @@ bool fillTemporary(FileLock& file, const CKZString& name, WriteBatch& batch) {
 
 /// Brings the tree up to date; false when the file cannot be read whole, so that writing would lose what it
 /// holds.
-bool mergeFile() {
-    if (treeIsRead() && ShmStruct()->stamp.load() == MyVersionStamp.load()) return true;
+bool mergeFile(const CKZString& path) {
+    if (treeIsRead() && ShmStruct()->stamp.load() == MyVersionStamp.load() && fileIsKnown(path)) return true;
     (void)readTree(Purging::Yes);
     if (treeIsRead()) return true;
-    unix_err("WriteRegistry: %s cannot be read whole; nothing is written\n", registryPath().c_str());
+    unix_err("WriteRegistry: %s cannot be read whole; nothing is written\n", path.c_str());
     return false;
 }
 
@@ -156,7 +156,7 @@ int writeWholeTree() {
     auto removeTemporary = foundation::onExit([&] { (void)sys::unlink(temporary.c_str()); });
 
     const CacheLockGuard guard;
-    if (!mergeFile()) return 0;
+    if (!mergeFile(path)) return 0;
     removeStaleTemporaryFiles();
     WriteBatch batch;
     auto abortBatch = foundation::onExit([&] { batch.abort(); });
@@ -169,6 +169,7 @@ int writeWholeTree() {
         return 0;
     }
     removeTemporary.dismiss();
+    rememberFile(file.GetFileDescriptor());
     countWrite();
     if (!syncDirectory(directory)) {
         // The new file is there for everybody, but a power cut may bring the old one back: not done yet.

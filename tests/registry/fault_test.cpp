@@ -40,7 +40,7 @@ constexpr Seam kWriteCalls[] = {
     {Call::Fdatasync, Interruptions}, {Call::Fsync, Interruptions},
     {Call::Fstat, None}, {Call::Fchmod, None}, {Call::Rename, None}, {Call::Malloc, None}};
 constexpr Seam kReadCalls[] = {{Call::Semop, Interruptions}, {Call::Open, Interruptions}, {Call::Read, Interruptions},
-                               {Call::Close, All}, {Call::Malloc, None}};
+                               {Call::Close, All}, {Call::Fstat, All}, {Call::Malloc, None}};
 
 constexpr struct Fault { const char* name; int error; faults::Options options = {}; } kFaults[] = {
     {"ENOSPC", ENOSPC}, {"EIO", EIO}, {"EMFILE", EMFILE}, {"EACCES", EACCES}, {"ENOMEM", ENOMEM}, {"EINTR", EINTR},

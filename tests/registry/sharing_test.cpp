@@ -1,6 +1,7 @@
 // Several processes on one registry, and learning of a change by polling.
 
 #include <sys/sem.h>
+#include <sys/shm.h>
 #include <traiklofox/events.h>
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
@@ -92,6 +93,22 @@ TEST_F(Sharing, ARemovedSemaphoreIsMadeAnew) {
     EXPECT_EQ(peer.answer(), "0");
     EXPECT_EQ(textAt(kExample, "x"), "3");
     EXPECT_EQ(semaphoreValue(), 1);
+}
+
+TEST_F(Sharing, WhatNoStampTellsOfIsMergedAllTheSame) {
+    setText(key, "v", "1");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    const int page = ::shmget(::ftok("/usr/lib/tarnwell/twml_data.dat", 1), 1, 0);
+    ASSERT_EQ(::shmctl(page, IPC_RMID, nullptr), 0);
+    Peer peer;
+    peer.set("w", "on a page of its own");
+    setText(key, "v", "2");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    EXPECT_EQ(inFile("w"), "on a page of its own");
+    writeText(file(), fileText() + valueLine("x", "by hand"));
+    setText(key, "v", "3");
+    ASSERT_EQ(RegFlushKey(key), 0);
+    EXPECT_EQ(inFile("v").value_or("") + inFile("x").value_or(""), "3by hand");
 }
 
 TEST_F(Sharing, ABumpedVersionIsReadAgainAndShown) {

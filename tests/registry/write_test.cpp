@@ -71,12 +71,14 @@ TEST_F(Writing, GoesToTheInstallationThatIsSet) {
     EXPECT_EQ(SetRegistryPath(other.c_str()), 0) << "there is none yet";
     fs::create_directory(other);
     fs::copy(directory(), other + "registry", fs::copy_options::recursive);
+    writeText(other + "registry/tw.registry", before + keyLine("others"));
     EXPECT_EQ(SetRegistryPath(other.c_str()), 1);
     EXPECT_EQ(GetRegistryPath(), other + "registry/tw.registry");
     setText(key, "v", "1");
     EXPECT_EQ(RegFlushKey(key), 0);
     const std::string written = readText(GetRegistryPath());
     EXPECT_EQ(parseRegistry(written).at(kExamplePath).at("v").data, "1");
+    EXPECT_TRUE(parseRegistry(written).contains("hkey_local_machine\\others"));
     EXPECT_EQ(RegBackupRegistry(), 1);
     EXPECT_EQ(readText(GetRegistryPath() + ".bak"), written);
     EXPECT_EQ(fileText(), before);
