@@ -3,7 +3,8 @@
 /// Profile files: settings in a text file of sections, "[name]", and keys in them, "name=value".
 ///
 /// A file name without a "/" is that of a file in the installation directory (the environment variable TWHOME); null
-/// is "win.ini" there, which the functions without "Private" use. Symbolic links are followed.
+/// is "win.ini" there, which the functions without "Private" use. A relative path goes from the current directory at
+/// the call. Symbolic links are followed.
 ///
 /// What a file may hold. Names are compared without regard to the case of ASCII letters. Blanks around a name and
 /// around a value do not count. A line that begins with ";" is a comment, anything else without a "=" is kept as it
@@ -22,8 +23,8 @@
 /// process's change is seen after 10 ms at most, and at once after a call of `WritePrivateProfileString` with three
 /// null names.
 ///
-/// Any thread may call any function. After a `fork` in a process with several threads the child may call none. None
-/// throws. Lack of memory counts as a failed read or write, with ENOMEM.
+/// Any thread may call any function, and so may a child after a `fork`; what write caching keeps stays with the parent.
+/// None throws. Lack of memory counts as a failed read or write, with ENOMEM.
 
 #include <traiklofox/types.h>
 
@@ -70,11 +71,13 @@ TRAIKLOFOX_C_API BOOL GetPrivateProfileStruct(LPCSTR section, LPCSTR key, LPVOID
 /// Deleting deletes everything of that name, and succeeds when there is nothing.
 ///
 /// Returns TRUE when the change is in the file and on the disk, or, with write caching, is kept to be written. FALSE
-/// with `errno`, and the file is as it was: why it could not be read, locked or written, or EINVAL for
+/// with `errno`, and the file is as it was: why it could not be read, locked or written (EACCES also for one that the
+/// process may not write, though it might replace it), or EINVAL for
 ///   - a null section with a key or a value;
 ///   - a section's name with a "]" or a line end in it;
 ///   - a key's name that is blank, begins with "[" or ";", or has a "=" or a line end in it;
 ///   - a value with a line end in it.
+/// Only where the directory cannot be synced after the rename, FALSE leaves the change in the file.
 /// A value is written without blanks around it: enclose in quotes what begins or ends with blanks or quotes.
 ///
 /// With section, key and value all null: flushes. Changes to that file that are kept by write caching are written (to
@@ -85,8 +88,9 @@ TRAIKLOFOX_C_API BOOL GetPrivateProfileStruct(LPCSTR section, LPCSTR key, LPVOID
 TRAIKLOFOX_C_API BOOL WritePrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR value, LPCSTR fileName);
 
 /// Replaces all keys of a section by `lines`, a list of texts "name=value", each ended by a NUL, and one more NUL.
-/// The section's comments and blank lines stay. Null deletes the section. Results as of `WritePrivateProfileString`;
-/// EINVAL also for a blank line, a line with a line end in it and one that begins with "[".
+/// The section's comments and blank lines stay; a comment among `lines` that is there already is not added. Null
+/// deletes the section. Results as of `WritePrivateProfileString`; EINVAL also for a blank line, a line with a line end
+/// in it and one that begins with "[".
 TRAIKLOFOX_C_API BOOL WritePrivateProfileSection(LPCSTR section, LPCSTR lines, LPCSTR fileName);
 
 /// Sets a key's value to `size` bytes in hexadecimal, with a checksum. Null `data` deletes the key. Results as of

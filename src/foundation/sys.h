@@ -335,4 +335,10 @@ class UniqueFd {
     int fd_ = -1;
 };
 
+/// Puts on the disk what was made or renamed in the directory. False with errno.
+inline bool syncDirectory(const char* path) {
+    const UniqueFd directory(sys::open(path, O_RDONLY | O_DIRECTORY));
+    return directory && sys::fsync(directory.get()) == 0;
+}
+
 }  // namespace traiklofox::sys

@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include "foundation/install_path.h"
+#include "foundation/sys.h"
 #include "profiles/profile_cache.h"
 
 using namespace traiklofox::profiles;
@@ -33,12 +35,24 @@ Result profileCall(Body body, Result failure) {
     }
 }
 
+/// The path from the root on, as long as the current directory has one: a change may be written under another.
+std::string fromRoot(const std::string& path) {
+    const int error = errno;
+    char directory[PATH_MAX];
+    if (path.starts_with('/')) return path;
+    if (traiklofox::sys::getcwd(directory, sizeof directory) != nullptr) return directory + ("/" + path);
+    errno = error;
+    return path;
+}
+
 /// Calls `use` with the path that a file name stands for.
 template <class Use>
 auto withPath(const char* fileName, Use use) {
     if (fileName == nullptr) fileName = kSystemProfile;
-    if (std::strchr(fileName, '/') != nullptr) return use(std::string_view(fileName));
-    return use(std::string_view(traiklofox::foundation::installPath() + fileName));
+    if (*fileName == '/') return use(std::string_view(fileName));
+    const bool isPath = std::strchr(fileName, '/') != nullptr;
+    const std::string path = isPath ? fileName : traiklofox::foundation::installPath() + fileName;
+    return use(std::string_view(fromRoot(path)));
 }
 
 template <class Look>

@@ -2,10 +2,12 @@
 
 #include <traiklofox/file_lock.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <unordered_map>
 
+#include "files/renewed_in_child.h"
 #include "foundation/sys.h"
 
 namespace traiklofox::profiles {
@@ -24,28 +26,31 @@ struct PathHash {
 };
 using ProfileMap = std::unordered_map<std::string, std::shared_ptr<Profile>, PathHash, std::equal_to<>>;
 
-constinit foundation::SmallMutex<LockRank::ProfileMap> mapLock;
+/// A forked child begins with another: the changes that wait here are the parent's to write, and who holds a lock of
+/// this one is not in the child.
+struct Cache {
+    foundation::SmallMutex<LockRank::ProfileMap> mapLock;
+    ProfileMap profiles TRAIKLOFOX_GUARDED_BY(mapLock);
+    /// Held from the reading of what is changed to its replacement: the file's lock belongs to the whole process, and
+    /// two names may be one file's.
+    foundation::Mutex<LockRank::ProfileWrites> writing;
+};
+using CacheOfProcess = files::RenewedInChild<Cache>;
 
-/// Never destroyed: threads may still run at exit.
-ProfileMap& profiles() TRAIKLOFOX_REQUIRES(mapLock) {
-    static auto& map = *new ProfileMap;
-    return map;
-}
-
-/// Held from the reading of what is changed to its replacement: the file's lock belongs to the whole process, and two
-/// names may be one file's.
-constinit foundation::Mutex<LockRank::ProfileWrites> writing;
-constinit bool isCaching TRAIKLOFOX_GUARDED_BY(writing) = false;
+/// Of the child, too; changed under `writing`.
+constinit std::atomic<bool> isCaching{false};
+constinit std::atomic<bool> flushesAtExit{false};
 
 /// Lets go of what nobody uses.
-void makeRoomLocked(ProfileMap& map) TRAIKLOFOX_REQUIRES(mapLock) {
+void makeRoomLocked(Cache& cache) TRAIKLOFOX_REQUIRES(cache.mapLock) {
     // Only under this lock does anybody begin to use one.
-    std::erase_if(
-        map, [](auto& entry) { return entry.second.use_count() == 1 && entry.second->unwritten() == 0; });
+    std::erase_if(cache.profiles, [](auto& entry) {
+        return entry.second.use_count() == 1 && entry.second->unwritten() == 0;
+    });
 }
 
-/// Makes these changes in what the file holds, under its lock.
-bool writeLocked(Profile& profile, const ProfileEdits& edits) TRAIKLOFOX_REQUIRES(writing) {
+/// Makes these changes in what the file holds, under its lock. Holds the lock for changes: the caller, here and below.
+bool writeLocked(Profile& profile, const ProfileEdits& edits) {
     const std::string target = targetOf(profile.path());
     FileLock lock;
     if (lock.OpenAndLockFile((target + ".lock").c_str(), FileLock::in, /*already=*/nullptr, /*count=*/0) ==
@@ -65,21 +70,21 @@ bool writeLocked(Profile& profile, const ProfileEdits& edits) TRAIKLOFOX_REQUIRE
     return true;
 }
 
-bool writeUnwrittenLocked(Profile& profile) TRAIKLOFOX_REQUIRES(writing) {
+bool writeUnwrittenLocked(Profile& profile) {
     const auto edits = profile.unwrittenEdits();
     return edits.empty() || writeLocked(profile, edits);
 }
 
-std::vector<std::shared_ptr<Profile>> allProfiles() {
-    const LockGuard guard(mapLock);
+std::vector<std::shared_ptr<Profile>> allProfiles(Cache& cache) {
+    const LockGuard guard(cache.mapLock);
     std::vector<std::shared_ptr<Profile>> all;
-    for (const auto& [path, profile] : profiles()) all.push_back(profile);
+    for (const auto& [path, profile] : cache.profiles) all.push_back(profile);
     return all;
 }
 
-bool flushAllLocked() TRAIKLOFOX_REQUIRES(writing) {
+bool flushAllLocked(Cache& cache) TRAIKLOFOX_REQUIRES(cache.writing) {
     int error = 0;
-    for (const auto& profile : allProfiles()) {
+    for (const auto& profile : allProfiles(cache)) {
         if (!writeUnwrittenLocked(*profile)) error = errno;
         profile->distrust();
     }
@@ -187,16 +192,16 @@ void Profile::distrust() {
 }
 
 std::shared_ptr<Profile> profileOf(std::string_view path) {
-    const LockGuard guard(mapLock);
-    ProfileMap& map = profiles();
-    const auto found = map.find(path);
-    if (found != map.end()) return found->second;
-    if (map.size() >= kMostProfiles) makeRoomLocked(map);
-    return map.emplace(path, std::make_shared<Profile>(path)).first->second;
+    Cache& cache = CacheOfProcess::get();
+    const LockGuard guard(cache.mapLock);
+    const auto found = cache.profiles.find(path);
+    if (found != cache.profiles.end()) return found->second;
+    if (cache.profiles.size() >= kMostProfiles) makeRoomLocked(cache);
+    return cache.profiles.emplace(path, std::make_shared<Profile>(path)).first->second;
 }
 
 bool changeProfile(std::string_view path, ProfileEdit edit) {
-    const LockGuard guard(writing);
+    const LockGuard guard(CacheOfProcess::get().writing);
     const auto profile = profileOf(path);
     if (isCaching) {
         if (!profile->keep(std::move(edit))) return false;
@@ -208,7 +213,7 @@ bool changeProfile(std::string_view path, ProfileEdit edit) {
 }
 
 bool flushProfile(std::string_view path) {
-    const LockGuard guard(writing);
+    const LockGuard guard(CacheOfProcess::get().writing);
     const auto profile = profileOf(path);
     const bool isWritten = writeUnwrittenLocked(*profile);
     profile->distrust();
@@ -216,21 +221,23 @@ bool flushProfile(std::string_view path) {
 }
 
 bool flushAllProfiles() {
-    const LockGuard guard(writing);
-    return flushAllLocked();
+    Cache& cache = CacheOfProcess::get();
+    const LockGuard guard(cache.writing);
+    return flushAllLocked(cache);
 }
 
 bool setWriteCaching(bool enabled) {
-    const LockGuard guard(writing);
-    if (enabled) {
-        static const bool flushesAtExit = std::atexit(flushAtExit) == 0;
-        if (!flushesAtExit) {
+    Cache& cache = CacheOfProcess::get();
+    const LockGuard guard(cache.writing);
+    if (enabled && !flushesAtExit) {
+        if (std::atexit(flushAtExit) != 0) {
             errno = ENOMEM;
             return false;
         }
+        flushesAtExit = true;
     }
     isCaching = enabled;
-    return enabled || flushAllLocked();
+    return enabled || flushAllLocked(cache);
 }
 
 }  // namespace traiklofox::profiles

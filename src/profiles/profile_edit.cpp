@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace traiklofox::profiles {
 
@@ -164,9 +165,14 @@ void EditedText::deleteKey(Section& section, const std::string& key) {
 
 void EditedText::replaceContent(Section& section, const std::vector<std::string>& lines) {
     const size_t header = section.headers.front();
-    forEachLine(header, [&](size_t i) { lines_[i].isGone = isContent(lines_[i].kind); });
+    std::unordered_set<std::string_view> comments;
+    forEachLine(header, [&](size_t i) {
+        lines_[i].isGone = isContent(lines_[i].kind);
+        if (lines_[i].kind == Kind::Comment) comments.insert(lines_[i].name);
+    });
     size_t last = header;
-    for (const std::string& line : lines) last = addBehind(last, line);
+    for (const std::string& line : lines)
+        if (!comments.contains(trimmed(line))) last = addBehind(last, line);
     section.isIndexed = false;
 }
 

@@ -2,6 +2,7 @@
 
 #include <traiklofox/temp_name.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -99,6 +100,8 @@ bool replaceFile(const std::string& path, const std::string& text) {
     struct statx old {};
     const bool isNew = sys::stat(path.c_str(), &old) != 0;
     if (isNew && errno != ENOENT) return false;
+    // A rename asks for no permission of the file's.
+    if (!isNew && sys::access(path.c_str(), W_OK) != 0) return false;
 
     // Until it has its owner and mode, nobody else may read it.
     sys::UniqueFd file(sys::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL, isNew ? kNewMode : 0600));
@@ -113,7 +116,7 @@ bool replaceFile(const std::string& path, const std::string& text) {
     if (sys::fsync(file.get()) != 0 || sys::close(file.release()) != 0) return false;
     if (sys::rename(temporary.c_str(), path.c_str()) != 0) return false;
     removeTemporary.dismiss();
-    return true;
+    return sys::syncDirectory(slash == path.npos ? "." : path.substr(0, std::max<size_t>(slash, 1)).c_str());
 }
 
 }  // namespace traiklofox::profiles

@@ -36,8 +36,8 @@ std::optional<FileContent> readFile(const char* path);
 /// The file itself, behind symbolic links; the path as it is where there is none.
 std::string targetOf(const std::string& path);
 
-/// Replaces the file, which gets its old owner and mode. False with errno; the old one is then whole. Holds the file's
-/// lock: the caller.
+/// Replaces the file, which gets its old owner and mode. False with errno: the old one is then whole, or the new one is
+/// in its place and the directory could not be synced. Holds the file's lock: the caller.
 bool replaceFile(const std::string& path, const std::string& text);
 
 }  // namespace traiklofox::profiles

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <traiklofox/profiles.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -160,11 +162,12 @@ TEST_F(ProfileTest, ChangesLeaveAllElseAsItIs) {
         EXPECT_EQ(text(), row.after);
     }
     writeText(path_, "[a]\n;c\nx=1\nnoise\n\n[b]\n");
-    EXPECT_TRUE(WritePrivateProfileSection("A", "p=1\0q = 2\0", name()));
-    EXPECT_EQ(text(), "[a]\np=1\nq = 2\n;c\n\n[b]\n");
+    for (const char* lines : {"; note\0k=v\0", " ;c\0; note\0k=v\0", "p=1\0; note\0q = 2\0"})
+        EXPECT_TRUE(WritePrivateProfileSection("A", lines, name()));
+    EXPECT_EQ(text(), "[a]\np=1\nq = 2\n; note\n;c\n\n[b]\n");
     EXPECT_TRUE(WritePrivateProfileSection("c", "", name()) &&
                 WritePrivateProfileSection("b", nullptr, name()));
-    EXPECT_EQ(text(), "[a]\np=1\nq = 2\n;c\n\n[c]\n");
+    EXPECT_EQ(text(), "[a]\np=1\nq = 2\n; note\n;c\n\n[c]\n");
 }
 
 TEST_F(ProfileTest, WhatWouldNotBeReadBackIsRefused) {
@@ -244,8 +247,8 @@ TEST_F(ProfileTest, FileKeepsItsOwnerModeAndPlaceBehindALink) {
 }
 
 TEST_F(ProfileTest, FailedWriteLeavesTheOldFileAndNothingElse) {
-    for (const Call call :
-         {Call::Open, Call::Read, Call::Write, Call::Fsync, Call::Fchmod, Call::Rename, Call::Lockf}) {
+    for (const Call call : {Call::Open, Call::Read, Call::Write, Call::Fsync, Call::Fchmod, Call::Rename,
+                            Call::Lockf, Call::Access}) {
         writeText(path_, "[a]\nx=1\n");
         const auto body = [&](const FailCall& fault, int) {
             const CapturedStderr messages;  // of a lock that cannot be had
@@ -256,9 +259,14 @@ TEST_F(ProfileTest, FailedWriteLeavesTheOldFileAndNothingElse) {
                 EXPECT_EQ(text(), "[a]\nx=1\n");
             }
         };
-        EXPECT_GT(failEveryCall(call, EIO, body, {.path = directory_.path()}), 0) << static_cast<int>(call);
+        EXPECT_GT(failEveryCall(call, EIO, body, {.path = directory_.path() + "/"}), 0)
+            << static_cast<int>(call);
         EXPECT_EQ(text(), "[a]\nx=2\n");
         expectTidy();
+    }
+    {
+        const FailCall ofTheDirectory(Call::Fsync, EIO, /*onCall=*/2);
+        EXPECT_TRUE(!set("a", "x", "3") && errno == EIO && text() == "[a]\nx=3\n");
     }
     // What is no file is neither read nor replaced.
     const std::string pipe = directory_ / "pipe";
@@ -334,6 +342,62 @@ TEST_F(ProfileTest, CachedChangesReachTheFileAtTheNormalEndOrWhenThereAreMany) {
         const std::string all = text();
         EXPECT_EQ(std::ranges::count(all, '='), written) << count << ' ' << end;
     }
+}
+
+TEST_ROLE(forksWithCachedChanges) {
+    const char* file = args.at(0).c_str();
+    const auto set = [&](const char* key, const char* value) {
+        return WritePrivateProfileString("a", key, value, file);
+    };
+    const auto flush = [&] { (void)WritePrivateProfileString(nullptr, nullptr, nullptr, file); };
+    SetProfileWriteCaching(TRUE);
+    std::atomic<bool> isDone = false;
+    std::thread writer;
+    for (int round = 0; round < 30; ++round) {
+        set("x", "old");
+        int go[2];
+        EXPECT_EQ(::pipe(go), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(20);
+            ::close(go[1]);
+            char none;
+            const bool isToldByEnd = ::read(go[0], &none, 1) == 0 && set("child", "1");
+            std::exit(isToldByEnd ? 0 : 1);
+        }
+        set("x", "new");
+        flush();
+        ::close(go[1]);
+        int status = -1;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << round;
+        EXPECT_EQ(readText(file), round == 0 ? "[a]\nx=new\nchild=1\n" : "[a]\nx=new\nchild=1\ny=1\n")
+            << round;
+        ::close(go[0]);
+        if (round > 0) continue;
+        set("y", "1");
+        flush();
+        writer = std::thread([&] {
+            for (; !isDone; flush()) set("y", "1");
+        });
+    }
+    isDone = true;
+    writer.join();
+    return 0;
+}
+
+TEST_F(ProfileTest, ChildWritesItsOwnCachedChangesAloneAndWaitsForNoThreadOfItsParent) {
+    EXPECT_EQ(RoleProcess("forksWithCachedChanges", {path_}).wait(std::chrono::seconds(90)),
+              ExitStatus::exited(0));
+}
+
+TEST_F(ProfileTest, RelativePathMeansTheSameFileInEveryDirectory) {
+    const std::string before = std::filesystem::current_path();
+    std::filesystem::current_path(directory_.path());
+    ASSERT_TRUE(SetProfileWriteCaching(TRUE));
+    EXPECT_TRUE(WritePrivateProfileString("a", "x", "1", "./server.ini"));
+    std::filesystem::current_path(before);
+    EXPECT_TRUE(SetProfileWriteCaching(FALSE) && text() == "[a]\nx=1\n");
 }
 
 constexpr int kWriters = 6;
