@@ -25,11 +25,27 @@ constinit traiklofox::foundation::Mutex<LockRank::Leaf> actionLock;
 constinit int commandsRunning TRAIKLOFOX_GUARDED_BY(actionLock) = 0;
 struct sigaction actionBefore TRAIKLOFOX_GUARDED_BY(actionLock);
 
+/// A fork happens outside of the lock. The commands that run are the parent's: the child gets the handler back.
+void guardForks() {
+    static constinit pthread_once_t once = PTHREAD_ONCE_INIT;
+    (void)pthread_once(&once, [] {  // cannot fail
+        const auto lock = [] { pthread_mutex_lock(actionLock.native()); };
+        const auto unlock = [] { pthread_mutex_unlock(actionLock.native()); };
+        const auto unlockInChild = []() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+            if (commandsRunning > 0) (void)sigaction(SIGCHLD, &actionBefore, nullptr);
+            commandsRunning = 0;
+            pthread_mutex_unlock(actionLock.native());
+        };
+        (void)pthread_atfork(lock, unlock, unlockInChild);
+    });
+}
+
 /// Keeps SIGCHLD from the application's handler while commands run. Not by SIG_IGN, under which the kernel throws
 /// away the status of every child of the process that ends meanwhile.
 class ChildSignalSetAside {
   public:
     ChildSignalSetAside() {
+        guardForks();
         const LockGuard guard(actionLock);
         if (commandsRunning++ > 0) return;
         struct sigaction byDefault {};

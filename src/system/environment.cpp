@@ -20,6 +20,16 @@ using traiklofox::foundation::LockGuard;
 /// Looking up and setting exclude each other, which the C library's do not.
 constinit traiklofox::foundation::Mutex<traiklofox::foundation::LockRank::Leaf> environmentLock;
 
+/// A fork happens outside of the lock, so that the child finds it free, and the C library's own below it.
+void guardForks() {
+    static constinit pthread_once_t once = PTHREAD_ONCE_INIT;
+    (void)pthread_once(&once, [] {  // cannot fail
+        const auto lock = [] { pthread_mutex_lock(environmentLock.native()); };
+        const auto unlock = [] { pthread_mutex_unlock(environmentLock.native()); };
+        (void)pthread_atfork(lock, unlock, unlock);
+    });
+}
+
 /// The text with the values in it. Holds the lock: the caller.
 std::string expanded(std::string_view source) TRAIKLOFOX_REQUIRES(environmentLock) {
     std::string text;
@@ -46,6 +56,7 @@ std::string expanded(std::string_view source) TRAIKLOFOX_REQUIRES(environmentLoc
 
 DWORD GetEnvironmentVariable(LPCSTR name, LPSTR buffer, DWORD size) {
     if (!traiklofox::files::isGiven(name)) return 0;
+    guardForks();
     const LockGuard guard(environmentLock);
     const char* value = std::getenv(name);
     errno = value != nullptr ? 0 : ENOENT;
@@ -54,6 +65,7 @@ DWORD GetEnvironmentVariable(LPCSTR name, LPSTR buffer, DWORD size) {
 
 BOOL SetEnvironmentVariable(LPCSTR name, LPCSTR value) {
     if (!traiklofox::files::isGiven(name)) return FALSE;
+    guardForks();
     const LockGuard guard(environmentLock);
     const int result = value != nullptr ? ::setenv(name, value, /*replace=*/1) : ::unsetenv(name);
     return result == 0 ? TRUE : FALSE;
@@ -64,6 +76,7 @@ DWORD ExpandEnvironmentStrings(LPCSTR source, LPSTR buffer, DWORD size) {
     try {
         std::string text;
         {
+            guardForks();
             const LockGuard guard(environmentLock);
             text = expanded(source);
         }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <memory>
 #include <optional>
 
 #include "foundation/mutex.h"
@@ -84,15 +85,26 @@ class Clock {
     Instant last_ TRAIKLOFOX_GUARDED_BY(lock_) = {};
 };
 
+constinit NodeAddress nodeAddress;
+constinit Clock uuidClock;
+
+/// Who holds a lock, for a second perhaps, is not in a forked child, which begins anew.
+void renewInChildren() {
+    (void)pthread_atfork(nullptr, nullptr, [] {
+        std::construct_at(&nodeAddress);
+        std::construct_at(&uuidClock);
+    });
+}
+
 }  // namespace
 
 LONG UuidCreate(_GUID* out) {
-    static constinit NodeAddress address;
-    static constinit Clock clock;
+    static constinit pthread_once_t once = PTHREAD_ONCE_INIT;
     if (out == nullptr) return kFailed;
-    const auto node = address.get();
+    (void)pthread_once(&once, renewInChildren);  // cannot fail
+    const auto node = nodeAddress.get();
     if (!node) return kFailed;
-    const auto reading = clock.read();
+    const auto reading = uuidClock.read();
     if (!reading) return kFailed;
 
     constexpr unsigned int kVersion = 0x1000;
