@@ -21,14 +21,21 @@ configure_file(cmake/traiklofox.pc.in traiklofox.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/traiklofox.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME copyright)
 
+# The template is the operator's, who changes its owner, mode and text: it is installed only where it is missing. Of the
+# lock file the inode is the key of the semaphore that all processes share: a new one would split them in two. So it is
+# made only where it is missing, and on the machine that the package is installed on.
 get_filename_component(template_directory ${TRAIKLOFOX_TEMPLATE_FILE} DIRECTORY)
 get_filename_component(template_name ${TRAIKLOFOX_TEMPLATE_FILE} NAME)
-install(FILES examples/registry/tw.registry.template DESTINATION ${template_directory} RENAME ${template_name})
-
-# The lock file's inode is the key of the semaphore that all processes share: a new file would split them in two. So it
-# is made only where it is missing, and on the machine that the package is installed on.
-if(NOT TRAIKLOFOX_PACKAGE)
+set(template_source ${PROJECT_SOURCE_DIR}/examples/registry/tw.registry.template)
+if(TRAIKLOFOX_PACKAGE)
+  install(FILES ${template_source} DESTINATION ${template_directory} RENAME ${template_name})
+else()
   install(CODE "
+    if(EXISTS \"\$ENV{DESTDIR}${TRAIKLOFOX_TEMPLATE_FILE}\")
+      message(STATUS \"Up-to-date: \$ENV{DESTDIR}${TRAIKLOFOX_TEMPLATE_FILE}\")
+    else()
+      file(INSTALL \"${template_source}\" DESTINATION \"${template_directory}\" RENAME \"${template_name}\")
+    endif()
     set(lock_file \"\$ENV{DESTDIR}${TRAIKLOFOX_LOCK_FILE}\")
     if(EXISTS \"\${lock_file}\")
       message(STATUS \"Up-to-date: \${lock_file}\")

@@ -21,5 +21,8 @@ get_filename_component(TRAIKLOFOX_LOCK_DIRECTORY ${TRAIKLOFOX_LOCK_FILE} DIRECTO
 configure_file(cmake/postinst.in package/postinst @ONLY FILE_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 file(WRITE ${PROJECT_BINARY_DIR}/package/triggers "activate-noawait ldconfig\n")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/postinst ${PROJECT_BINARY_DIR}/package/triggers)
+# The template, which an upgrade leaves as the operator has made it.
+file(WRITE ${PROJECT_BINARY_DIR}/package/conffiles "${TRAIKLOFOX_TEMPLATE_FILE}\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/postinst ${PROJECT_BINARY_DIR}/package/triggers
+  ${PROJECT_BINARY_DIR}/package/conffiles)
 include(CPack)

@@ -18,9 +18,13 @@ lock_file=$(find "$scratch/root" -name '*_data.dat')
 [ "$(stat -c %a "$lock_file")" = 644 ] || fail "not everybody can read the lock file, or some may write it"
 inode=$(stat -c %i "$lock_file")
 echo kept >"$lock_file"
+template=$(find "$scratch/root" -name '*.registry.template')
+[ -n "$template" ] || fail "no template was installed"
+echo "; kept" >>"$template"
+chmod 600 "$template"
 install
 [ "$(stat -c %i "$lock_file")" = "$inode" ] && [ "$(cat "$lock_file")" = kept ] || fail "the lock file was replaced"
-[ -n "$(find "$scratch/root" -name '*.registry.template')" ] || fail "no template was installed"
+[ "$(stat -c %a "$template") $(tail -n 1 "$template")" = "600 ; kept" ] || fail "the template was replaced"
 [ "$("$scratch/root/opt/test/bin/kzreg" --help | wc -l)" -gt 5 ] || fail "kzreg does not run where it was installed"
 
 library=$(find "$scratch/root" -name 'libtraiklofox.so')
