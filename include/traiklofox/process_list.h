@@ -36,8 +36,8 @@ TRAIKLOFOX_API BOOL DumbEnumProcesses(DWORD* ids, DWORD size, DWORD* returned);
 TRAIKLOFOX_API CKZString GetProcessName(DWORD processId, INT fullPath);
 
 /// Copies the name of the process's command into `buffer`. A null handle is the calling process. Returns the length
-/// without the NUL; 0, with nothing copied, when it is greater than `size`, when there is no name or `buffer`, when
-/// the handle is no process's, or when memory is short.
+/// without the NUL; 0, with nothing copied, when it is greater than `size`, when there is no `buffer`, or when memory
+/// is short; 0, with a NUL where `size` has room for it, when there is no name or the handle is no process's.
 ///
 /// Deliberately, a name of exactly `size` bytes is copied, and its NUL stands behind the buffer's end: give a `size` of
 /// one less than there is room for.

@@ -145,13 +145,14 @@ std::optional<GroupMemory> ControlGroups::memory() const {
     return tightest;
 }
 
-std::optional<std::uint64_t> ControlGroups::swap() const {
-    std::optional<std::uint64_t> least;
+std::optional<GroupMemory> ControlGroups::swap() const {
+    std::optional<GroupMemory> tightest;
     eachUpward("", [&](const std::string& directory) {
-        const auto limit = limitOf(directory + "memory.swap.max");
-        if (limit) least = std::min(least.value_or(*limit), *limit);
+        takeLess(tightest, limitOf(directory + "memory.swap.max"),
+                 textOfFile(directory + "memory.swap.current"),
+                 /*statistics=*/"", /*cacheLabel=*/"");
     });
-    return least;
+    return tightest;
 }
 
 }  // namespace traiklofox::system

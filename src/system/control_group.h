@@ -23,8 +23,8 @@ class ControlGroups {
     std::optional<double> processors() const;
     /// The tightest limit on the way up; nothing without one.
     std::optional<GroupMemory> memory() const;
-    /// Bytes of swap space; nothing without a limit.
-    std::optional<std::uint64_t> swap() const;
+    /// The same of swap space.
+    std::optional<GroupMemory> swap() const;
 
   private:
     /// The group's directory for a controller of version 1, or, with an empty name, of version 2.

@@ -118,8 +118,9 @@ Piece takePiece(std::string_view& text, bool hasSequences) {
         text.remove_prefix(text.front() == '\n' ? 1 : 2);
         return {.kind = Piece::Kind::LineEnd};
     }
-    const size_t end = text.find_first_of("%\r\n", 1);
-    const std::string_view characters = text.substr(0, end);
+    constexpr size_t kMost = 4096;  // or a line of any length would be broken before it is found too long
+    const size_t end = text.substr(0, kMost).find_first_of("%\r\n", 1);
+    const std::string_view characters = text.substr(0, std::min(end, kMost));
     text.remove_prefix(characters.size());
     return {.text = characters};
 }

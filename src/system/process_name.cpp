@@ -67,6 +67,12 @@ DWORD copyName(std::string_view name, char* buffer) {
     return static_cast<DWORD>(name.size());
 }
 
+/// Of an empty name.
+DWORD storeNothing(char* buffer, DWORD size) {
+    if (size > 0) *buffer = '\0';
+    return 0;
+}
+
 bool someProcessIsCalled(const CKZString& name) {
     std::vector<DWORD> ids(kFirstCapacity);
     auto walk = traiklofox::system::walkProcesses(ids);
@@ -94,7 +100,8 @@ DWORD GetModuleBaseName(Handle* process, void*, char* buffer, DWORD size) {
     try {
         const CKZString name = nameOf(process, kShortName);
         // A name of just this length is copied, too, although its NUL is then one too many.
-        return name.empty() || name.size() > size ? 0 : copyName(name, buffer);
+        if (name.empty()) return storeNothing(buffer, size);
+        return name.size() > size ? 0 : copyName(name, buffer);
     } catch (const std::bad_alloc&) {
         return 0;
     }
@@ -104,6 +111,7 @@ DWORD GetModuleFileNameEx(Handle* process, void*, char* buffer, DWORD size) {
     if (buffer == nullptr) return 0;
     try {
         const CKZString path = nameOf(process, kFullPath);
+        if (path.empty()) return storeNothing(buffer, size);
         if (path.size() > size) return 0;
         const size_t slash = path.rfind('/');
         std::string_view name = path;

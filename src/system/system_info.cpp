@@ -26,7 +26,14 @@ namespace {
 
 constexpr bool k32Bit = sizeof(void*) == 4;
 constexpr ULONG_PTR kLowestAddress = 0x10000;
-constexpr ULONG_PTR kHighestAddress = k32Bit ? 0xBFFFFFFF : static_cast<ULONG_PTR>(0x7FFFFFFFFFFF);
+
+/// Of a 32-bit process: all but two pages on a 64-bit kernel, which puts the stack at the end; else three quarters.
+ULONG_PTR highestAddress() {
+    constexpr ULONG_PTR kThreeQuarters = 0xBFFFFFFF;
+    if (!k32Bit) return static_cast<ULONG_PTR>(0x7FFFFFFFFFFF);
+    const char onStack = 0;
+    return reinterpret_cast<ULONG_PTR>(&onStack) > kThreeQuarters ? 0xFFFFDFFF : kThreeQuarters;
+}
 
 ControlGroups groups() {
     return ControlGroups(textOfFile("/proc/self/cgroup"));
@@ -65,8 +72,9 @@ void applyGroup(Memory& memory) {
         memory.available = std::min(memory.available, limits->limit - std::min(limits->limit, limits->used));
     }
     if (const auto swap = group.swap()) {
-        memory.swapTotal = std::min(memory.swapTotal, *swap);
-        memory.swapAvailable = std::min(memory.swapAvailable, *swap);
+        memory.swapTotal = std::min(memory.swapTotal, swap->limit);
+        memory.swapAvailable =
+            std::min(memory.swapAvailable, swap->limit - std::min(swap->limit, swap->used));
     }
 }
 
@@ -83,7 +91,7 @@ bool readMemory(Memory& memory) {
     memory.swapAvailable = bytesBehind(machine, "SwapFree:");
     applyGroup(memory);
     struct rlimit limit {};
-    memory.virtualTotal = kHighestAddress - kLowestAddress + 1;
+    memory.virtualTotal = highestAddress() - kLowestAddress + 1;
     if (::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY)
         memory.virtualTotal = std::min<std::uint64_t>(memory.virtualTotal, limit.rlim_cur);
     const std::uint64_t used = bytesBehind(textOfFile("/proc/self/status"), "VmSize:");
@@ -140,7 +148,7 @@ void GetSystemInfo(LPSYSTEM_INFO info) {
     info->dwPageSize = static_cast<DWORD>(::sysconf(_SC_PAGESIZE));
     info->dwAllocationGranularity = info->dwPageSize;
     info->lpMinimumApplicationAddress = reinterpret_cast<LPVOID>(kLowestAddress);
-    info->lpMaximumApplicationAddress = reinterpret_cast<LPVOID>(kHighestAddress);
+    info->lpMaximumApplicationAddress = reinterpret_cast<LPVOID>(highestAddress());
     info->dwNumberOfProcessors = 1;
     info->dwActiveProcessorMask = 1;
     (void)systemCall([&] {  // what cannot be told stays as it is

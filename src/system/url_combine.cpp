@@ -36,7 +36,8 @@ std::string canonicalPath(const UrlParts& parts, DWORD flags) {
     if (parts.isOpaque()) return escaped(path, flags);
     std::ranges::replace(path, '\\', '/');
     if (parts.hasAuthority && path.empty()) path = "/";
-    if (path.starts_with('/') && (flags & ICU_NO_META) == 0) path = withoutDots(path);
+    const bool isWhole = path.starts_with('/') || !parts.scheme.empty();
+    if (isWhole && (flags & ICU_NO_META) == 0) path = withoutDots(path);
     return escaped(path, flags);
 }
 

@@ -217,18 +217,23 @@ bool isUnreserved(char character) {
 }
 
 std::string withoutDots(std::string_view path) {
-    std::vector<std::string_view> kept;
+    std::vector<std::string_view> kept;  // each with the "/" before it
+    if (!path.starts_with('/')) {
+        while (path.starts_with("./") || path.starts_with("../")) path.remove_prefix(path.find('/') + 1);
+        if (path == "." || path == "..") return {};
+        kept.push_back(path.substr(0, path.find('/')));
+        path.remove_prefix(kept.back().size());
+    }
     bool endsInDirectory = false;
-    for (size_t begin = 1; begin <= path.size();) {
-        const size_t end = std::min(path.find('/', begin), path.size());
-        const std::string_view segment = path.substr(begin, end - begin);
-        endsInDirectory = segment == "." || segment == "..";
-        if (segment == ".." && !kept.empty()) kept.pop_back();
+    while (!path.empty()) {
+        const std::string_view segment = path.substr(0, path.find('/', 1));
+        endsInDirectory = segment == "/." || segment == "/..";
+        if (segment == "/.." && !kept.empty()) kept.pop_back();
         if (!endsInDirectory) kept.push_back(segment);
-        begin = end + 1;
+        path.remove_prefix(segment.size());
     }
     std::string resolved;
-    for (const std::string_view segment : kept) resolved.append("/").append(segment);
+    for (const std::string_view segment : kept) resolved += segment;
     if (endsInDirectory) resolved += '/';
     return resolved;
 }

@@ -81,7 +81,7 @@ std::string withEscapes(std::string_view text, IsEscaped isEscaped) {
     return escaped;
 }
 
-/// A path that begins with "/", with its "." and ".." resolved.
+/// A path with its "." and ".." resolved, as RFC 3986 has it in 5.2.4.
 std::string withoutDots(std::string_view path);
 
 }  // namespace traiklofox::system

@@ -130,6 +130,9 @@ TEST(FormatMessage, MessageFitsOrNothingIsStored) {
     EXPECT_EQ(withArray("%1", {at(longest.c_str())}), longest);
     for (const std::string& text : {longest + "x", "x%1"s, "x%2!65535d!"s, "%2!65535d!%2!65535d!"s})
         EXPECT_EQ(withArray(text, {at(longest.c_str()), 1}), kTooLong) << text.size();
+    std::string words(10'000'000, ' ');  // to be found too long before its millions of lines are broken
+    for (size_t i = 0; i < words.size(); i += 3) words[i] = 'a';
+    EXPECT_EQ(withArray(words, {}, /*width=*/1), kTooLong);
 
     char* message = nullptr;
     const DWORD flags = kString | FORMAT_MESSAGE_ALLOCATE_BUFFER;

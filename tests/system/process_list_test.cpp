@@ -195,6 +195,7 @@ TEST(ModuleName, ObeysTheDocumentedBounds) {
         EXPECT_EQ(std::string(buffer, 9), result == 4 ? std::string("prog\0####", 9) : "#########") << size;
         EXPECT_EQ(function(process.get(), nullptr, nullptr, size) + function(gone.get(), nullptr, buffer, 9),
                   0u);
+        EXPECT_EQ(*buffer, '\0') << "of a process that is gone";
     }
     char own[MAX_PATH];
     const std::string self = fs::read_symlink("/proc/self/exe").filename();

@@ -190,7 +190,8 @@ TEST(CombineUrl, RelativeUrlsAreResolvedAsTheStandardHasIt) {
         {"g;x=1/../y", "http://a/b/c/y"}, {"g?y/../x", "http://a/b/c/g?y/../x"}, {"\\g", "http://a/g"},
         {"g", "http://a/g", "http://a"}, {"gg:h", "gg:h", "http://a/b"}, {"//g", "http://g/", "http://a/b"},
         {"//h:x", kInvalid, "http://a/b"}, {"g", kInvalid, "mailto:a@b"}, {"g", kInvalid, "b/c"},
-        {nullptr, kInvalid, "http://a"}};
+        {"../d", "foo:a/d", "foo:a/b/c"}, {"./../../d", "foo:/d", "foo:a/b/c"}, {"./d/..", "foo:/", "foo:a"},
+        {"../d/.", "foo:d/", "foo:a"}, {"..", "foo:", "foo:a"}, {nullptr, kInvalid, "http://a"}};
     // clang-format on
     for (const auto& row : kCases)
         EXPECT_EQ(made([&](char* buffer, DWORD* length) {
