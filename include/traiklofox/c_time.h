@@ -4,8 +4,7 @@
 ///
 /// Objects are plain values; a thread may use one at a time. A time that `time_t` cannot hold (on 32-bit x86, before
 /// December 1901 or after January 2038) makes the member that should hold it throw `CDateTimeException`
-/// "Time is out of
-/// range"; the object is then as it was.
+/// "Time is out of range"; so does a length of time that 64 bits cannot hold. The object is then as it was.
 
 #include <traiklofox/strings.h>
 #include <traiklofox/types.h>
@@ -61,8 +60,9 @@ class TRAIKLOFOX_API CTime {
     CTime(int year, int month, int day, int hour, int minute, int second, int isDaylight = -1);
     /// The same; milliseconds and the day of the week are ignored.
     CTime(const _SYSTEMTIME& date, int isDaylight = -1);
-    /// UTC; the fraction of a second is dropped.
-    CTime(const _FILETIME& time);
+    /// UTC; the fraction of a second is dropped. `isDaylight`, which callers of MFC's class may give, is ignored: UTC
+    /// has no daylight saving time.
+    CTime(const _FILETIME& time, int isDaylight = -1);
 
     /// Now.
     static CTime GetCurrentTime();
@@ -92,7 +92,7 @@ class TRAIKLOFOX_API CTime {
     CString Format(const char* format) const;
     CString FormatGmt(const char* format) const;
 
-    CTimeSpan operator-(CTime other) const { return CTimeSpan(LONGLONG{m_time} - other.m_time); }
+    CTimeSpan operator-(CTime other) const;
     CTime operator+(CTimeSpan span) const;
     CTime operator-(CTimeSpan span) const;
     CTime& operator+=(CTimeSpan span) { return *this = *this + span; }

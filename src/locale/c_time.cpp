@@ -77,7 +77,7 @@ CTime::CTime(int year, int month, int day, int hour, int minute, int second, int
 CTime::CTime(const _SYSTEMTIME& date, int isDaylight)
     : CTime(date.wYear, date.wMonth, date.wDay, date.wHour, date.wMinute, date.wSecond, isDaylight) {}
 
-CTime::CTime(const _FILETIME& time) : m_time(checked(FileTime2longlong(time), "CTime::CTime")) {}
+CTime::CTime(const _FILETIME& time, int) : m_time(checked(FileTime2longlong(time), "CTime::CTime")) {}
 
 CTime CTime::GetCurrentTime() {
     return traiklofox::sys::wallSeconds();
@@ -149,6 +149,10 @@ CString CTime::Format(const char* format) const {
 CString CTime::FormatGmt(const char* format) const {
     tm fields{};
     return GetGmtTm(&fields) != nullptr ? formatFields(format, fields) : CString();
+}
+
+CTimeSpan CTime::operator-(CTime other) const {
+    return differenceOf(m_time, other.m_time, "CTime::operator-");
 }
 
 CTime CTime::operator+(CTimeSpan span) const {

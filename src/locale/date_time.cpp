@@ -24,8 +24,15 @@ double linear(DATE value) {
 }
 
 DATE fromLinear(double value) {
-    const double days = std::floor(value);
-    return days < 0 ? days - (value - days) : value;
+    constexpr double kHalfSecond = 0.5 / kSecondsPerDay;
+    double days = std::floor(value);
+    double fraction = value - days;
+    // Reading a value rounds it away from day 0: what is nearly midnight would become the day before.
+    if (days < 0 && fraction >= 1 - kHalfSecond) {
+        days += 1;
+        fraction = 0;
+    }
+    return days < 0 ? days - fraction : days + fraction;
 }
 
 bool isInRange(DATE value) {

@@ -10,7 +10,7 @@ CString formatFields(const char* format, const tm& fields) {
     // With a blank behind it no text is empty, so that 0 means that the room was too small.
     const std::string withBlank = std::string(format) + " ";
     std::string text;
-    for (size_t room = 128; room <= kLongest; room *= 4) {
+    for (const size_t room : {size_t{128}, size_t{8192}, kLongest + sizeof " "}) {
         text.resize(room);
         const size_t length = strftime(text.data(), room, withBlank.c_str(), &fields);
         if (length == 0) continue;

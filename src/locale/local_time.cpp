@@ -26,7 +26,9 @@ LONGLONG offsetAt(LONGLONG unixSeconds) {
 }  // namespace
 
 LONGLONG localSecondsAt(LONGLONG unixSeconds) {
-    return unixSeconds + offsetAt(unixSeconds);
+    constexpr LONGLONG kFarAway =
+        1'000'000'000'000'000;  // from any date that has a name: sums cannot overflow
+    return std::clamp(unixSeconds, -kFarAway, kFarAway) + offsetAt(unixSeconds);
 }
 
 LONGLONG unixSecondsAt(LONGLONG localSeconds) {

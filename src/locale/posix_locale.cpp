@@ -1,7 +1,9 @@
 #include "locale/posix_locale.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 namespace traiklofox::locale {
@@ -37,10 +39,13 @@ locale_t findWithAnyEncoding(std::string_view name, int mask) {
 PosixLocale PosixLocale::find(const char* name, int mask) {
     PosixLocale locale;
     mask |= LC_CTYPE_MASK;
-    locale.locale_.reset(findWithAnyEncoding(name, mask));
-    for (const Renamed& renamed : kRenamed)
-        if (!locale && renamed.listed == name)
-            locale.locale_.reset(findWithAnyEncoding(renamed.present, mask));
+    const std::string_view own = name;
+    const auto* const renamed = std::ranges::find(kRenamed, own, &Renamed::listed);
+    const std::string_view other = renamed != std::end(kRenamed) ? renamed->present : own;
+    // Where the C library has no such modifier it gives the locale without one, which is another language.
+    const bool otherFirst = own.find('@') != std::string_view::npos;
+    locale.locale_.reset(findWithAnyEncoding(otherFirst ? other : own, mask));
+    if (!locale && other != own) locale.locale_.reset(findWithAnyEncoding(otherFirst ? own : other, mask));
     return locale;
 }
 
