@@ -16,6 +16,7 @@
 #include "files/watch_list.h"
 #include "files/watch_text.h"
 #include "foundation/mutex.h"
+#include "foundation/sys.h"
 
 using traiklofox::files::NotificationState;
 using traiklofox::files::WatchedHandle;
@@ -74,17 +75,23 @@ void signalAll(const std::vector<WatchedHandle>& handles) {
     }
 }
 
+/// By a clock that nobody sets.
+ULONGLONG monotonicMs() {
+    const timespec now = traiklofox::sys::monotonic();
+    return static_cast<ULONGLONG>(now.tv_sec) * 1000 + static_cast<ULONGLONG>(now.tv_nsec) / 1'000'000;
+}
+
 /// Returns how long it took, in milliseconds.
 ULONGLONG scanOnce(bool (*deviceTest)(ULONGLONG device)) {
-    const ULONGLONG start = GetMilliTime();
+    const ULONGLONG start = monotonicMs();
     ULONGLONG elapsed = 0;
     try {
         const std::vector<WatchedHandle> handles = traiklofox::files::listedHandles();
         scanAll(handles, deviceTest);
-        elapsed = GetMilliTime() - start;
+        elapsed = monotonicMs() - start;
         signalAll(handles);
     } catch (const std::bad_alloc&) {
-        elapsed = GetMilliTime() - start;  // what was missed is found by the next one
+        elapsed = monotonicMs() - start;  // what was missed is found by the next one
     }
     return elapsed;
 }

@@ -219,7 +219,8 @@ constexpr long long kNanosecondsPerSecond = 1'000'000'000;
 
 enum class WallClock { Real, Ahead, Stopped };
 constinit std::atomic<WallClock> wallClock{WallClock::Real};
-constinit std::atomic<long long> wallNanoseconds{0};  // the lead, or the time at which it stands
+constinit std::atomic<long long> wallNanoseconds{0};   // the lead, or the time at which it stands
+constinit std::atomic<long long> monotonicSeconds{0};  // at which that clock stands; 0: it runs
 
 timespec toTimespec(long long nanoseconds) {
     long long seconds = nanoseconds / kNanosecondsPerSecond;
@@ -246,9 +247,15 @@ timespec fakeWallClock(const timespec& real) {
     return real;
 }
 
+timespec fakeMonotonic(const timespec& real) {
+    const long long seconds = monotonicSeconds.load();
+    return seconds != 0 ? toTimespec(seconds * kNanosecondsPerSecond) : real;
+}
+
 }  // namespace faults
 
 FakeTime::~FakeTime() {
+    faults::monotonicSeconds.store(0);
     faults::wallClock.store(faults::WallClock::Real);
 }
 
@@ -265,6 +272,10 @@ void FakeTime::runAhead(long long seconds, long nanoseconds) {
 void FakeTime::advance(long long seconds, long nanoseconds) {
     if (faults::wallClock.load() == faults::WallClock::Real) runAhead(0);
     faults::wallNanoseconds.fetch_add(seconds * faults::kNanosecondsPerSecond + nanoseconds);
+}
+
+void FakeTime::stopMonotonicAt(long long seconds) {
+    faults::monotonicSeconds.store(seconds);
 }
 
 }  // namespace traiklofox::test

@@ -100,8 +100,8 @@ int failEveryCall(faults::Call call, int error,
                   const std::function<void(const FailCall& fault, int onCall)>& body,
                   faults::Options options = {}, int limit = 1000);
 
-/// Controls what the tested code reads from `time`, `gettimeofday` and `clock_gettime(CLOCK_REALTIME)`. The
-/// monotonic clock, sleeps and waits go by real time. One at a time.
+/// Controls what the tested code reads from `time`, `gettimeofday` and `clock_gettime(CLOCK_REALTIME)`. Sleeps and
+/// waits go by real time; so does the monotonic clock unless it is stopped. One at a time.
 class FakeTime {
   public:
     FakeTime() = default;
@@ -115,6 +115,8 @@ class FakeTime {
     void runAhead(long long seconds, long nanoseconds = 0);
     /// Moves the wall clock, stopped or running, by so much from where it is.
     void advance(long long seconds, long nanoseconds = 0);
+    /// The monotonic clock stands still at this time.
+    void stopMonotonicAt(long long seconds);
 };
 
 }  // namespace traiklofox::test

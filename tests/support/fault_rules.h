@@ -33,5 +33,7 @@ Verdict judge(Call call, const Target& target);
 
 /// The wall clock's reading when a FakeTime rules, from the real one.
 timespec fakeWallClock(const timespec& real);
+/// Likewise of the monotonic clock.
+timespec fakeMonotonic(const timespec& real);
 
 }  // namespace traiklofox::test::faults

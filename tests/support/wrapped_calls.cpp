@@ -275,6 +275,7 @@ decltype(clock_gettime) __real_clock_gettime;
 int __wrap_clock_gettime(clockid_t clock, timespec* result) {
     const int status = __real_clock_gettime(clock, result);
     if (status == 0 && clock == CLOCK_REALTIME) *result = traiklofox::test::faults::fakeWallClock(*result);
+    if (status == 0 && clock == CLOCK_MONOTONIC) *result = traiklofox::test::faults::fakeMonotonic(*result);
     return status;
 }
 int __wrap_gettimeofday(timeval* result, void*) {
