@@ -112,7 +112,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("change records") ChangeNotificationH
     void Clear();
 
     /// Enters and leaves the section that guards everything here. It is recursive. Call nothing but this handle's
-    /// members meanwhile.
+    /// getters and setters meanwhile: `GetChangeData` waits for a scan, which waits for this section.
     void Lock() TRAIKLOFOX_ACQUIRE();
     void Unlock() TRAIKLOFOX_RELEASE();
 
@@ -233,7 +233,8 @@ struct WatchDirsCallbacks {
 /// hours sets the changed flag of the directory's handles.
 ///
 /// Each handle that is signalled is shown on standard error under "Abt2Signal:". Lacking memory, it leaves the rest
-/// of a scan to the next one.
+/// of a scan to the next one. Every level of a subtree takes some hundred bytes of stack: give the thread one of
+/// the default size.
 TRAIKLOFOX_API DWORD WatchDirsThread(void* callbacks);
 
 /// Set by the scanner when it ends, or by the application: scans stop reading, and report nothing as gone.

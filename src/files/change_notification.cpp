@@ -37,34 +37,54 @@ struct ReadRequest {
     LPOVERLAPPED_COMPLETION_ROUTINE routine;
 };
 
-/// Sets the handle up; true when records were left over.
-bool prepareReading(ChangeNotificationHandle& handle, const ReadRequest& request) {
+/// Sets the handle up, in one step: another thread may be delivering to the former request's buffer.
+void prepareReading(ChangeNotificationHandle& handle, const ReadRequest& request) {
     NotificationState& state = NotificationState::of(handle);
     auto records = std::make_unique<NotifyRecords>();
     std::unique_ptr<CompletionCall> completion;
     if (request.routine != nullptr)
-        completion = std::make_unique<CompletionCall>(
-            CompletionCall{request.routine, HandleRef<Thread>(static_cast<Thread*>(GetCurrentThread())), {}});
-    const bool hasOwnBuffer = request.buffer == nullptr && state.hasOwnBuffer();
-    if (!hasOwnBuffer) handle.SetBuffer(request.buffer);
-    if (!hasOwnBuffer || handle.GetBufSize() < request.size) handle.SetBufSize(request.size);
+        completion = std::make_unique<CompletionCall>(CompletionCall{
+            request.routine, HandleRef<Thread>(static_cast<Thread*>(GetCurrentThread())), {}, 0});
+    HandleRef<Handle> auxEvent;  // what is replaced is let go without the lock
+    std::unique_ptr<std::byte[]> ownBuffer;
+    const LockGuard guard(state);
+    const bool keepsOwnBuffer = request.buffer == nullptr && state.buffer == nullptr &&
+                                state.ownBuffer != nullptr && state.bufferSize >= request.size;
+    if (!keepsOwnBuffer) {
+        state.buffer = request.buffer;
+        state.bufferSize = request.size;
+        ownBuffer = std::move(state.ownBuffer);
+    }
     if (request.overlapped != nullptr) {
         Handle* event = request.overlapped->hEvent;
-        if (!traiklofox::kernel::isNone(event)) event->Reset();
-        handle.SetAuxEvent(traiklofox::kernel::isNone(event) ? nullptr : event);
+        if (!traiklofox::kernel::isNone(event)) {
+            event->Reset();
+            auxEvent = HandleRef<Handle>(event);
+        }
+        std::swap(state.auxEvent, auxEvent);
         request.overlapped->Internal = STATUS_PENDING;
         request.overlapped->InternalHigh = 0;
     }
-    const LockGuard guard(state);
     state.watchSubtree = request.watchSubtree != 0;
     state.filter = request.filter;
     state.overlapped = request.overlapped;
     if (request.overlapped != nullptr && state.key == 0)
         state.key = reinterpret_cast<ULONG_PTR>(request.overlapped->Pointer);
+    ++state.request;
+    if (completion != nullptr) completion->request = state.request;
     std::swap(state.completion, completion);
     state.isReading = true;
     if (state.records == nullptr) state.records = std::move(records);
-    return !state.records->empty();
+}
+
+/// Signals a handle that has records already. A scan that finds more from now on does so itself.
+void signalLeftOver(ChangeNotificationHandle& handle) {
+    NotificationState& state = NotificationState::of(handle);
+    const LockGuard guard(state);
+    if (state.records == nullptr || state.records->empty()) return;
+    state.isHearsay = false;
+    state.pending.store(1);
+    handle.Signal();
 }
 
 /// The last owner has closed the handle: nothing is delivered any more, and nobody waits for it.
@@ -155,17 +175,14 @@ BOOL ReadDirectoryChanges(Handle* handle, void* buffer, DWORD size, BOOL watchSu
     if (notification == nullptr) return FALSE;
     if (bytes != nullptr) *bytes = 0;
     try {
-        const bool areLeft = prepareReading(*notification, {.buffer = buffer,
-                                                            .size = size,
-                                                            .watchSubtree = watchSubtree,
-                                                            .filter = filter,
-                                                            .overlapped = overlapped,
-                                                            .routine = completionRoutine});
+        prepareReading(*notification, {.buffer = buffer,
+                                       .size = size,
+                                       .watchSubtree = watchSubtree,
+                                       .filter = filter,
+                                       .overlapped = overlapped,
+                                       .routine = completionRoutine});
         WatchDir(notification->GetPath(), notification);
-        if (areLeft) {
-            notification->SetPending(1);
-            notification->Signal();
-        }
+        signalLeftOver(*notification);
         return TRUE;
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;

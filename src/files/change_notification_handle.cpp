@@ -30,7 +30,8 @@ void deliverToCaller(void* completionCall, void*, void*) {
     _OVERLAPPED* overlapped = nullptr;
     {
         const LockGuard guard(state);
-        if (state.isClosed() || !state.isReading) return;
+        // Delivered meanwhile in another way; perhaps something else has been asked for since.
+        if (state.isClosed() || !state.isReading || state.request != mine->request) return;
         overlapped = state.overlapped;
     }
     DWORD bytes = 0;
@@ -81,16 +82,19 @@ Event* ChangeNotificationHandle::GetSynch(int& signaled) {
 
 BOOL ChangeNotificationHandle::Signal() {
     std::unique_ptr<CompletionCall> call;
+    HandleRef<Thread> thread;
     const LockGuard guard(*self);
     self->state.store(1);
     if (self->auxEvent) self->auxEvent->Set();
     Handle::Signal();
     for (const HandleRef<Event>& event : self->portEvents) event->Set();
+    if (self->isHearsay) return 1;  // nothing to deliver
     call = std::move(self->completion);
-    if (call != nullptr && call->thread->GetState() != THREAD_FINISHED) {
+    if (call == nullptr) return 1;
+    thread = std::move(call->thread);
+    if (thread->GetState() != THREAD_FINISHED) {
         call->handle = HandleRef<ChangeNotificationHandle>(this);
-        Thread& thread = *call->thread;
-        thread.QueueAPC(deliverToCaller, call.release(), nullptr, nullptr);
+        thread->QueueAPC(deliverToCaller, call.release(), nullptr, nullptr);
     }
     return 1;
 }
@@ -104,6 +108,7 @@ BOOL ChangeNotificationHandle::GetChangeData(DWORD* bytes, ULONG_PTR* key) {
     (void)FindCloseChangeNotification(this, /*keep=*/1);  // says nothing
     Clear();
 
+    std::unique_ptr<CompletionCall> completion;  // let go without the lock
     const LockGuard guard(*self);
     if (self->records == nullptr) return 0;
     size_t room = self->bufferSize;
@@ -126,7 +131,7 @@ BOOL ChangeNotificationHandle::GetChangeData(DWORD* bytes, ULONG_PTR* key) {
     if (key != nullptr) *key = self->key;
     self->lastDelivered = *bytes;
     self->isReading = false;
-    self->completion.reset();
+    completion = std::move(self->completion);
     if (self->overlapped != nullptr) {
         self->overlapped->Internal = 0;
         self->overlapped->InternalHigh = *bytes;

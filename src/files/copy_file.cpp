@@ -61,6 +61,7 @@ bool copy(const char* from, const char* to, bool failIfExists) {
 
     const bool copied = copyContent(source, destination, status.stx_blksize);
     const int error = errno;
+    (void)destination.Flush();  // writing takes mode bits away, too; closing tells if it failed
     if (!bRunningInServer) giveOwnerAndMode(destination, status);
     const bool written = destination.CloseAndUnLockFile() != FALSE;
     if (!copied) errno = error;

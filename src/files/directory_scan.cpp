@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "files/file_attributes.h"
 #include "files/file_status.h"
@@ -95,7 +96,7 @@ class Scan {
     }
 
     void run(bool (*deviceTest)(ULONGLONG device)) {
-        const Directory directory(sys::opendir(path_.c_str()));
+        Directory directory(sys::opendir(path_.c_str()));
         struct statx status;
         if (directory == nullptr || sys::fstat(::dirfd(directory.get()), &status) != 0) return;
         const bool isTrusted = deviceTest == nullptr || deviceTest(deviceOf(status));
@@ -104,7 +105,7 @@ class Scan {
         noteDevice(isTrusted, status);
         const Ancestor root{nullptr, idOf(status)};
         watch_.entry.mtimeSeconds = status.stx_mtime.tv_sec;
-        readDirectory(directory, watch_.entry, root);
+        readDirectory(std::move(directory), watch_.entry, root);
     }
 
   private:
@@ -153,17 +154,17 @@ class Scan {
                 path_.resize(length);
                 --depth_;
             });
-            const Directory directory(sys::opendir(path_.c_str()));
+            Directory directory(sys::opendir(path_.c_str()));
             struct statx status;
             if (directory == nullptr || sys::fstat(::dirfd(directory.get()), &status) != 0) continue;
             const Ancestor here{&above, idOf(status)};
             if (here.isAmong(&above)) continue;
             subdirectory->mtimeSeconds = status.stx_mtime.tv_sec;
-            readDirectory(directory, *subdirectory, here);
+            readDirectory(std::move(directory), *subdirectory, here);
         }
     }
 
-    void readDirectory(const Directory& directory, DIR_ENTRY& entry, const Ancestor& here) {
+    void readDirectory(Directory directory, DIR_ENTRY& entry, const Ancestor& here) {
         Reading reading{entry, ::dirfd(directory.get())};
         ++entry.scan;
         for (;;) {
@@ -177,6 +178,7 @@ class Scan {
             Purge_Dir_Entry(reading);
             entry.flags &= ~DIR_ENTRY::kNew;
         }
+        directory.reset();
         if (wantsSubtree_) scanBelow(entry, here);
     }
 
@@ -253,6 +255,7 @@ class Scan {
     void noteMarker(const struct statx& status) {
         if (sys::wallSeconds() - status.stx_mtime.tv_sec > kYoungMarkerSeconds) return;
         for (const Listener& listener : listeners_) {
+            if (!hears(listener)) continue;
             const LockGuard guard(*listener.state);
             listener.state->changed = 1;
         }

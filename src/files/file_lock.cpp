@@ -172,7 +172,10 @@ BOOL FileLock::OpenAndLockFile(const char* fileName, int mode, int* already, int
         failToOpen(error);
         return FALSE;
     }
-    if (!locks) return FALSE;
+    if (!locks) {
+        if (count != 0) openCount = 1;
+        return FALSE;
+    }
 
     if (!lockWholeFile(F_LOCK)) {
         const int error = errno;

@@ -22,8 +22,9 @@ class DirectoryWatch;
 /// Who has asked to be called when changes have come. On its way to that thread it owns itself.
 struct CompletionCall {
     LPOVERLAPPED_COMPLETION_ROUTINE routine;
-    HandleRef<Thread> thread;
+    HandleRef<Thread> thread;  // until it is on its way: the thread's queue then holds the call
     HandleRef<ChangeNotificationHandle> handle;  // once on its way
+    unsigned request;                            // the number of the request that it answers
 };
 
 class TRAIKLOFOX_CAPABILITY("change records") NotificationState {
@@ -47,10 +48,6 @@ class TRAIKLOFOX_CAPABILITY("change records") NotificationState {
         return state.exchange(0) != 0 || wasPending;
     }
     bool isSignaled() const { return pending.load() != 0 || state.load() != 0; }
-    bool hasOwnBuffer() {
-        const foundation::LockGuard guard(*this);
-        return buffer == nullptr && ownBuffer != nullptr;
-    }
     bool isClosed() const { return owners.load() <= 0; }
 
     // Changed with the lock held; looked at without.
@@ -72,6 +69,7 @@ class TRAIKLOFOX_CAPABILITY("change records") NotificationState {
     ULONG_PTR key TRAIKLOFOX_GUARDED_BY(this) = 0;
     _OVERLAPPED* overlapped TRAIKLOFOX_GUARDED_BY(this) = nullptr;
     bool isReading TRAIKLOFOX_GUARDED_BY(this) = false;  // asked for changes that are not delivered yet
+    unsigned request TRAIKLOFOX_GUARDED_BY(this) = 0;    // how many have been made
     DWORD lastDelivered TRAIKLOFOX_GUARDED_BY(this) = 0;
     std::unique_ptr<CompletionCall> completion TRAIKLOFOX_GUARDED_BY(this);
     HandleRef<Handle> auxEvent TRAIKLOFOX_GUARDED_BY(this);

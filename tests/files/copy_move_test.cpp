@@ -89,16 +89,21 @@ TEST_F(CopyFileTest, RefusalsHaveAReasonAndLeaveBothWhole) {
 TEST_F(CopyFileTest, KeepsModeAndOwnerOutsideTheServerOnlyAndWhereItMay) {
     ::umask(022);
     writeText(from_, "content");
-    const bool isRoot = ::geteuid() == 0 && ::chown(from_.c_str(), 4711, 4712) == 0;
+    const uid_t user = ::geteuid();
+    const bool isRoot = user == 0 && ::chown(from_.c_str(), 4711, 4712) == 0;
     ASSERT_EQ(::chmod(from_.c_str(), 04751), 0);
-    for (const bool inServer : {true, false}) {
+    ASSERT_EQ(::chmod(directory_.path().c_str(), 0777), 0);
+    for (const auto& [inServer, asOwner] : {std::pair{true, false}, {false, false}, {false, true}}) {
         ::unlink(to_.c_str());
         bRunningInServer = inServer;
+        ASSERT_EQ(::seteuid(isRoot && asOwner ? 4711 : user), 0);
         EXPECT_TRUE(copy());
+        ASSERT_EQ(::seteuid(user), 0);
         struct stat copied {};
         ASSERT_EQ(::stat(to_.c_str(), &copied), 0);
-        EXPECT_EQ(copied.st_mode & 07777, inServer ? 0644u : 04751u) << "a change of owner takes bits away";
-        EXPECT_EQ(copied.st_uid, isRoot && !inServer ? 4711u : ::geteuid());
+        EXPECT_EQ(copied.st_mode & 07777, inServer ? 0644u : 04751u)
+            << "a change of owner takes bits away, and so does writing for all but root";
+        EXPECT_EQ(copied.st_uid, isRoot && !inServer ? 4711u : user);
     }
     const FailCall owner{Call::Fchown, EPERM}, mode{Call::Fchmod, EPERM};
     EXPECT_TRUE(copy());

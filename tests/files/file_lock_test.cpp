@@ -160,6 +160,12 @@ TEST_F(FileLockOpening, CountedOpensNeedAsManyClosesAndUncountedOnesReplaceEachO
             file.CloseFile();
         EXPECT_EQ(file.GetFileDescriptor(), -1);
     }
+    EXPECT_FALSE(
+        file.OpenAndLockFile(path_.c_str(), FileLock::out, nullptr, 1));  // open and counted, not locked
+    EXPECT_TRUE(file.WriteLine("kept", 4) && file.Flush());
+    EXPECT_TRUE(file.OpenAndLockFile(path_.c_str(), FileLock::out, nullptr, 1));
+    EXPECT_TRUE(file.CloseAndUnLockFile() && file.CloseAndUnLockFile());
+    EXPECT_EQ(readText(path_), "kept");
     EXPECT_EQ(open(path_, 0) + open(other, 0), 0);
     EXPECT_TRUE(!isLocked(path_) && isLocked(other));
     EXPECT_EQ(openDescriptors(), before + 1);

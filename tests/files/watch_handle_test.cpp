@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <future>
 
 #include "files/directory_handle.h"
 #include "files/watch_fixture.h"
@@ -103,6 +104,41 @@ TEST_F(WatchHandle, AnAuxiliaryEventStandsForIt) {
     EXPECT_TRUE(overlapped.Internal == 0 && overlapped.InternalHigh == bytes);
     EXPECT_EQ(stateOf(aux), WAIT_TIMEOUT);
     EXPECT_EQ(errorOf(GetOverlappedResult(handle.get(), &stranger, &bytes, TRUE)), EINVAL);
+}
+
+/// Another thread delivers at the worst moment of the next request: while the event is being reset.
+class DeliversAtReset : public Handle {
+  public:
+    explicit DeliversAtReset(ChangeNotificationHandle& handle) : Handle(1), handle_(handle) {}
+    BOOL Reset() override {
+        if (isDelivering_.exchange(true)) return 1;
+        delivery_ =
+            std::async(std::launch::async, [this] { return handle_.GetChangeData(&bytes_, nullptr); });
+        (void)delivery_.wait_for(std::chrono::milliseconds(50));
+        return 1;
+    }
+    DWORD delivered() { return delivery_.get() ? bytes_ : 0; }
+
+  private:
+    ChangeNotificationHandle& handle_;
+    std::atomic<bool> isDelivering_ = false;
+    DWORD bytes_ = 0;
+    std::future<BOOL> delivery_;
+};
+
+TEST_F(WatchHandle, ARequestIsMadeInOneStep) {
+    const OwnedHandle handle = unwatched(directory_.path());
+    const OwnedHandle event(new DeliversAtReset(directoryOf(handle)));
+    std::array<char, 200> buffer{};
+    _OVERLAPPED overlapped{};
+    overlapped.hEvent = event.get();
+    ASSERT_TRUE(ask(handle));
+    writeText(file_, "");
+    pass();
+    ASSERT_TRUE(read(handle.get(), buffer.data(), buffer.size(), &overlapped));
+    const DWORD bytes = static_cast<DeliversAtReset&>(*event).delivered();
+    EXPECT_EQ(changesIn(buffer.data(), bytes), fileAdded_);
+    EXPECT_TRUE(overlapped.Internal == 0 && overlapped.InternalHigh == bytes) << "it is the new request's";
 }
 
 TEST_F(WatchHandle, WhatDoesNotFitIsDeliveredLaterAndNothingIsOverrun) {
@@ -215,8 +251,27 @@ TEST_F(WatchHandle, ACompletionRoutineRunsInAnAlertableWait) {
     EXPECT_EQ(routineOverlapped, &overlapped);
     EXPECT_EQ(changesIn(buffer.data(), routineBytes), fileAdded_);
 
-    OwnedHandle closed = unwatched(directory_.path());  // closed before it runs, it does not run
+    // It is kept for what the handle asks for, though another has what it asks for.
     routineOverlapped = nullptr;
+    const OwnedHandle other = watching(directory_.path());
+    ASSERT_TRUE(read(handle.get(), buffer.data(), buffer.size(), &overlapped, routine));
+    pass();
+    touch(file_);
+    pass();
+    (void)SleepEx(1, /*alertable=*/TRUE);
+    EXPECT_EQ(routineOverlapped, nullptr);
+    writeText(directory_ / "file2", "");
+    pass();
+
+    // What has been delivered in another way meanwhile is not delivered in the next request's name.
+    DWORD bytes = 0;
+    EXPECT_TRUE(GetOverlappedResult(handle.get(), &overlapped, &bytes, FALSE));
+    EXPECT_EQ(changesIn(buffer.data(), bytes), (Changes{{FILE_ACTION_ADDED, "file2"}}));
+    ASSERT_TRUE(read(handle.get(), buffer.data(), buffer.size(), &overlapped, routine));
+    (void)SleepEx(1, /*alertable=*/TRUE);
+    EXPECT_EQ(routineOverlapped, nullptr);
+
+    OwnedHandle closed = unwatched(directory_.path());  // closed before it runs, it does not run
     ASSERT_TRUE(read(closed.get(), buffer.data(), buffer.size(), &overlapped, routine));
     pass();
     closed.reset();
