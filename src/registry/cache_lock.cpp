@@ -21,6 +21,8 @@ using foundation::LockRank;
 struct RegCacheLock {
     std::atomic<int> readRecursion{0};  // shared locks taken by the thread that writes
     RWLock lock{/*readerPriority=*/true, /*name=*/nullptr, /*spare=*/false};
+    // Held, for writing, by the thread that has the semaphore or is about to take it.
+    RWLock fileTurn{/*readerPriority=*/true, /*name=*/nullptr, /*spare=*/false};
     foundation::Mutex<LockRank::Leaf> nameLock;
     std::string name TRAIKLOFOX_GUARDED_BY(nameLock) = "RegistryCacheLock";
 };
@@ -41,14 +43,31 @@ bool ownsFileLock() {
     return RegLockOwner.load(std::memory_order_relaxed) == pthread_self();
 }
 
-void lockFile() {
-    if (ownsFileLock()) {
-        RegLockDepth.fetch_add(1, std::memory_order_relaxed);
-        return;
-    }
+/// For the thread whose turn it is.
+void lockFileInTurn() {
     takeSemaphore();
     RegLockOwner.store(pthread_self(), std::memory_order_relaxed);
     RegLockDepth.store(1, std::memory_order_relaxed);
+}
+
+bool lockFileAgain() {
+    if (!ownsFileLock()) return false;
+    RegLockDepth.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
+void lockFile() {
+    if (lockFileAgain()) return;
+    (void)cacheLock().fileTurn.WriteLock();
+    lockFileInTurn();
+}
+
+/// False when another thread of this process has it.
+bool tryLockFile() {
+    if (lockFileAgain()) return true;
+    if (!cacheLock().fileTurn.TryWriteLock()) return false;
+    lockFileInTurn();
+    return true;
 }
 
 bool unlockFile() {
@@ -56,13 +75,20 @@ bool unlockFile() {
     if (RegLockDepth.fetch_sub(1, std::memory_order_relaxed) > 1) return true;
     RegLockOwner.store(0, std::memory_order_relaxed);
     giveSemaphore();
-    return true;
+    return cacheLock().fileTurn.WriteUnlock();
 }
 
 void lockExclusive() {
-    (void)cacheLock().lock.WriteLock();  // without a time limit it cannot fail
-    foundation::noteLockAcquired(LockRank::RegistryCache, &cacheLock());
-    lockFile();
+    RegCacheLock& cache = cacheLock();
+    (void)cache.lock.WriteLock();  // without a time limit it cannot fail
+    while (!tryLockFile()) {
+        // Whoever took the lock among processes alone may want this one too before he lets go.
+        (void)cache.lock.WriteUnlock();
+        (void)cache.fileTurn.WriteLock();
+        (void)cache.fileTurn.WriteUnlock();
+        (void)cache.lock.WriteLock();
+    }
+    foundation::noteLockAcquired(LockRank::RegistryCache, &cache);
 }
 
 bool unlockExclusive() {
@@ -141,6 +167,7 @@ void resetCacheInChild() {
     if (cacheLock().lock.IsWriteLockedByMe())
         foundation::noteLockReleased(LockRank::RegistryCache, &cacheLock());
     cacheLock().lock.ResetInChild();
+    cacheLock().fileTurn.ResetInChild();
     cacheLock().readRecursion.store(0, std::memory_order_relaxed);
     RegLockOwner.store(0, std::memory_order_relaxed);
     RegLockDepth.store(0, std::memory_order_relaxed);

@@ -199,6 +199,16 @@ TEST_F(Threads, TheExclusiveLockKeepsOthersAndForkedChildrenOutUntilItsLastRelea
     EXPECT_EQ(registry::ShmStruct()->lockHolder.load(), 0u);
 }
 
+TEST_F(Threads, WhoHasTheLockAmongProcessesAloneMayLookUpWhileAnotherThreadDoes) {
+    ASSERT_EQ(RegLockRegistryFile(), 1);
+    std::thread other([] { EXPECT_EQ(textAt(kExample, "Name"), "primary"); });
+    std::this_thread::sleep_for(50ms);  // a wide window for one that waits with the other lock in its hands
+    EXPECT_EQ(textAt(kExample, "Name"), "primary");
+    EXPECT_EQ(RegUnlockRegistryFile(), 1);
+    other.join();
+    EXPECT_EQ(registry::ShmStruct()->lockHolder.load(), 0u);
+}
+
 class Starting : public RegistryTest {};
 
 TEST_F(Starting, OtherThreadsAndForksWaitUntilTheFirstHasRead) {
