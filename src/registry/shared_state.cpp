@@ -125,9 +125,12 @@ int createSemaphore(key_t key, bool lockFileHeld) {
     return present;
 }
 
-int findSemaphore(key_t key) {
+int findSemaphore(key_t key, bool lockFileHeld) {
     const int present = sys::semget(key, 1, kSemaphoreMode);
-    if (present != -1) return present;
+    if (present != -1) {
+        awaitCreator(present, lockFileHeld);
+        return present;
+    }
     std::fputs("Registry semaphore doesn't exist. Exiting.\n", stderr);
     ExitProcess(1);
 }
@@ -190,9 +193,9 @@ using namespace traiklofox::registry;
 void RegInitSharedState(bool create) {
     const traiklofox::sys::UniqueFd lockFile = openLockFile(create);
     // Creators take turns, so that one that finds a semaphore half made knows its maker for dead.
-    const bool held = create && lockFile && traiklofox::sys::flock(lockFile.get(), LOCK_EX) == 0;
+    const bool held = lockFile && traiklofox::sys::flock(lockFile.get(), LOCK_EX) == 0;
     const key_t key = ftok(TRAIKLOFOX_LOCK_FILE, kProjectId);
-    RegSemId.store(create ? createSemaphore(key, held) : findSemaphore(key), std::memory_order_release);
+    RegSemId.store(create ? createSemaphore(key, held) : findSemaphore(key, held), std::memory_order_release);
     // A page attached before is kept: a look-up in another thread may be reading it.
     page.store(attachPage(key), std::memory_order_release);
 }

@@ -96,6 +96,9 @@ TEST_F(Startup, NeedsACreatorBeforeAndTheLockFileIsNeverReplaced) {
     writeText(file(), keyLine(kExample) + valueLine("Name", "read at need"));
     EXPECT_EQ(start({"0", "find"}), "read at need") << "whatever the stamps say: it has read nothing yet";
     EXPECT_EQ(start({"0", "create"}), "read at need");
+    ASSERT_EQ(::semctl(semaphore(), 0, IPC_RMID), 0);
+    ASSERT_NE(::semget(::ftok(kLockFile, 1), 1, IPC_CREAT | 0660), -1) << "left half made";
+    EXPECT_EQ(start({"0", "find"}), "read at need");
     EXPECT_EQ(::stat(kLockFile, &second), 0);
     EXPECT_EQ(first.st_ino, second.st_ino);
     // Where it cannot be made, that is said once, and work goes on.
