@@ -193,6 +193,17 @@ int writeTree() {
     }
 }
 
+namespace {
+
+/// A process in another namespace of process ids seems to have ended; but who writes such a file has it locked. Without
+/// leave to look, the id decides.
+bool isLocked(const CKZString& name) {
+    const sys::UniqueFd file(sys::open(name.c_str(), O_RDONLY | O_NONBLOCK));
+    return file ? sys::lockf(file.get(), F_TEST, 0) != 0 : errno != EACCES;
+}
+
+}  // namespace
+
 void removeStaleTemporaryFiles() {
     const CKZString directory = registryDirectory();
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(sys::opendir(directory.c_str()), sys::closedir);
@@ -200,7 +211,8 @@ void removeStaleTemporaryFiles() {
     while (const dirent* entry = sys::readdir(entries.get())) {
         const auto maker = files::processOfTemporaryName(entry->d_name);
         if (!maker || *maker == getpid() || sys::kill(*maker, 0) == 0 || errno != ESRCH) continue;
-        (void)sys::unlink((directory + entry->d_name).c_str());  // tried again by the next write
+        const CKZString name = directory + entry->d_name;
+        if (!isLocked(name)) (void)sys::unlink(name.c_str());  // tried again by the next write
     }
 }
 

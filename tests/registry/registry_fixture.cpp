@@ -1,8 +1,10 @@
 #include "registry/registry_fixture.h"
 
+#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -37,6 +39,9 @@ const std::map<std::string, Command>& peerCommands() {
         {"exists", [](const Names& w) { return to_string(keyExists(w.at(1))); }},
         {"lock", [](const Names&) { return to_string(RegLockCache(REG_LOCK_EXCLUSIVE)); }},
         {"unlock", [](const Names&) { return to_string(RegUnlockCache(REG_LOCK_EXCLUSIVE)); }},
+        {"lockFile", [](const Names& w) {
+            return to_string(::lockf(::open(w.at(1).c_str(), O_RDWR | O_CREAT, 0600), F_LOCK, 0));
+        }},
         {"setMany", [](const Names& w) {  // each written before the next; tells how many were not
             int failures = 0;
             const OpenKey key(w.at(1));

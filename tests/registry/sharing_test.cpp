@@ -111,6 +111,18 @@ TEST_F(Sharing, WhatNoStampTellsOfIsMergedAllTheSame) {
     EXPECT_EQ(inFile("v").value_or("") + inFile("x").value_or(""), "3by hand");
 }
 
+TEST_F(Sharing, ATemporaryFileIsLeftAloneWhileItIsLockedWhateverItsMakersId) {
+    const std::string name = ".kztmp.99999999.0-0";  // of a process that is not seen from here
+    {
+        Peer maker;
+        EXPECT_EQ(maker.ask({"lockFile", directory() + "/" + name}), "0");
+        EXPECT_EQ(WriteRegistry(), 1);
+        EXPECT_EQ(otherFiles(), Names{name});
+    }
+    EXPECT_EQ(WriteRegistry(), 1);
+    EXPECT_EQ(otherFiles(), Names{});
+}
+
 TEST_F(Sharing, ABumpedVersionIsReadAgainAndShown) {
     Peer peer;
     const std::uint32_t stamp = ShmStruct()->stamp.load();
