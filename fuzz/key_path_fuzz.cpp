@@ -128,11 +128,6 @@ void checkTyped(const std::string& typed) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    CKZStringPc::takeLocale();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, size_t size) {
     std::string_view rest = textOf(bytes, size);
     rest = rest.substr(0, rest.find('\0'));  // callers hand over C texts

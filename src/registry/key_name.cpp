@@ -1,7 +1,5 @@
 #include "registry/key_name.h"
 
-#include <cctype>
-
 namespace {
 
 constexpr std::array<unsigned char, 256> lowerAscii() {
@@ -13,9 +11,4 @@ constexpr std::array<unsigned char, 256> lowerAscii() {
 
 }  // namespace
 
-constinit std::array<unsigned char, 256> CKZStringPc::lower_ = lowerAscii();
-
-void CKZStringPc::takeLocale() {
-    for (size_t byte = 0; byte < lower_.size(); ++byte)
-        lower_[byte] = static_cast<unsigned char>(std::tolower(static_cast<int>(byte)));
-}
+constinit const std::array<unsigned char, 256> CKZStringPc::lower_ = lowerAscii();

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
-/// A name as the registry finds and orders it: byte by byte, letter case ignored, by the C library's `tolower` in the
-/// locale that the process had when the registry was first used. Refers to the text, which must stay where it is.
+/// A name as the registry finds and orders it: byte by byte, the case of ASCII's letters ignored: alike in every
+/// locale, since processes of different ones share the file. Refers to the text, which must stay where it is.
 class CKZStringPc {
   public:
     explicit CKZStringPc(std::string_view text) : text_(text) {}
@@ -38,11 +38,8 @@ class CKZStringPc {
     /// The byte in lower case.
     static unsigned char fold(char character) { return lower_[static_cast<unsigned char>(character)]; }
 
-    /// Takes the letters of the process's present locale. Before the first name is looked up, and never again.
-    static void takeLocale();
-
   private:
-    static std::array<unsigned char, 256> lower_;
+    static const std::array<unsigned char, 256> lower_;
 
     std::string_view text_;
 };

@@ -116,7 +116,6 @@ void ensureFile() {
 
 void start(DWORD flags, bool create) {
     const CancellationOff off;  // nobody else would finish it
-    CKZStringPc::takeLocale();
     (void)SetRegistryPath(sRealInstallPath());
     checkAccess();
     recordTemplateOwner();
