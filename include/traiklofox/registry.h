@@ -7,7 +7,8 @@
 /// when another process has written the file; a change is written at `RegCloseKey` or `RegFlushKey`, at once
 /// or, where the application runs `RegLazyWriteThread`, at that thread's next interval. The file is replaced
 /// whole, by rename, after it has reached the disk: readers see the old registry or the new one, never half
-/// of one.
+/// of one. A child of `fork` has the parent's changes that are not written yet, and may write them again, over what
+/// others have written since: flush before you fork.
 ///
 /// Every function brings the registry up first if it is not (`InitRegistry(0, true)`); see there for the
 /// files, the environment variable TWHOME and what ends the process; so does a semaphore that fails, since nothing is
@@ -76,7 +77,7 @@ struct RegValueList {
 };
 
 /// Opens an existing key. `hKey` is 0 or an open key, `lpSubKey` a path below it, components separated by
-/// "\", letter case ignored; null or empty opens `hKey`'s key again. `ulOptions` is ignored. `samDesired`:
+/// "\", ASCII letter case ignored; null or empty opens `hKey`'s key again. `ulOptions` is ignored. `samDesired`:
 /// with any of the bits 0x60000 (KEY_WRITE, KEY_ALL_ACCESS) the handle may change values. Returns 0 and the
 /// handle in `*phkResult` (close it with `RegCloseKey`), or 13: no such key, an unknown or closed `hKey`, or
 /// a null `phkResult`.
@@ -125,7 +126,8 @@ TRAIKLOFOX_C_API LONG RegQueryValueEx(HKEY hKey, const char* lpValueName, LPDWOR
 /// the file, and other processes, with the next `RegCloseKey` or `RegFlushKey` of the key. A null name is the
 /// empty one. `dwType` REG_SZ takes the NUL-terminated text at `lpData` (null: empty; `cbData` is not looked
 /// at), REG_DWORD the 4 bytes there, REG_MULTI_SZ the first `cbData` - 1 bytes (none when `cbData` is 0).
-/// Other types stay in memory with no data and are never read back from the file. Returns 0, or -1: a handle
+/// Other types stay in memory with no data, until the key goes or the file has another value of the name, and are never
+/// read back from the file. Returns 0, or -1: a handle
 /// not opened for writing, unknown, or whose key is deleted; null data for a REG_DWORD; or, reported on
 /// standard error, what the file could not hold: a line feed in the name or the data, a colon in the name, a
 /// name that begins with "#", the lower-case root word in either, a line that would be too long.
@@ -176,8 +178,8 @@ TRAIKLOFOX_C_API LONG RegDeleteKey(HKEY hKey, const char* lpSubKey);
 TRAIKLOFOX_C_API LONG RegCloseKey(HKEY hKey);
 
 /// Requests a write of a key's changes as `RegCloseKey` does, and keeps it open. Returns 0, or -1: an unknown
-/// handle, or an immediate write that failed (the changes stay marked). After a 0 without a lazy writer the
-/// change is on disk.
+/// handle, a deleted key, or an immediate write that failed (the changes stay marked). After a 0 without a lazy
+/// writer the change is on disk.
 TRAIKLOFOX_C_API LONG RegFlushKey(HKEY hKey);
 
 /// Fills the counts asked for (null pointers are skipped): subkeys, longest subkey name, values, longest
@@ -212,7 +214,7 @@ TRAIKLOFOX_API CKZString RegFormatKey(const char* lpSubKey, HKEY hKey);
 /// several handles if that sleeps until the signal: let one of them be, before you close it, or it is never freed.
 TRAIKLOFOX_C_API LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL bWatchSubtree, DWORD dwNotifyFilter,
                                               Handle* hEvent, BOOL fAsynchronous);
-/// Looks the handle up and changes nothing. Returns 0, or -1 for an unknown handle.
+/// Looks the handle up and changes nothing. Returns 0, or -1 for an unknown handle or a deleted key.
 TRAIKLOFOX_API LONG RegUnnotifyChangeKeyValue(HKEY hKey, Event* event);
 
 /// Brings the registry up; once in a process, the first call of any registry function does it. Later calls
@@ -230,7 +232,8 @@ TRAIKLOFOX_API LONG RegUnnotifyChangeKeyValue(HKEY hKey, Event* event);
 TRAIKLOFOX_API void InitRegistry(DWORD flags, bool create);
 
 /// Sets the registry path to `installPath` + "registry/tw.registry". Returns 1 if that file exists, else 0.
-/// Start-up sets it from TWHOME again.
+/// The next look-up reads it, and what is here and not written yet goes into it; while it does not exist nothing is
+/// written. Start-up sets the path from TWHOME again.
 TRAIKLOFOX_API int SetRegistryPath(CKZString installPath);
 /// The path of the registry file; brings the registry up first when it is not known yet.
 TRAIKLOFOX_API CKZString GetRegistryPath();
@@ -292,8 +295,8 @@ TRAIKLOFOX_API int RegLockCache(RegLockOp_t operation);
 TRAIKLOFOX_API int RegUnlockCache(RegLockOp_t operation);
 /// Renames the cache lock, whose name is "RegistryCacheLock" at first. The name serves diagnosis only.
 TRAIKLOFOX_API void RegSetCacheLockName(const char* name);
-/// Takes and releases only the lock among processes; nests with the exclusive cache lock. 1, or 0 when the
-/// calling thread does not hold it.
+/// Takes and releases only the lock among processes; nests with the exclusive cache lock, and its holder may look up
+/// and write. 1, or 0 when the calling thread does not hold it.
 TRAIKLOFOX_API int RegLockRegistryFile();
 TRAIKLOFOX_API int RegUnlockRegistryFile();
 

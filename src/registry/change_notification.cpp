@@ -99,7 +99,8 @@ LONG RegNotifyChangeKeyValue(HKEY hKey, BOOL, DWORD, Handle* hEvent, BOOL fAsync
 }
 
 LONG RegUnnotifyChangeKeyValue(HKEY hKey, Event*) {
-    return keyOf(hKey) ? ERROR_SUCCESS : kRegistryFailure;
+    const KeyRef key = keyOf(hKey);
+    return key && !key->isDead() ? ERROR_SUCCESS : kRegistryFailure;
 }
 
 int RegKeyWakeup(RegKey*) {

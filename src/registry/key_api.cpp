@@ -162,7 +162,7 @@ LONG RegCloseKey(HKEY hKey) {
 LONG RegFlushKey(HKEY hKey) {
     return registryCall([&]() -> LONG {
         const KeyRef key = keyOf(hKey);
-        if (!key) return kRegistryFailure;
+        if (!key || key->isDead()) return kRegistryFailure;
         return writeChanges(*key) ? ERROR_SUCCESS : kRegistryFailure;
     });
 }

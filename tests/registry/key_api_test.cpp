@@ -172,6 +172,8 @@ TEST_F(KeyApi, ADeletedKeyGoesWithAllBelowAndItsHandlesAnswerAsUnknownOnes) {
             {"open", 13, open(dead, "", &out)},
             {"create", -1, create(dead, "new", &out, &size)},
             {"delete", -1, RegDeleteKey(dead, "new")},
+            {"flush", -1, RegFlushKey(dead)},
+            {"end a notification", -1, RegUnnotifyChangeKeyValue(dead, nullptr)},
         });
         EXPECT_EQ(RegHKEYtoString(dead) + RegFormatKey("sub", dead), "") << dead;
     }
