@@ -359,6 +359,23 @@ TEST_F(WatchStress, AFileIsReportedOnceWhateverElseIsOpenedReadAndClosed) {
     EXPECT_EQ(steady->GetRefCount(), 3) << "the caller's, the scanner's and the port's";
 }
 
+TEST_F(WatchStress, AChangeThatIsFoundWhileItIsAskedForIsSignalled) {
+    const OwnedHandle handle = watching(path_);
+    bFileShutdownRequested = false;
+    std::atomic<int> scans = 0;
+    const std::jthread scanner([&](const std::stop_token& stop) {
+        for (; !stop.stop_requested(); ++scans) UnixDirScan(path_, nullptr, nullptr);
+    });
+    for (int round = 0; round < kRounds / 2; ++round) {
+        DWORD bytes = 0;
+        ASSERT_TRUE(directoryOf(handle).GetChangeData(&bytes, nullptr));  // and the scanner has it no more
+        round % 2 == 0 ? writeText(file_, "") : (void)fs::remove(file_);
+        ASSERT_TRUE(ask(handle));
+        ASSERT_TRUE(withinSeconds(20, [&, before = scans.load()] { return scans >= before + 2; }));
+        ASSERT_EQ(stateOf(handle), WAIT_OBJECT_0) << round;
+    }
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // whose own locks a fork may find taken
 
 /// In the child of a fork: its own handles work, whatever the scanner was doing.
