@@ -13,10 +13,11 @@
 /// Files of more than 256 MiB are refused (EFBIG).
 ///
 /// What a change leaves alone: comments, blank lines, the order, the blanks around "=", line ends, and the file's owner
-/// and mode, as far as the process may give them. The file is replaced by a rename once the new one is on the disk,
-/// so that readers and a crash find the old one or the new one. Changes by several threads and processes lose nothing
-/// of each other: each takes the lock of a file beside the profile, its name with ".lock" behind it, and changes what
-/// the file holds then. That file is made by the first change, and stays.
+/// and mode, as far as the process may give them. The file is replaced by a rename once the new one is on the disk, so
+/// that readers and a crash find the old one or the new one. Changes by several threads and processes lose nothing of
+/// each other: each takes the lock of a file beside the profile, its name with ".lock" behind it, and changes what the
+/// file holds then. That file is made by the first change, and stays. A process that is killed while it writes leaves a
+/// file beside them whose name begins with ".kztmp.".
 ///
 /// Each process keeps the text of the profiles that it has read, and looks whether a file has been changed (by its
 /// device, inode, size and time of change) when the system's clock has ticked since it last looked. So another
