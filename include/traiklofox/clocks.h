@@ -10,9 +10,9 @@
 /// set.
 ///               INFINITE is not special: it sleeps its 4294967 seconds.
 /// alertable     TRUE: a call queued to this thread, before or during the sleep, runs and ends it.
-/// Returns 0 after the whole time, or WAIT_IO_COMPLETION (192) when queued calls or a signal handler ended the
-/// sleep. A sleep that is not alertable always lasts the whole time, whatever signals the thread handles
-/// meanwhile. Leaves `errno` alone.
+/// A cancellation point. Returns 0 after the whole time, or WAIT_IO_COMPLETION (192) when queued calls or a
+/// signal handler ended the sleep. A sleep that is not alertable always lasts the whole time, whatever signals
+/// the thread handles meanwhile. Leaves `errno` alone.
 ///
 /// Unlike Win32: any signal handler that runs on the thread ends an alertable sleep, also, late, the library's
 /// own for a call that the thread has already run. So WAIT_IO_COMPLETION does not say that a call ran.

@@ -21,7 +21,8 @@ struct MultiWaitEntry;
 /// An event: non-signalled or signalled, auto-reset (a successful wait consumes the signal) or manual-reset.
 ///
 /// Thread safety: any thread holding a reference may call any member. Setting an event that nobody waits for,
-/// setting one that is already set, and waiting for one that is set take no lock.
+/// setting one that is already set, and waiting for one that is set take no lock. The child of a fork may use every
+/// event; the threads that waited for it wait in the parent alone.
 class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
   public:
     /// `initialData`: attached data, -1 for none. `givenName` is copied and only kept: names are never looked
@@ -102,6 +103,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
     traiklofox::kernel::MultiWaitEntry* multiWaiters
         TRAIKLOFOX_GUARDED_BY(this);  // in order of their MultiEvent
     const bool embedded;
+    std::atomic<int> generation;  // of the process that used it last; see fork_generation.h
 
     static _critsection EventLock;
 };

@@ -87,7 +87,7 @@ class TRAIKLOFOX_API Handle {
   protected:
     /// The synchronisation event, made on first need with the given reset behaviour.
     Event* synchEvent(BOOL manualReset);
-    Event* existingSynch() const { return synch.load(std::memory_order_acquire); }
+    Event* existingSynch() const { return synch.load(); }
 
   private:
     std::atomic<Event*> synch;

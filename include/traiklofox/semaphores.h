@@ -14,13 +14,14 @@
 
 namespace traiklofox::kernel {
 class ParkedThreads;
-}
+class WakeList;
+}  // namespace traiklofox::kernel
 
 /// A count between 0 and a maximum. A wait takes 1 from it, and blocks while it is 0; a release adds to it.
 ///
 /// Thread safety: any thread holding a reference may call any member. While nobody is blocked, a release and a wait
 /// are one atomic step each. Waiters are woken in the order in which they came, but whoever finds the count above 0
-/// takes from it.
+/// takes from it. The child of a fork has the count, and none of the waiters.
 class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("semaphore") Semaphore : public Handle {
   public:
     /// 0 <= `initialCount` <= `greatestCount`; `CreateSemaphore` checks it. `givenName` is copied and only kept.
@@ -66,12 +67,14 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("semaphore") Semaphore : public Handl
     void noteWaiters() TRAIKLOFOX_REQUIRES(this);
     DWORD block(const timespec* deadline, BOOL alertable);
     BOOL releaseToWaiters(LONG amount, LONG* previous);
+    LONG chooseTakers(LONG takers, traiklofox::kernel::WakeList& woken) TRAIKLOFOX_REQUIRES(this);
 
     std::atomic<DWORD> state;  // the count, and whether anybody waits; see semaphore.cpp
     const LONG maxCount;
     pthread_mutex_t lock;
     const std::unique_ptr<traiklofox::kernel::ParkedThreads> waiters TRAIKLOFOX_PT_GUARDED_BY(this);
     const std::string name;
+    std::atomic<int> generation;  // of the process that used it last; see fork_generation.h
 };
 
 /// A lock with an owner, who may take it again and releases it as often.

@@ -6,8 +6,8 @@
 /// Each *is* a `std::string` (same storage, same growth, same `npos`; copies are deep) with members and
 /// operators of its own, and the two convert to each other and from `std::string` freely. Text is bytes
 /// without an encoding; case and blanks follow the C library's character classes in the process's current
-/// locale. Wherever a `const char*` is taken, a null pointer is the empty string. One thread at a time may
-/// use a string.
+/// locale. A null `const char*` is the empty string in constructors, assignments and operators, and in members
+/// that `std::string` has not. One thread at a time may use a string.
 ///
 /// Errors are those of `std::string`: `std::out_of_range`, `std::length_error`, `std::bad_alloc`.
 
@@ -36,6 +36,11 @@ class TRAIKLOFOX_API StringBase : public std::string {
     /// The empty string, and copies of a text (null: the empty one) or of a string.
     StringBase() = default;
     StringBase(const char* text) : std::string(viewOf(text)) {}
+    StringBase(const char* text, size_type length)
+        : std::string(text != nullptr ? std::string_view(text, length) : std::string_view()) {}
+#if __cplusplus > 202002L  // whose standard string refuses it
+    StringBase(std::nullptr_t) {}
+#endif
     StringBase(const std::string& text) : std::string(text) {}
     StringBase(std::string&& text) noexcept : std::string(std::move(text)) {}
 
@@ -78,6 +83,10 @@ class StringOperators : public StringBase {
         return static_cast<Self&>(*this);
     }
     Self& operator=(const char* text) { return set(viewOf(text)); }
+    template <std::same_as<std::string_view> View>
+    Self& operator=(View text) {
+        return set(text);
+    }
     Self& operator=(char character) { return set({&character, 1}); }
     Self& operator=(std::initializer_list<char> characters) {
         return set({characters.begin(), characters.size()});
@@ -85,6 +94,10 @@ class StringOperators : public StringBase {
 
     Self& operator+=(const std::string& text) { return add(text); }
     Self& operator+=(const char* text) { return add(viewOf(text)); }
+    template <std::same_as<std::string_view> View>
+    Self& operator+=(View text) {
+        return add(text);
+    }
     Self& operator+=(char character) { return add({&character, 1}); }
 
     friend Self operator+(const Self& left, const Self& right) { return joined(left, right); }

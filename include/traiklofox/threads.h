@@ -44,7 +44,8 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
 
     /// Stops the thread inside a signal handler until as many `Resume` calls follow. Returns the number of
     /// suspensions before this one, or -1 when the thread has ended or cannot be signalled. The thread may
-    /// hold any lock while it is stopped: a suspender that then needs it waits for ever.
+    /// hold any lock while it is stopped but that of a thread's state: a suspender that then needs it, such as an
+    /// event's, the heap's, or that of a queue of calls, waits for ever.
     LONG Suspend();
     /// Takes back one `Suspend`. Returns the number of suspensions before this call (0: it was not
     /// suspended), or -1 when the thread has ended or cannot be signalled.
@@ -79,7 +80,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("thread state") Thread : public Handl
     void unlockSelf() const TRAIKLOFOX_RELEASE();
 
     pthread_t tid TRAIKLOFOX_GUARDED_BY(this);
-    ThreadState_t state TRAIKLOFOX_GUARDED_BY(this);
+    std::atomic<ThreadState_t> state;  // changed under the lock
     mutable pthread_mutex_t
         lock;  // the thread's exit takes it too, so that no signal goes to an id that is gone
     LONG suspendCount TRAIKLOFOX_GUARDED_BY(this);
@@ -131,6 +132,8 @@ TRAIKLOFOX_API int unixthread_create_detached(void* (*start)(void*), void* argum
 /// The calling thread's handle, which stays the thread's own: duplicate it before handing it to somebody who
 /// may outlive the thread. Works on threads that the library did not start.
 ///
+/// Never returns null: an allocation failure, on the first call of such a thread, is thrown as `std::bad_alloc`.
+///
 /// Unlike Win32: it is the real handle, not a pseudo-handle.
 TRAIKLOFOX_C_API Handle* GetCurrentThread();
 /// The calling thread's pthread id.
@@ -156,7 +159,8 @@ TRAIKLOFOX_C_API int SetThreadPriority(Handle* thread, int priority);
 /// Queues `function(data, 0, 0)` to `thread`, which runs it in its next alertable wait or sleep; one under
 /// way ends with WAIT_IO_COMPLETION, and another call that the thread blocks in fails with EINTR if the
 /// thread has ever checked for calls. Dropped when the thread has ended; lost when it never waits alertably.
-/// Any thread may call. Returns 0, or 0xFFFFFFFF for a handle that is no thread.
+/// Any thread may call. A null `function` only ends the wait. Returns 0, or 0xFFFFFFFF for a handle that is no
+/// thread, or with errno ENOMEM.
 ///
 /// Unlike Win32: 0 is success.
 TRAIKLOFOX_C_API DWORD QueueUserAPC(PAPCFUNC function, Handle* thread, ULONG_PTR data);

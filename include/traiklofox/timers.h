@@ -61,6 +61,7 @@ class TRAIKLOFOX_API Timer : public Handle {
     bool ownerTakesCalls() const;
     Expiry expire();
     static Expiry awaitExpiry();
+    static bool queueCall(const Expiry& expiry);
     static DWORD TimerThread(void*);
 
     State state;

@@ -14,10 +14,10 @@ constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;  ///< the most handles in one wait on
 ///
 /// milliseconds  0 tests without blocking; INFINITE never times out.
 /// alertable     TRUE: a queued call that runs on this thread ends a timed wait.
-/// Returns WAIT_OBJECT_0, WAIT_TIMEOUT, WAIT_IO_COMPLETION, or WAIT_FAILED for a null handle. Leaves errno
-/// alone. An auto-reset event is consumed by the wait that returns WAIT_OBJECT_0. A kind that has no wait of
-/// its own (a file, a timer) counts as signalled. A wait on a process has no time-out (see process.h). A
-/// cancellation point (`pthread_cancel`).
+/// Returns WAIT_OBJECT_0, WAIT_TIMEOUT, WAIT_IO_COMPLETION, or WAIT_FAILED for a null handle, or with errno
+/// ENOMEM. Leaves errno alone otherwise. An auto-reset event is consumed by the wait that returns
+/// WAIT_OBJECT_0. A kind that has no wait of its own (a file, a timer) counts as signalled. A wait on a
+/// process has no time-out (see process.h). A cancellation point (`pthread_cancel`).
 ///
 /// Unlike Win32: an INFINITE wait on one event never runs queued calls, alertable or not.
 TRAIKLOFOX_C_API DWORD WaitForSingleObjectEx(Handle* handle, DWORD milliseconds, BOOL alertable);
@@ -43,7 +43,8 @@ TRAIKLOFOX_C_API DWORD WaitForSingleObject(Handle* handle, DWORD milliseconds);
 /// - in an array of several kinds the first handle found signalled is reported at once, also for a wait for
 /// all;
 ///   an event reported that way keeps its signal even when it is auto-reset;
-/// - arrays of nothing but files, timers, mutexes or semaphores return 0 at once.
+/// - an array of one kind alone of files, timers, mutexes or semaphores returns 0 at once; one of semaphores and
+///   mutexes is ended by its time-out alone.
 TRAIKLOFOX_C_API DWORD WaitForMultipleObjectsEx(DWORD count, Handle** handles, BOOL waitAll,
                                                 DWORD milliseconds, BOOL alertable);
 

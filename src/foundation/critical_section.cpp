@@ -27,9 +27,17 @@ void setCount(_critsection& section, int count) {
     __atomic_store_n(&section.count, count, __ATOMIC_RELAXED);
 }
 
+// The owner comes last: from then on a stranger may leave the section and let another in, who counts for himself.
 void own(_critsection& section, pthread_t owner) {
-    setOwner(section, owner);
     setCount(section, 1);
+    setOwner(section, owner);
+}
+
+/// Frees the section unless somebody else has done so since `owner` was seen there.
+void disown(_critsection& section, pthread_t owner) {
+    if (__atomic_compare_exchange_n(&section.owner, &owner, kNobody, /*weak=*/false, __ATOMIC_RELAXED,
+                                    __ATOMIC_RELAXED))
+        pthread_mutex_unlock(&section.mutex);
 }
 
 }  // namespace
@@ -67,8 +75,7 @@ int LeaveCriticalSection(_critsection* section) {
         setCount(*section, depth - 1);
         if (depth > 1) return depth;
     }
-    setOwner(*section, kNobody);
-    pthread_mutex_unlock(&section->mutex);
+    disown(*section, owner);
     return 0;
 }
 

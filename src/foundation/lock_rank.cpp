@@ -4,19 +4,33 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace traiklofox::foundation {
 namespace {
 
-constexpr const char* kRankNames[] = {"watch handles",   "directory data",
-                                      "directory entry", "notify records",
-                                      "completion port", "registry cache",
-                                      "open keys",       "registry key",
-                                      "key numbers",     "process watch",
-                                      "timers",          "thread pool",
-                                      "thread state",    "event bookkeeping",
-                                      "event",           "embedded event",
-                                      "semaphore",       "leaf"};
+constexpr const char* kRankNames[] = {"watch handles",
+                                      "directory data",
+                                      "directory entry",
+                                      "notify records",
+                                      "completion port",
+                                      "registry cache",
+                                      "open keys",
+                                      "registry key",
+                                      "key numbers",
+                                      "profile writes",
+                                      "profile map",
+                                      "profile",
+                                      "process watch",
+                                      "timers",
+                                      "thread pool",
+                                      "thread state",
+                                      "event bookkeeping",
+                                      "event",
+                                      "embedded event",
+                                      "semaphore",
+                                      "leaf"};
+static_assert(std::size(kRankNames) == static_cast<size_t>(LockRank::Leaf) + 1);
 
 // A path walk holds two keys at a time; nothing nests deeper than this.
 constexpr int kMostHeld = 32;

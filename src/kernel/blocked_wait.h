@@ -5,6 +5,9 @@
 #include <traiklofox/threads.h>
 #include <traiklofox/wait.h>
 
+#include <cerrno>
+#include <new>
+
 #include "foundation/deadline.h"
 #include "foundation/sys.h"
 
@@ -16,9 +19,14 @@ namespace traiklofox::kernel {
 template <class Block>
 DWORD waitWithin(DWORD milliseconds, BOOL alertable, Block block) {
     if (milliseconds == 0) return WAIT_TIMEOUT;
-    if (milliseconds == INFINITE) return block(/*deadline=*/nullptr, /*alertable=*/FALSE);
-    const timespec deadline = foundation::deadlineAfter(sys::now(), milliseconds);
-    const DWORD result = block(&deadline, alertable);
+    DWORD result = WAIT_FAILED;
+    try {
+        if (milliseconds == INFINITE) return block(/*deadline=*/nullptr, /*alertable=*/FALSE);
+        const timespec deadline = foundation::deadlineAfter(sys::now(), milliseconds);
+        result = block(&deadline, alertable);
+    } catch (const std::bad_alloc&) {  // for what the thread keeps for its waits
+        errno = ENOMEM;
+    }
     if (alertable && result == WAIT_IO_COMPLETION) UserAPCCheck();
     return result;
 }

@@ -24,6 +24,10 @@ struct QueuedCall {
 
 /// What a thread sleeps on in an alertable wait, and how whoever queues a call to it ends that sleep.
 struct SleepPlace {
+    static SleepPlace in(Thread& thread, Parker& parker) {
+        return {&thread, &parker, [](void* place) { static_cast<Parker*>(place)->unpark(); }};
+    }
+
     Handle* keepAlive = nullptr;  // holds the place
     void* place = nullptr;
     void (*wake)(void* place) = nullptr;
@@ -36,7 +40,6 @@ class CallQueue {
         Nothing,  // the thread is busy and will look
         Signal,   // it may be blocked in a system call
         Sleeper,  // it sleeps at `place`, whose object has been given a reference
-        Futex,    // it sleeps in sleepFor
     };
     struct Push {
         Wake wake;
@@ -45,8 +48,8 @@ class CallQueue {
 
     /// `byItself`: the thread itself queues the call.
     Push push(const QueuedCall& call, bool byItself);
-    /// Ends the sleep that `push` reported as Sleeper or Futex, and drops the reference.
-    void endSleep(const Push& pushed);
+    /// Ends the sleep that `push` reported as Sleeper, and drops the reference.
+    static void endSleep(const Push& pushed);
 
     /// The signal that `push` asked for has arrived (in its handler), or could not be sent. While one is on its way
     /// none is asked for: the kernel would queue each of them, and has room for so many for all processes of a user, on
@@ -65,8 +68,8 @@ class CallQueue {
     void lockForFork() const;
     void unlockAfterFork() const;
 
-    /// How many calls wait.
-    size_t size() const;
+    /// How many calls wait. Without the lock, which a suspended thread may hold.
+    size_t size() const { return size_.load(std::memory_order_relaxed); }
 
     Parker& parker() { return parker_; }
 
@@ -75,23 +78,15 @@ class CallQueue {
     bool publishSleep(const SleepPlace& place);
     void withdrawSleep();
 
-    /// Sleeps at most `milliseconds`. Returns false when the time passed, true when a call was queued or a
-    /// signal handler ran.
-    bool sleepFor(DWORD milliseconds);
-
   private:
-    bool beginFutexSleep();  // false: calls are pending, as they are when it ends with true
-    bool endFutexSleep();
-
     mutable foundation::Mutex<foundation::LockRank::Leaf> lock_;
     std::deque<QueuedCall> calls_ TRAIKLOFOX_GUARDED_BY(lock_);
+    std::atomic<size_t> size_{0};                  // of the calls
     size_t due_ TRAIKLOFOX_GUARDED_BY(lock_) = 0;  // of the calls, for `pop`
     bool idle_ TRAIKLOFOX_GUARDED_BY(lock_) = false;
     SleepPlace sleepsAt_ TRAIKLOFOX_GUARDED_BY(lock_);
     std::atomic<bool> signalled_{false};
     Parker parker_;
-    std::atomic<std::int32_t> futexSleep_{
-        0};  // 1 while the thread sleeps in sleepFor; changed under the lock
 };
 
 /// Publishes the calling thread's alertable sleep for a scope.

@@ -116,7 +116,7 @@ void ChildRecords::unlockAfterFork() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void ChildRecords::forgetInForkedChild() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
-    for (const auto& [pid, record] : records()) record->fate.store(Fate::Lost, std::memory_order_release);
+    for (const auto& [pid, record] : records()) record->isOurs = false;
     records().clear();
     pthread_mutex_unlock(recordsLock.native());
 }

@@ -33,6 +33,7 @@
 #include "kernel/blocked_wait.h"
 #include "kernel/call_queue.h"
 #include "kernel/event_guard.h"
+#include "kernel/fork_generation.h"
 #include "kernel/handle_arguments.h"
 #include "kernel/hooks.h"
 #include "kernel/multi_wait_entry.h"
@@ -40,6 +41,7 @@
 using traiklofox::foundation::LockRank;
 using traiklofox::kernel::AlertableSleep;
 using traiklofox::kernel::EventGuard;
+using traiklofox::kernel::ForkGeneration;
 using traiklofox::kernel::MultiWaitEntry;
 using traiklofox::kernel::PostedWaits;
 using traiklofox::kernel::WaiterCount;
@@ -143,7 +145,8 @@ Event::Event(LONG initialData, BOOL resetsManually, BOOL initialState, const cha
       resetWaiting(0),
       resetCond(PTHREAD_COND_INITIALIZER),
       multiWaiters(nullptr),
-      embedded(isEmbedded) {}
+      embedded(isEmbedded),
+      generation(ForkGeneration::current()) {}
 
 Event::~Event() {
     { const EventGuard waitForTheLastSet(*this); }
@@ -160,6 +163,13 @@ DWORD Event::What() const {
 }
 
 void Event::lockSelf() {
+    ForkGeneration::enter(generation, [this]() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        lock = PTHREAD_MUTEX_INITIALIZER;
+        cond = resetCond = PTHREAD_COND_INITIALIZER;
+        waiters = resetWaiting = 0;
+        multiWaiters = nullptr;
+        noteWatchers();
+    });
     pthread_mutex_lock(&lock);
     traiklofox::foundation::noteLockAcquired(embedded ? LockRank::EmbeddedEvent : LockRank::Event, this);
 }
@@ -216,9 +226,11 @@ BOOL Event::Reset() {
         ++resetWaiting;
         const auto announced =
             traiklofox::foundation::onExit([this]() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS { --resetWaiting; });
-        while (waiters > 0) pthread_cond_wait(&resetCond, &lock);
+        // Once another has withdrawn the signal, who waits is not being released.
+        while (waiters > 0 && EventIsSignaled()) pthread_cond_wait(&resetCond, &lock);
     }
     state.fetch_and(~kSignaled, std::memory_order_acq_rel);
+    if (resetWaiting > 0) pthread_cond_broadcast(&resetCond);
     return 1;
 }
 

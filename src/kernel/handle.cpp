@@ -74,7 +74,7 @@ Event* Handle::synchEvent(BOOL manualReset) {
     if (Event* event = existingSynch()) return event;
     Event* made = new Event(/*initialData=*/-1, manualReset, /*initialState=*/FALSE, nullptr);
     Event* present = nullptr;
-    if (synch.compare_exchange_strong(present, made, std::memory_order_acq_rel)) return made;
+    if (synch.compare_exchange_strong(present, made)) return made;
     made->DecRefCount();  // another thread was first
     return present;
 }

@@ -161,9 +161,9 @@ DWORD Event::WaitForMultipleHandles(DWORD count, Handle** handles, BOOL waitAll,
     if (waitAll && signaledCount == count) return WAIT_OBJECT_0;
     if (milliseconds == 0) return WAIT_TIMEOUT;
 
-    ThreadContext& context = *GetThreadContext();
-    if (context.multiEvent == nullptr) context.multiEvent = new MultiEvent(count);
     return waitWithin(milliseconds, alertable, [&](const timespec* deadline, BOOL alerts) {
+        ThreadContext& context = *GetThreadContext();
+        if (context.multiEvent == nullptr) context.multiEvent = new MultiEvent(count);
         return context.multiEvent->waitForEvents(count, handles, waitAll, deadline, alerts);
     });
 }

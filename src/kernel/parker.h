@@ -27,6 +27,12 @@ class Parker {
         const int result = deadline != nullptr ? sem_timedwait(&wakeUps_, deadline) : sem_wait(&wakeUps_);
         return result == 0 ? 0 : std::exchange(errno, saved);
     }
+    /// The same by the monotonic clock.
+    int parkUntil(const timespec& deadline) {
+        const int saved = errno;
+        const int result = sem_clockwait(&wakeUps_, CLOCK_MONOTONIC, &deadline);
+        return result == 0 ? 0 : std::exchange(errno, saved);
+    }
     void unpark() { (void)sem_post(&wakeUps_); }  // fails at 2^31 wake-ups that nobody has used up
 
     /// Whether it is in a list. Its own thread may ask without the lock once it has been parked.
@@ -73,7 +79,8 @@ class ParkedThreads {
     Parker* last_ = nullptr;
 };
 
-/// Threads to wake when the lock is free under which they were chosen: they would only wait for it.
+/// Threads to wake when the lock is free under which they were chosen: they would only wait for it, and their
+/// references may be the last ones.
 class WakeList {
   public:
     WakeList() = default;
@@ -83,20 +90,16 @@ class WakeList {
     WakeList(const WakeList&) = delete;
     WakeList& operator=(const WakeList&) = delete;
 
-    void add(std::pair<Thread*, Parker*> chosen) {
-        if (count_ < kRoom) {
-            chosen_[count_++] = chosen;
-        } else {
-            wake(chosen);
-        }
-    }
+    bool isFull() const { return count_ == kRoom; }
+    /// Not to a full one.
+    void add(std::pair<Thread*, Parker*> chosen) { chosen_[count_++] = chosen; }
 
   private:
     static void wake(std::pair<Thread*, Parker*> chosen) {
         chosen.second->unpark();
         chosen.first->DecRefCount();
     }
-    static constexpr size_t kRoom = 8;  // more are woken under the lock
+    static constexpr size_t kRoom = 8;
     std::pair<Thread*, Parker*> chosen_[kRoom];
     size_t count_ = 0;
 };

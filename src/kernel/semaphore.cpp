@@ -21,12 +21,14 @@
 #include "foundation/lock_rank.h"
 #include "kernel/blocked_wait.h"
 #include "kernel/call_queue.h"
+#include "kernel/fork_generation.h"
 #include "kernel/handle_arguments.h"
 #include "kernel/parker.h"
 #include "kernel/thread_life.h"
 
 using traiklofox::foundation::LockRank;
 using traiklofox::kernel::AlertableSleep;
+using traiklofox::kernel::ForkGeneration;
 using traiklofox::kernel::handleAs;
 using traiklofox::kernel::ParkedThreads;
 using traiklofox::kernel::Parker;
@@ -39,6 +41,11 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Semaphore::Section {
   public:
     explicit Section(Semaphore& semaphore) TRAIKLOFOX_ACQUIRE(semaphore) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
         : semaphore_(semaphore) {
+        ForkGeneration::enter(semaphore.generation, [&] {
+            semaphore.lock = PTHREAD_MUTEX_INITIALIZER;
+            *semaphore.waiters = {};
+            semaphore.noteWaiters();
+        });
         pthread_mutex_lock(&semaphore_.lock);
         traiklofox::foundation::noteLockAcquired(LockRank::Semaphore, &semaphore_.lock);
     }
@@ -84,9 +91,7 @@ class Semaphore::Waiter {
     int park(const timespec* deadline) { return parker_.park(deadline); }
     /// Takes what a release has woken the thread for, if it has.
     bool takeWoken() { return wasWokenToTake_ = !parker_.isListed() && semaphore_.tryTake(); }
-    SleepPlace place() const {
-        return {&thread_, &parker_, [](void* parker) { static_cast<Parker*>(parker)->unpark(); }};
-    }
+    SleepPlace place() const { return SleepPlace::in(thread_, parker_); }
 
   private:
     Semaphore& semaphore_;
@@ -101,7 +106,8 @@ Semaphore::Semaphore(LONG initialCount, LONG greatestCount, const char* givenNam
       maxCount(greatestCount),
       lock(PTHREAD_MUTEX_INITIALIZER),
       waiters(std::make_unique<ParkedThreads>()),
-      name(givenName != nullptr ? givenName : "") {}
+      name(givenName != nullptr ? givenName : ""),
+      generation(ForkGeneration::current()) {}
 
 Semaphore::~Semaphore() {
     { const Section waitForTheLastRelease(*this); }
@@ -167,18 +173,34 @@ BOOL Semaphore::Release(LONG amount, LONG* previous) {
 }
 
 [[gnu::noinline]] BOOL Semaphore::releaseToWaiters(LONG amount, LONG* previous) {
-    WakeList woken;
-    const Section section(*this);
-    DWORD seen = state.load(std::memory_order_relaxed);
-    do {
-        if (amount > maxCount - countIn(seen)) return 0;
-    } while (!state.compare_exchange_weak(seen, seen + static_cast<DWORD>(amount), std::memory_order_acq_rel,
-                                          std::memory_order_relaxed));
-    for (LONG takers = countIn(seen) + amount; takers > 0 && !waiters->isEmpty(); --takers)
-        woken.add(waiters->takeFirst());
-    noteWaiters();
-    if (previous != nullptr) *previous = countIn(seen);
+    LONG takers = 0;
+    {
+        WakeList woken;
+        const Section section(*this);
+        DWORD seen = state.load(std::memory_order_relaxed);
+        do {
+            if (amount > maxCount - countIn(seen)) return 0;
+        } while (!state.compare_exchange_weak(seen, seen + static_cast<DWORD>(amount),
+                                              std::memory_order_acq_rel, std::memory_order_relaxed));
+        if (previous != nullptr) *previous = countIn(seen);
+        takers = chooseTakers(countIn(seen) + amount, woken);
+        if (takers == 0) return 1;
+        IncRefCount();  // those who are woken now may close it
+    }
+    while (takers > 0) {
+        WakeList woken;
+        const Section section(*this);
+        takers = chooseTakers(takers, woken);
+    }
+    DecRefCount();
     return 1;
+}
+
+/// Takes waiters off the list for so many, as far as there is room. Returns for how many more there are waiters.
+LONG Semaphore::chooseTakers(LONG takers, WakeList& woken) {
+    for (; takers > 0 && !waiters->isEmpty() && !woken.isFull(); --takers) woken.add(waiters->takeFirst());
+    noteWaiters();
+    return waiters->isEmpty() ? 0 : takers;
 }
 
 Handle* CreateSemaphore(_SECURITY_ATTRIBUTES*, LONG initialCount, LONG maxCount, const char* name) {

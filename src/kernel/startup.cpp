@@ -7,6 +7,7 @@
 
 #include "foundation/lock_rank.h"
 #include "kernel/child_records.h"
+#include "kernel/fork_generation.h"
 #include "kernel/process_watcher.h"
 #include "kernel/signals.h"
 #include "kernel/thread_life.h"
@@ -44,6 +45,7 @@ void unlockInParent() {
 }
 
 void unlockInChild() {
+    ForkGeneration::beginInChild();
     ThreadLife::unlockOwnInChild();
     ChildRecords::forgetInForkedChild();
     Event::Unlock();

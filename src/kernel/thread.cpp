@@ -2,7 +2,7 @@
 // one.
 //
 // The state lock is what a thread's exit takes to give its id up: who holds it and finds an id may use it.
-// Whoever resumes a thread needs it. So a thread cannot be suspended while it holds its own, and nobody waits for
+// Whoever suspends or resumes a thread needs it. So nobody can be suspended who holds one, and nobody waits for
 // anything under it: a suspended thread may have its call queue, the heap or libc's record of it locked. Calls of libc
 // that may wait for the thread use its id without the lock, and its exit waits for them.
 
@@ -30,7 +30,6 @@ using traiklofox::kernel::ThreadLife;
 class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
   public:
     explicit StateGuard(const Thread& thread) TRAIKLOFOX_ACQUIRE(thread) : thread_(thread) {
-        if (ThreadLife::isCurrent(thread)) ownIsHeld_.emplace();
         thread_.lockSelf();
     }
     ~StateGuard() TRAIKLOFOX_RELEASE() { thread_.unlockSelf(); }
@@ -43,7 +42,7 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Thread::StateGuard {
     }
 
   private:
-    std::optional<SuspensionDeferred> ownIsHeld_;  // outlives the unlock
+    const SuspensionDeferred deferred_;  // outlives the unlock
     const Thread& thread_;
 };
 
@@ -103,7 +102,7 @@ void Thread::unlockSelf() const {
 // it is reported from the state, so that nothing that resets the event can hide it.
 Event* Thread::GetSynch(int& signaled) {
     Event* event = synchEvent(/*manualReset=*/TRUE);
-    signaled = GetState() == THREAD_FINISHED;
+    signaled = GetState() == THREAD_FINISHED;  // looked at in the reverse order of `finish`
     return event;
 }
 
@@ -125,9 +124,9 @@ DWORD Thread::WaitForMultipleHandles(DWORD, Handle**, BOOL, DWORD, BOOL) {
     return WAIT_FAILED;
 }
 
+// Without the lock, for every wait for a thread and every call queued to one asks.
 ThreadState_t Thread::GetState() const {
-    const StateGuard guard(*this);
-    return state;
+    return state.load();
 }
 
 void Thread::SetState(ThreadState_t newState) {

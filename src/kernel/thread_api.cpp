@@ -66,9 +66,16 @@ Handle* CreateThread(_SECURITY_ATTRIBUTES*, SIZE_T, LPTHREAD_START_ROUTINE start
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_attr_setscope(&attributes, ThreadScopeState);
 
-    auto* thread = new Thread(/*id=*/0);
+    Thread* thread = nullptr;
+    std::unique_ptr<ThreadArgs> arguments;
+    try {
+        arguments = std::make_unique<ThreadArgs>(ThreadArgs{start, argument, nullptr});
+        thread = arguments->thread = new Thread(/*id=*/0);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     thread->IncRefCount();
-    auto arguments = std::make_unique<ThreadArgs>(ThreadArgs{start, argument, thread});
     pthread_t unwanted{};
     pthread_t& id = threadId != nullptr ? *threadId : unwanted;  // stored before the thread runs
     const int error = pthread_create(&id, &attributes, KzThreadBase, arguments.get());

@@ -61,7 +61,8 @@ void ThreadLife::unlockOwnInChild() {
     if (own == nullptr) return;
     own->lock = PTHREAD_MUTEX_INITIALIZER;
     own->idUses = 0;
-    own->calls->signalArrived();  // what is on its way to the parent does not come here
+    own->suspendCount = 0;
+    own->calls->signalArrived();  // what is on its way to the parent, a suspension too, does not come here
     own->calls->unlockAfterFork();
 }
 

@@ -137,7 +137,11 @@ void ThreadPool::startReservedWorker() {
         --workers;
         tellShutdown();
     });
-    if (creator(ThreadPoolConsume, this)) notStarted.dismiss();
+    try {
+        if (creator(ThreadPoolConsume, this)) notStarted.dismiss();
+    } catch (const std::bad_alloc&) {
+        return;  // the next job starts one
+    }
 }
 
 void ThreadPool::Produce(void* job) {

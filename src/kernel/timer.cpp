@@ -11,7 +11,7 @@
 #include <traiklofox/timers.h>
 
 #include <cerrno>
-#include <csignal>
+#include <new>
 #include <utility>
 
 #include "foundation/deadline.h"
@@ -19,12 +19,14 @@
 #include "foundation/sys.h"
 #include "kernel/call_queue.h"
 #include "kernel/handle_arguments.h"
+#include "kernel/signals.h"
 #include "kernel/thread_life.h"
 #include "kernel/timers_at_fork.h"
 
 using traiklofox::foundation::LockGuard;
 using traiklofox::foundation::LockRank;
 using traiklofox::kernel::handleAs;
+using traiklofox::kernel::SignalsBlocked;
 using traiklofox::kernel::ThreadLife;
 
 namespace {
@@ -84,6 +86,7 @@ BOOL Timer::StartThread() {
         const LockGuard guard(RequestLock);
         if (std::exchange(threadRuns, true)) return 1;
     }
+    const SignalsBlocked inherited;  // the application's signals are for its own threads
     Handle* thread = CreateThread(nullptr, 0, TimerThread, nullptr, 0, nullptr);
     if (CloseHandle(thread)) return 1;
     const LockGuard guard(RequestLock);
@@ -187,15 +190,22 @@ Timer::Expiry Timer::awaitExpiry() {
 }
 
 DWORD Timer::TimerThread(void*) {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);  // the application's signals are for its own threads
     for (;;) {
         const Expiry expiry = awaitExpiry();
         if (expiry.owner == nullptr) continue;
+        while (!queueCall(expiry)) SleepEx(kPauseMs, FALSE);
+        expiry.owner->DecRefCount();
+    }
+}
+
+/// False: there was no memory for the call.
+bool Timer::queueCall(const Expiry& expiry) {
+    try {
         expiry.owner->QueueAPC(expiry.routine, expiry.argument, reinterpret_cast<void*>(expiry.due.tv_sec),
                                reinterpret_cast<void*>(expiry.due.tv_nsec));
-        expiry.owner->DecRefCount();
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
     }
 }
 

@@ -182,6 +182,23 @@ TEST(CriticalSection, IsHeldUntilEveryEnterIsLeft) {
     std::thread([&] { EXPECT_EQ(LeaveCriticalSection(&section), 0) << "frees it at any depth"; }).join();
     EXPECT_EQ(tryEnterFromAnotherThread(section), 1);
     EXPECT_EQ(EnterCriticalSection(&section) + LeaveCriticalSection(&section), 0);
+
+    // A stranger who leaves while the owner does frees it once for each time that it was taken.
+    std::atomic<int> inUse = 2;
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 20'000; ++round) {
+                EnterCriticalSection(&section);
+                EnterCriticalSection(&section);
+                LeaveCriticalSection(&section);
+                LeaveCriticalSection(&section);
+            }
+            --inUse;
+        });
+    while (inUse > 0) LeaveCriticalSection(&section);
+    threads.clear();
+    EXPECT_EQ(tryEnterFromAnotherThread(section), 1);
 #endif
 }
 

@@ -176,6 +176,9 @@ TEST(CString, IsBuiltOfPiecesAndItsBufferHoldsTheTextAndWhatIsWritten) {
     EXPECT_EQ(CString(bytes), "\xe4\x62");
     EXPECT_EQ(CString(static_cast<const unsigned char*>(nullptr)), "");
     EXPECT_EQ(CString("abc", 2), "ab");
+    EXPECT_EQ(CString(static_cast<const char*>(nullptr), 3), "");
+    text = std::string_view("abc").substr(1);
+    EXPECT_EQ(text += std::string_view("d"), "bcd");
     text = "0123456789";
     text.ConcatCopy(3, text.c_str() + 7, 4, text.c_str());
     EXPECT_EQ(text, "7890123");

@@ -122,6 +122,19 @@ void useOnce(const std::vector<Handle*>& events, const Workers& peers, std::mins
     }
 }
 
+TEST(EventStress, EveryResetReturnsThoughNewWaitersCome) {
+    const auto event = makeEvent(Kind::Manual);
+    std::atomic<int> busy = 4;
+    Workers workers(4, [&](int) {
+        for (int i = 0; i < rounds(2'000); ++i) {
+            ASSERT_EQ(waitFor(event), WAIT_OBJECT_0);
+            ResetEvent(event.get());
+        }
+        --busy;
+    });
+    EXPECT_TRUE(soon([&] { return SetEvent(event.get()), busy == 0; }));
+}
+
 TEST(EventStress, NoMixtureOfUsesLeavesAnEventStuck) {
     const OwnedHandle owned[] = {makeEvent(), makeEvent(Kind::Manual), makeEvent()};
     const std::vector<Handle*> events{owned[0].get(), owned[1].get(), owned[2].get()};

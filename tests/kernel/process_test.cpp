@@ -208,7 +208,7 @@ TEST(ProcessWatch, WorksInAForkedProcessToo) {
     first.end();
     ASSERT_TRUE(soon([&] { return first.handle->GetRefCount() == 1; }));
     ASSERT_EQ(waitForAny(handles, 1), WAIT_TIMEOUT);
-    PipeEnds goOn;
+    PipeEnds goOn, looked;
     EXPECT_EQ(GetCurrentProcessId(), static_cast<DWORD>(::getpid()));
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -220,11 +220,15 @@ TEST(ProcessWatch, WorksInAForkedProcessToo) {
         EXPECT_EQ(waitForAny(both, 1), WAIT_TIMEOUT);
         own.end();
         EXPECT_EQ(waitForAny(both), WAIT_OBJECT_0 + 1);
+        EXPECT_EQ(waitForAny(handles, 1), WAIT_TIMEOUT) << "its parent's child runs";
+        looked.out.reset();
         (void)readAll(goOn.in);
         EXPECT_EQ(waitForAny(handles), WAIT_OBJECT_0);
         EXPECT_FALSE(GetExitCodeProcess(before.handle.get(), nullptr));
         ExitProcess(::testing::Test::HasFailure() ? 1 : 0);
     }
+    looked.out.reset();
+    (void)readAll(looked.in);
     before.endUnseen();
     goOn.out.reset();
     int status = -1;

@@ -44,17 +44,17 @@ TEST(Semaphore, CountsFromItsInitialCountUpToItsMaximum) {
 }
 
 TEST(Semaphore, ReleaseWakesAsManyAsItReleases) {
-    const auto semaphore = makeSemaphore(0, 5);
+    const auto semaphore = makeSemaphore(0, 25);
     std::atomic<int> through = 0;
-    const Workers waiters(5, [&](int number) {
+    const Workers waiters(25, [&](int number) {
         EXPECT_EQ(waitFor(semaphore, number % 2 == 0 ? kBound : INFINITE), WAIT_OBJECT_0);
         ++through;
     });
     EXPECT_TRUE(waiters.fallAsleep());
     int released = 0;
-    for (const int amount : {2, 1, 2}) {
+    for (const int amount : {2, 1, 22}) {
         LONG previous = 77;
-        EXPECT_EQ(ReleaseSemaphore(semaphore.get(), 6, nullptr), 0) << "more than its maximum";
+        EXPECT_EQ(ReleaseSemaphore(semaphore.get(), 26, nullptr), 0) << "more than its maximum";
         EXPECT_EQ(ReleaseSemaphore(semaphore.get(), amount, &previous), 1);
         EXPECT_EQ(previous, 0);
         EXPECT_TRUE(becomes(through, released += amount));

@@ -125,17 +125,18 @@ TEST(Thread, EndIsMissedByNobodyWhoUsesTheHandleMeanwhile) {
 
 #if !defined(__SANITIZE_ADDRESS__)  // which takes the frames that an exit unwinds for live ones
 TEST(Thread, ExitAndCancellationUnwindItsStackAndSignalIt) {
-    for (const bool cancelled : {false, true}) {
+    for (const auto& [cancelled, alertable] : {std::pair{false, FALSE}, {true, FALSE}, {true, TRUE}}) {
 #if defined(__SANITIZE_THREAD__)  // which sees no lock any more of a thread cancelled in a sleep
         if (cancelled) break;
 #endif
         std::atomic<int> unwound = 0;
         std::atomic<pthread_t> id{};
-        const OwnedHandle thread = createThread([&] {
+        const OwnedHandle thread = createThread([&, cancelled = cancelled, alertable = alertable] {
             const std::unique_ptr<std::atomic<int>, void (*)(std::atomic<int>*)> local{&unwound,
                                                                                        [](auto* n) { ++*n; }};
             id = pthread_self();
-            cancelled ? Sleep(INFINITE - 1) : ExitThread(7);
+            if (!cancelled) ExitThread(7);
+            SleepEx(INFINITE - 1, alertable);
         });
         ASSERT_TRUE(soon([&] { return id != 0; }));
         if (cancelled) pthread_cancel(id);
@@ -212,6 +213,8 @@ TEST(Suspend, ThreadMayBeStoppedAnywhere) {
     constexpr int kMostQueued = 4;  // more than the thread can run would keep it running them for ever
     static const auto ranOne = [](void* queued, void*, void*) { --*static_cast<std::atomic<int>*>(queued); };
     const auto unset = makeEvent();
+    std::atomic<Handle*> peer =
+        GetCurrentThread();  // whom the suspender uses, too, while the thread is stopped
     const std::function<void()> bodies[] = {
         [] { (void)static_cast<Thread*>(GetCurrentThread())->GetTid(); },
         [] { (void)GetThreadPriority(GetCurrentThread()); },
@@ -222,9 +225,13 @@ TEST(Suspend, ThreadMayBeStoppedAnywhere) {
         [] { QueueUserAPC(nothing, GetCurrentThread(), 0); },
         [&] { (void)waitFor(unset, 1, TRUE); },
         [&] { SetEvent(unset.get()), (void)waitFor(unset, 1); },
+        [&] { (void)static_cast<Thread*>(peer.load())->GetTid(); },
+        [&] { (void)GetThreadPriority(peer), (void)WaitForSingleObject(peer, 0); },
     };
     for (const auto& body : bodies) {
         std::atomic<int> queued = 0;
+        Busy other{[] { Sleep(1); }};
+        peer = other.handle();
         Busy thread{[&] { body(), (void)UserAPCCheck(); }};
         Busy caller{[&] {
             (void)GetThreadPriority(thread.handle());
@@ -232,8 +239,11 @@ TEST(Suspend, ThreadMayBeStoppedAnywhere) {
             ++queued;
             queueTo(thread.handle(), ranOne, queued);
         }};
-        for (int round = 0; round < rounds(200); ++round)
+        for (int round = 0; round < rounds(200); ++round) {
             ASSERT_TRUE(thread.survivesSuspension(round % 8 != 0));
+            EXPECT_EQ(SuspendThread(thread.handle()) + SuspendThread(other.handle()), 0u);
+            EXPECT_EQ(ResumeThread(other.handle()) + ResumeThread(thread.handle()), 2u);
+        }
     }
 }
 
