@@ -14,12 +14,15 @@
 #include "files/notify_records.h"
 #include "foundation/mutex.h"
 #include "foundation/on_exit.h"
+#include "kernel/call_queue.h"
 #include "kernel/mixed_wait.h"
+#include "kernel/thread_life.h"
 
 using traiklofox::files::CompletionCall;
 using traiklofox::files::HandleRef;
 using traiklofox::files::NotificationState;
 using traiklofox::foundation::LockGuard;
+using traiklofox::kernel::ThreadLife;
 
 namespace {
 
@@ -36,6 +39,10 @@ void deliverToCaller(void* completionCall, void*, void*) {
     }
     DWORD bytes = 0;
     if (mine->handle->GetChangeData(&bytes, nullptr)) mine->routine(/*error=*/0, bytes, overlapped);
+}
+
+void discard(void* completionCall) {
+    delete static_cast<CompletionCall*>(completionCall);
 }
 
 }  // namespace
@@ -92,10 +99,9 @@ BOOL ChangeNotificationHandle::Signal() {
     call = std::move(self->completion);
     if (call == nullptr) return 1;
     thread = std::move(call->thread);
-    if (thread->GetState() != THREAD_FINISHED) {
-        call->handle = HandleRef<ChangeNotificationHandle>(this);
-        thread->QueueAPC(deliverToCaller, call.release(), nullptr, nullptr);
-    }
+    call->handle = HandleRef<ChangeNotificationHandle>(this);
+    if (ThreadLife::queue(*thread, {deliverToCaller, call.get(), nullptr, nullptr, discard}))
+        (void)call.release();  // the queue's now
     return 1;
 }
 

@@ -6,6 +6,12 @@ namespace traiklofox::kernel {
 
 using foundation::LockGuard;
 
+// The last reference to the thread is gone, and with it everybody who might use the queue.
+CallQueue::~CallQueue() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+    for (const QueuedCall& call : calls_)
+        if (call.discard != nullptr) call.discard(call.a);
+}
+
 CallQueue::Push CallQueue::push(const QueuedCall& call, bool byItself) {
     const LockGuard guard(lock_);
     calls_.push_back(call);

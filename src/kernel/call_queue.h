@@ -20,6 +20,7 @@ struct QueuedCall {
     void* a;
     void* b;
     void* c;
+    void (*discard)(void* a) = nullptr;  // frees what `a` is when the call never runs
 };
 
 /// What a thread sleeps on in an alertable wait, and how whoever queues a call to it ends that sleep.
@@ -35,6 +36,11 @@ struct SleepPlace {
 
 class CallQueue {
   public:
+    CallQueue() = default;
+    ~CallQueue();
+    CallQueue(const CallQueue&) = delete;
+    CallQueue& operator=(const CallQueue&) = delete;
+
     /// What is left to do for whoever queued a call.
     enum class Wake {
         Nothing,  // the thread is busy and will look

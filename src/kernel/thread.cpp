@@ -23,6 +23,8 @@
 
 using traiklofox::foundation::LockRank;
 using traiklofox::kernel::CallQueue;
+using traiklofox::kernel::callSignal;
+using traiklofox::kernel::QueuedCall;
 using traiklofox::kernel::SuspensionDeferred;
 using traiklofox::kernel::ThreadLife;
 
@@ -173,14 +175,19 @@ LONG Thread::Resume() {
 }
 
 void Thread::QueueAPC(PAPCFUNC function, void* a, void* b, void* c) {
-    if (GetState() == THREAD_FINISHED) return;
-    const CallQueue::Push pushed = calls->push({function, a, b, c}, ThreadLife::isCurrent(*this));
+    (void)ThreadLife::queue(*this, {function, a, b, c});
+}
+
+bool ThreadLife::queue(Thread& thread, const QueuedCall& call) {
+    if (thread.GetState() == THREAD_FINISHED) return false;
+    CallQueue& calls = callsOf(thread);
+    const CallQueue::Push pushed = calls.push(call, isCurrent(thread));
     if (pushed.wake == CallQueue::Wake::Signal) {
-        const StateGuard guard(*this);
-        if (state == THREAD_FINISHED || !guard.interrupt(traiklofox::kernel::callSignal()))
-            calls->signalArrived();
+        const Thread::StateGuard guard(thread);
+        if (thread.state == THREAD_FINISHED || !guard.interrupt(callSignal())) calls.signalArrived();
     }
-    calls->endSleep(pushed);
+    CallQueue::endSleep(pushed);
+    return true;
 }
 
 BOOL Thread::CheckAPC() {

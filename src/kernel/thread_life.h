@@ -6,6 +6,8 @@
 
 namespace traiklofox::kernel {
 
+struct QueuedCall;
+
 class ThreadLife {
   public:
     /// The calling thread's handle, made on demand for a thread that the library did not start.
@@ -13,6 +15,8 @@ class ThreadLife {
     /// Whether it is that handle. Makes none.
     static bool isCurrent(const Thread& thread);
     static CallQueue& callsOf(Thread& thread) { return *thread.calls; }
+    /// `Thread::QueueAPC`. False: the thread has ended, and the call stays the caller's.
+    static bool queue(Thread& thread, const QueuedCall& call);
 
     /// In the handler of the signal that interrupts a thread which has calls to run.
     static void noteCallSignal();

@@ -277,6 +277,15 @@ TEST_F(WatchHandle, ACompletionRoutineRunsInAnAlertableWait) {
     closed.reset();
     (void)SleepEx(1, /*alertable=*/TRUE);
     EXPECT_EQ(routineOverlapped, nullptr);
+
+    const OwnedHandle left = unwatched(directory_.path());  // by a thread that ends before it runs
+    std::thread([&] {
+        ASSERT_TRUE(read(left.get(), buffer.data(), buffer.size(), &overlapped, routine));
+        writeText(directory_ / "file3", "");
+        pass();
+    }).join();
+    (void)FindCloseChangeNotification(left.get(), /*keep=*/1);
+    EXPECT_EQ(left->GetRefCount(), 1);
 }
 
 OwnedHandle newPort() {
