@@ -232,8 +232,8 @@ TRAIKLOFOX_API LONG RegUnnotifyChangeKeyValue(HKEY hKey, Event* event);
 TRAIKLOFOX_API void InitRegistry(DWORD flags, bool create);
 
 /// Sets the registry path to `installPath` + "registry/tw.registry". Returns 1 if that file exists, else 0.
-/// The next look-up reads it, and what is here and not written yet goes into it; while it does not exist nothing is
-/// written. Start-up sets the path from TWHOME again.
+/// The next look-up reads it, and what is here and not written yet goes into it; one that does not exist is
+/// written whole. Start-up sets the path from TWHOME again.
 TRAIKLOFOX_API int SetRegistryPath(CKZString installPath);
 /// The path of the registry file; brings the registry up first when it is not known yet.
 TRAIKLOFOX_API CKZString GetRegistryPath();

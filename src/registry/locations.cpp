@@ -55,8 +55,9 @@ int SetRegistryPath(CKZString installPath) {
     const CKZString path = installPath + "registry/tw.registry";
     auto* set = new PathNode{path, sStaticRegistryPath.load(std::memory_order_acquire)};
     while (!sStaticRegistryPath.compare_exchange_weak(set->before, set, std::memory_order_acq_rel)) continue;
+    if (traiklofox::sys::access(path.c_str(), F_OK) != 0) return 0;
     noteTreeOutOfDate();  // it is the other installation's
-    return traiklofox::sys::access(path.c_str(), F_OK) == 0;
+    return 1;
 }
 
 CKZString GetRegistryPath() {

@@ -98,11 +98,6 @@ bool checkTemporary(FileLock& file, const CKZString& name) {
     return true;
 }
 
-bool syncDirectory(const CKZString& directory) {
-    const sys::UniqueFd opened(sys::open(directory.c_str(), O_RDONLY | O_DIRECTORY));
-    return opened && sys::fsync(opened.get()) == 0;
-}
-
 void countWrite() {
     SharedPage& shared = *ShmStruct();
     shared.lastWriter.store(static_cast<std::uint32_t>(getpid()), std::memory_order_relaxed);
@@ -171,7 +166,7 @@ int writeWholeTree() {
     removeTemporary.dismiss();
     rememberFile(file.GetFileDescriptor());
     countWrite();
-    if (!syncDirectory(directory)) {
+    if (!sys::syncDirectory(directory.c_str())) {
         // The new file is there for everybody, but a power cut may bring the old one back: not done yet.
         unix_err("WriteRegistry: Unable to sync directory - %s.  errno = %s\n", directory.c_str(),
                  std::strerror(errno));

@@ -23,8 +23,9 @@ bool isWritable(HKEY handle) {
 }
 
 /// Sets values that have been checked, under the key's lock. One that equals its stored value changes nothing only when
-/// the tree was `current`: the file may have another by now.
-LONG setValues(RegKey& key, std::span<const RegValue> values, bool current) TRAIKLOFOX_REQUIRES(key.lock) {
+/// the tree is current: the file may have another by now.
+LONG setValues(RegKey& key, std::span<const RegValue> values) TRAIKLOFOX_REQUIRES(key.lock) {
+    const bool current = treeIsCurrent();
     for (const RegValue& value : values) {
         bool changed = false;
         key.SetValue(value.text(), changed, /*fromFile=*/false);
@@ -39,9 +40,8 @@ LONG setValues(RegKey& key, std::span<const RegValue> values, bool current) TRAI
 LONG setValues(const char* function, HKEY handle, std::span<const RegValue> values) {
     for (const RegValue& value : values)
         if (!valueCanBeWritten(function, value)) return kRegistryFailure;
-    const bool current = treeIsCurrent();
-    return onOpenKey(
-        handle, [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) { return setValues(key, values, current); });
+    return onOpenKey(handle,
+                     [&](RegKey& key) TRAIKLOFOX_REQUIRES(key.lock) { return setValues(key, values); });
 }
 
 }  // namespace
