@@ -103,7 +103,7 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("event") Event : public Handle {
     traiklofox::kernel::MultiWaitEntry* multiWaiters
         TRAIKLOFOX_GUARDED_BY(this);  // in order of their MultiEvent
     const bool embedded;
-    std::atomic<int> generation;  // of the process that used it last; see fork_generation.h
+    std::atomic<unsigned short> generation;  // of the process that used it last; see fork_generation.h
 
     static _critsection EventLock;
 };

@@ -14,7 +14,6 @@
 
 namespace traiklofox::kernel {
 class ParkedThreads;
-class WakeList;
 }  // namespace traiklofox::kernel
 
 /// A count between 0 and a maximum. A wait takes 1 from it, and blocks while it is 0; a release adds to it.
@@ -67,14 +66,12 @@ class TRAIKLOFOX_API TRAIKLOFOX_CAPABILITY("semaphore") Semaphore : public Handl
     void noteWaiters() TRAIKLOFOX_REQUIRES(this);
     DWORD block(const timespec* deadline, BOOL alertable);
     BOOL releaseToWaiters(LONG amount, LONG* previous);
-    LONG chooseTakers(LONG takers, traiklofox::kernel::WakeList& woken) TRAIKLOFOX_REQUIRES(this);
 
     std::atomic<DWORD> state;  // the count, and whether anybody waits; see semaphore.cpp
     const LONG maxCount;
     pthread_mutex_t lock;
     const std::unique_ptr<traiklofox::kernel::ParkedThreads> waiters TRAIKLOFOX_PT_GUARDED_BY(this);
     const std::string name;
-    std::atomic<int> generation;  // of the process that used it last; see fork_generation.h
 };
 
 /// A lock with an owner, who may take it again and releases it as often.

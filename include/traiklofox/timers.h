@@ -61,7 +61,6 @@ class TRAIKLOFOX_API Timer : public Handle {
     bool ownerTakesCalls() const;
     Expiry expire();
     static Expiry awaitExpiry();
-    static bool queueCall(const Expiry& expiry);
     static DWORD TimerThread(void*);
 
     State state;

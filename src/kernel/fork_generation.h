@@ -12,8 +12,10 @@ namespace traiklofox::kernel {
 
 class ForkGeneration {
   public:
+    using Number = unsigned short;  // small, because it stands in each of many objects
+
     /// How many forks lie between this process and the first one.
-    static int current() { return current_.load(std::memory_order_relaxed); }
+    static Number current() { return current_.load(std::memory_order_relaxed); }
     /// In the child of a fork, before it uses any object.
     static void beginInChild() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
         current_.fetch_add(1, std::memory_order_relaxed);
@@ -22,7 +24,7 @@ class ForkGeneration {
 
     /// Calls `renew`, once for all threads, if the object of that generation is from before a fork.
     template <class Renew>
-    static void enter(std::atomic<int>& generation, Renew renew) {
+    static void enter(std::atomic<Number>& generation, Renew renew) {
         if (generation.load(std::memory_order_acquire) == current()) [[likely]]
             return;
         const foundation::LockGuard guard(renewal_);
@@ -32,7 +34,7 @@ class ForkGeneration {
     }
 
   private:
-    static constinit inline std::atomic<int> current_{0};
+    static constinit inline std::atomic<Number> current_{0};
     static constinit inline foundation::Mutex<foundation::LockRank::Leaf> renewal_;
 };
 

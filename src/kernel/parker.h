@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "kernel/fork_generation.h"
+
 namespace traiklofox::kernel {
 
 class Parker {
@@ -51,6 +53,9 @@ class Parker {
 /// The threads that wait for an object, in the order in which they came.
 class ParkedThreads {
   public:
+    /// Of the process that used the list last: for the object whose lock guards it.
+    std::atomic<ForkGeneration::Number>& generation() { return generation_; }
+
     bool isEmpty() const { return first_ == nullptr; }
     void append(Parker& parker, Thread& thread) {
         parker.thread_ = &thread;
@@ -74,7 +79,10 @@ class ParkedThreads {
         return {thread, &parker};
     }
 
+    void clear() { first_ = last_ = nullptr; }
+
   private:
+    std::atomic<ForkGeneration::Number> generation_ = ForkGeneration::current();
     Parker* first_ = nullptr;
     Parker* last_ = nullptr;
 };

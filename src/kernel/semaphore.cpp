@@ -41,9 +41,9 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Semaphore::Section {
   public:
     explicit Section(Semaphore& semaphore) TRAIKLOFOX_ACQUIRE(semaphore) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
         : semaphore_(semaphore) {
-        ForkGeneration::enter(semaphore.generation, [&] {
+        ForkGeneration::enter(semaphore.waiters->generation(), [&] {
             semaphore.lock = PTHREAD_MUTEX_INITIALIZER;
-            *semaphore.waiters = {};
+            semaphore.waiters->clear();
             semaphore.noteWaiters();
         });
         pthread_mutex_lock(&semaphore_.lock);
@@ -55,6 +55,14 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Semaphore::Section {
     }
     Section(const Section&) = delete;
     Section& operator=(const Section&) = delete;
+
+    /// Takes waiters off the list for so many, as far as there is room. Returns for how many more there are waiters.
+    LONG chooseTakers(LONG takers, WakeList& woken) const TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
+        ParkedThreads& waiters = *semaphore_.waiters;
+        for (; takers > 0 && !waiters.isEmpty() && !woken.isFull(); --takers) woken.add(waiters.takeFirst());
+        semaphore_.noteWaiters();
+        return waiters.isEmpty() ? 0 : takers;
+    }
 
   private:
     Semaphore& semaphore_;
@@ -106,8 +114,7 @@ Semaphore::Semaphore(LONG initialCount, LONG greatestCount, const char* givenNam
       maxCount(greatestCount),
       lock(PTHREAD_MUTEX_INITIALIZER),
       waiters(std::make_unique<ParkedThreads>()),
-      name(givenName != nullptr ? givenName : ""),
-      generation(ForkGeneration::current()) {}
+      name(givenName != nullptr ? givenName : "") {}
 
 Semaphore::~Semaphore() {
     { const Section waitForTheLastRelease(*this); }
@@ -183,24 +190,17 @@ BOOL Semaphore::Release(LONG amount, LONG* previous) {
         } while (!state.compare_exchange_weak(seen, seen + static_cast<DWORD>(amount),
                                               std::memory_order_acq_rel, std::memory_order_relaxed));
         if (previous != nullptr) *previous = countIn(seen);
-        takers = chooseTakers(countIn(seen) + amount, woken);
+        takers = section.chooseTakers(countIn(seen) + amount, woken);
         if (takers == 0) return 1;
         IncRefCount();  // those who are woken now may close it
     }
     while (takers > 0) {
         WakeList woken;
         const Section section(*this);
-        takers = chooseTakers(takers, woken);
+        takers = section.chooseTakers(takers, woken);
     }
     DecRefCount();
     return 1;
-}
-
-/// Takes waiters off the list for so many, as far as there is room. Returns for how many more there are waiters.
-LONG Semaphore::chooseTakers(LONG takers, WakeList& woken) {
-    for (; takers > 0 && !waiters->isEmpty() && !woken.isFull(); --takers) woken.add(waiters->takeFirst());
-    noteWaiters();
-    return waiters->isEmpty() ? 0 : takers;
 }
 
 Handle* CreateSemaphore(_SECURITY_ATTRIBUTES*, LONG initialCount, LONG maxCount, const char* name) {

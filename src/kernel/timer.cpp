@@ -56,6 +56,17 @@ struct Timer::Expiry {
     PTIMERAPCROUTINE routine = nullptr;
     void* argument = nullptr;
     timespec due{};
+
+    /// False: there was no memory for the call.
+    bool queueCall() const {
+        try {
+            owner->QueueAPC(routine, argument, reinterpret_cast<void*>(due.tv_sec),
+                            reinterpret_cast<void*>(due.tv_nsec));
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
 };
 
 Timer::Timer(BOOL resetsManually, const char* givenName)
@@ -193,19 +204,8 @@ DWORD Timer::TimerThread(void*) {
     for (;;) {
         const Expiry expiry = awaitExpiry();
         if (expiry.owner == nullptr) continue;
-        while (!queueCall(expiry)) SleepEx(kPauseMs, FALSE);
+        while (!expiry.queueCall()) SleepEx(kPauseMs, FALSE);
         expiry.owner->DecRefCount();
-    }
-}
-
-/// False: there was no memory for the call.
-bool Timer::queueCall(const Expiry& expiry) {
-    try {
-        expiry.owner->QueueAPC(expiry.routine, expiry.argument, reinterpret_cast<void*>(expiry.due.tv_sec),
-                               reinterpret_cast<void*>(expiry.due.tv_nsec));
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
     }
 }
 
