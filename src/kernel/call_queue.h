@@ -26,7 +26,7 @@ struct QueuedCall {
 /// What a thread sleeps on in an alertable wait, and how whoever queues a call to it ends that sleep.
 struct SleepPlace {
     static SleepPlace in(Thread& thread, Parker& parker) {
-        return {&thread, &parker, [](void* place) { static_cast<Parker*>(place)->unpark(); }};
+        return {&thread, &parker, [](void* it) { static_cast<Parker*>(it)->unpark(); }};
     }
 
     Handle* keepAlive = nullptr;  // holds the place

@@ -41,7 +41,7 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Semaphore::Section {
   public:
     explicit Section(Semaphore& semaphore) TRAIKLOFOX_ACQUIRE(semaphore) TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS
         : semaphore_(semaphore) {
-        ForkGeneration::enter(semaphore.waiters->generation(), [&] {
+        ForkGeneration::enter(semaphore.waiters->generation(), [&]() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
             semaphore.lock = PTHREAD_MUTEX_INITIALIZER;
             semaphore.waiters->clear();
             semaphore.noteWaiters();
@@ -58,10 +58,10 @@ class TRAIKLOFOX_SCOPED_CAPABILITY Semaphore::Section {
 
     /// Takes waiters off the list for so many, as far as there is room. Returns for how many more there are waiters.
     LONG chooseTakers(LONG takers, WakeList& woken) const TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
-        ParkedThreads& waiters = *semaphore_.waiters;
-        for (; takers > 0 && !waiters.isEmpty() && !woken.isFull(); --takers) woken.add(waiters.takeFirst());
+        ParkedThreads& list = *semaphore_.waiters;
+        for (; takers > 0 && !list.isEmpty() && !woken.isFull(); --takers) woken.add(list.takeFirst());
         semaphore_.noteWaiters();
-        return waiters.isEmpty() ? 0 : takers;
+        return list.isEmpty() ? 0 : takers;
     }
 
   private:

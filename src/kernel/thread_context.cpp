@@ -56,7 +56,7 @@ void ThreadLife::unlockOwnInParent() {
 
 // The state lock cannot be taken before the fork, for a thread must not be suspended while it holds its own. Whoever
 // had it in the parent is not here.
-void ThreadLife::unlockOwnInChild() {
+void ThreadLife::unlockOwnInChild() TRAIKLOFOX_NO_THREAD_SAFETY_ANALYSIS {
     Thread* own = ownThread();
     if (own == nullptr) return;
     own->lock = PTHREAD_MUTEX_INITIALIZER;

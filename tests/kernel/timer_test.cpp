@@ -115,7 +115,7 @@ TEST(Timer, SetAgainOrCancelledForgetsTheOldDueTime) {
     const auto timer = makeTimer(), later = makeTimer();
     EXPECT_EQ(cancel(timer), 0) << "not set";
     for (const auto& [first, second] : {std::pair{20, 40}, {40, 20}, {3'600'000, 10}, {-1000, 10}}) {
-        beforeAnyIsDue(first < 0 ? kBound : first, [&] {
+        beforeAnyIsDue(first < 0 ? kBound : first, [&, first = first, second = second] {
             set(timer, in(3'600'000));
             set(timer, in(first), 1);
             EXPECT_TRUE(first >= 0 || firesNext(1));
