@@ -36,13 +36,13 @@ class TRAIKLOFOX_API StringBase : public std::string {
     /// The empty string, and copies of a text (null: the empty one) or of a string.
     StringBase() = default;
     StringBase(const char* text) : std::string(viewOf(text)) {}
+    StringBase(const std::string& text) : std::string(text) {}
+    StringBase(std::string&& text) noexcept : std::string(std::move(text)) {}
     StringBase(const char* text, size_type length)
         : std::string(text != nullptr ? std::string_view(text, length) : std::string_view()) {}
 #if __cplusplus > 202002L  // whose standard string refuses it
     StringBase(std::nullptr_t) {}
 #endif
-    StringBase(const std::string& text) : std::string(text) {}
-    StringBase(std::string&& text) noexcept : std::string(std::move(text)) {}
 
     /// Replaces the contents with exactly what `vsprintf` makes of the arguments, however long; a null
     /// `format` gives the empty string. An argument may be this string's own text. When the C library cannot
