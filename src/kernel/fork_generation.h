@@ -25,15 +25,19 @@ class ForkGeneration {
     /// Calls `renew`, once for all threads, if the object of that generation is from before a fork.
     template <class Renew>
     static void enter(std::atomic<Number>& generation, Renew renew) {
-        if (generation.load(std::memory_order_acquire) == current()) [[likely]]
-            return;
+        if (generation.load(std::memory_order_acquire) != current()) [[unlikely]]
+            renewOnce(generation, renew);
+    }
+
+  private:
+    template <class Renew>
+    [[gnu::noinline, gnu::cold]] static void renewOnce(std::atomic<Number>& generation, Renew renew) {
         const foundation::LockGuard guard(renewal_);
         if (generation.load(std::memory_order_relaxed) == current()) return;
         renew();
         generation.store(current(), std::memory_order_release);
     }
 
-  private:
     static constinit inline std::atomic<Number> current_{0};
     static constinit inline foundation::Mutex<foundation::LockRank::Leaf> renewal_;
 };
